@@ -1,0 +1,42 @@
+// Key and certificate handling over OpenSSL 3, in a library context of our own so that the
+// caller's use of OpenSSL (providers, default properties) is never disturbed.
+#ifndef QORLDAP_PLATFORM_CRYPTO_H
+#define QORLDAP_PLATFORM_CRYPTO_H
+
+#include <cstddef>
+
+// Certificate description. Only the subject text is filled and read; the record keeps the
+// width and the subject's place of the record this layer stands in for.
+struct tagCERT {
+    unsigned char reserved[608];
+    char subject[6792];  // "type=value" lines joined by '\n', most significant first
+};
+static_assert(sizeof(tagCERT) == 7400, "tagCERT is 7400 bytes");
+static_assert(offsetof(tagCERT, subject) == 608, "subject starts 608 bytes in");
+
+// Opens a PKCS#12 bundle with its password. With cert and key both null, stores the sizes
+// needed into certLen and keyLen. With buffers, fills them: the certificate as DER and the
+// private key as unencrypted PKCS#8 DER; certLen and keyLen must hold the buffers' sizes and
+// receive the lengths written. false when the bundle does not open (wrong password, not a
+// bundle, no certificate or no key) or a buffer is too small. legacy: also try the legacy
+// provider's algorithms (RC2-40, 3DES), which older exporters use.
+bool GetKeyFromPfx(unsigned char const* pfx, int pfxLen, char const* psw, unsigned char* cert,
+                   unsigned int& certLen, unsigned char* key, unsigned int& keyLen, bool legacy);
+
+// Describes a DER certificate: info.subject receives the subject, one line per attribute
+// value in encoding order, "type=value" with OpenSSL's short type names, values as UTF-8.
+// info is zeroed first. false when the certificate does not parse or the subject does not fit.
+bool GetCertInfo(unsigned char const* cert, int certLen, tagCERT& info);
+
+// Protects an unencrypted PKCS#8 DER private key under psw as DER EncryptedPrivateKeyInfo
+// (PBES2, PBKDF2-HMAC-SHA256, AES-256-CBC). With out null, stores the size needed (an upper
+// bound) into outLen. With out, outLen holds the buffer's size and receives the length written.
+bool Convert2Key(unsigned char const* key, unsigned int keyLen, char const* psw,
+                 unsigned char* out, unsigned int& outLen);
+
+// Opens a stored key (as Convert2Key writes it) with psw, in place: data receives the
+// unencrypted PKCS#8 DER and len its new length. Returns 0 on success, non-zero when the key
+// cannot be opened (wrong password, empty or malformed input); data is then untouched.
+unsigned char DecryptKey(unsigned char* data, unsigned int& len, char const* psw);
+
+#endif
