@@ -1,0 +1,192 @@
+#include "binding/OpenLdapIF.h"
+
+#include <cstdlib>
+
+#include "binding/LdapNames.h"
+#include "platform/System.h"
+
+namespace {
+
+// "libldap.so" comes only with the development package. Where only the run-time library is
+// installed, the versioned names that distributions ship are tried after it, in this order.
+char const* const kLibraryNames[] = {
+    LDAP_LIBRARY_FILE,   "libldap.so.2",       "libldap-2.5.so.0",
+    "libldap-2.6.so.0",  "libldap-2.4.so.2",   "libldap_r-2.4.so.2",
+};
+
+void* LoadDirectoryLibrary() {
+    char const* chosen = std::getenv(LDAP_LIBRARY_ENV);
+    if (chosen != nullptr && chosen[0] != '\0') {
+        return CSystem::LoadLib(chosen);
+    }
+    for (char const* name : kLibraryNames) {
+        if (void* handle = CSystem::LoadLib(name)) {
+            return handle;
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+COpenLdapIF::COpenLdapIF()
+    : library_(nullptr),
+      init_(nullptr),
+      setOption_(nullptr),
+      simpleBindS_(nullptr),
+      getLastError_(nullptr),
+      err2String_(nullptr),
+      searchExtS_(nullptr),
+      firstEntry_(nullptr),
+      nextEntry_(nullptr),
+      getDn_(nullptr),
+      countEntries_(nullptr),
+      firstAttribute_(nullptr),
+      nextAttribute_(nullptr),
+      msgFree_(nullptr),
+      getValues_(nullptr),
+      getValuesLen_(nullptr),
+      valueFree_(nullptr),
+      valueFreeLen_(nullptr),
+      memFree_(nullptr),
+      addS_(nullptr),
+      deleteS_(nullptr),
+      modifyS_(nullptr),
+      add_(nullptr),
+      berFree_(nullptr),
+      handle_(nullptr) {
+    pthread_mutex_init(&lock_.mutex, nullptr);
+}
+
+// The library stays loaded and the connection open: nothing here ends a connection.
+COpenLdapIF::~COpenLdapIF() { pthread_mutex_destroy(&lock_.mutex); }
+
+template <typename Fn>
+bool COpenLdapIF::Resolve(Fn& slot, char const* name) {
+    if (library_ == nullptr) {
+        library_ = LoadDirectoryLibrary();
+        if (library_ == nullptr) {
+            return false;
+        }
+    }
+    if (slot == nullptr) {
+        slot = reinterpret_cast<Fn>(CSystem::GetProcAddr(library_, name));
+    }
+    return slot != nullptr;
+}
+
+template <typename R, typename Fn, typename... Args>
+R COpenLdapIF::Call(Fn& slot, char const* name, R unavailable, Args... args) {
+    ScopeLock lock(&lock_);
+    if (!Resolve(slot, name)) {
+        return unavailable;
+    }
+    return slot(args...);
+}
+
+template <typename Fn, typename... Args>
+void COpenLdapIF::CallVoid(Fn& slot, char const* name, Args... args) {
+    ScopeLock lock(&lock_);
+    if (Resolve(slot, name)) {
+        slot(args...);
+    }
+}
+
+ldap* COpenLdapIF::LdapInit(char const* host, int port) {
+    ScopeLock lock(&lock_);
+    if (!Resolve(init_, LDAP_INIT_N)) {
+        return nullptr;
+    }
+    if (handle_ == nullptr) {
+        handle_ = init_(host, port);
+    }
+    return handle_;
+}
+
+int COpenLdapIF::LdapSetOption(ldap* ld, int option, void const* value) {
+    return Call<int>(setOption_, LDAP_SET_OPTION_N, 0, ld, option, value);
+}
+
+int COpenLdapIF::LdapSimpleBindS(ldap* ld, char const* who, char const* passwd) {
+    return Call<int>(simpleBindS_, LDAP_SIMPLE_BIND_S_N, 0, ld, who, passwd);
+}
+
+int COpenLdapIF::LdapGetLastErr() { return Call<int>(getLastError_, LDAP_GET_LAST_ERROR, 0); }
+
+char const* COpenLdapIF::LdapErr2String(int err) {
+    return Call<char const*>(err2String_, LDAP_ERR2STRING_N, nullptr, err);
+}
+
+int COpenLdapIF::LdapSearchExtS(ldap* ld, char const* base, int scope, char const* filter,
+                                char** attrs, int attrsonly, ldapcontrol** serverctrls,
+                                ldapcontrol** clientctrls, timeval* timeout, int sizelimit,
+                                ldapmsg** res) {
+    return Call<int>(searchExtS_, LDAP_SEARCH_EXT_S_N, 0, ld, base, scope, filter, attrs,
+                     attrsonly, serverctrls, clientctrls, timeout, sizelimit, res);
+}
+
+ldapmsg* COpenLdapIF::LdapFirstEnry(ldap* ld, ldapmsg* chain) {
+    return Call<ldapmsg*>(firstEntry_, LDAP_FIRST_ENTRY_N, nullptr, ld, chain);
+}
+
+ldapmsg* COpenLdapIF::LdapNextEntry(ldap* ld, ldapmsg* entry) {
+    return Call<ldapmsg*>(nextEntry_, LDAP_NEXT_ENTRY_N, nullptr, ld, entry);
+}
+
+char* COpenLdapIF::LdapGetDN(ldap* ld, ldapmsg* entry) {
+    return Call<char*>(getDn_, LDAP_GET_DN_N, nullptr, ld, entry);
+}
+
+int COpenLdapIF::LdapCountEntries(ldap* ld, ldapmsg* chain) {
+    return Call<int>(countEntries_, LDAP_COUNT_ENTRIES_N, 0, ld, chain);
+}
+
+char* COpenLdapIF::LdapFirstAttribute(ldap* ld, ldapmsg* entry, berelement** ber) {
+    return Call<char*>(firstAttribute_, LDAP_FIRST_ATTRIBUTE_N, nullptr, ld, entry, ber);
+}
+
+char* COpenLdapIF::LdapNextAttribute(ldap* ld, ldapmsg* entry, berelement* ber) {
+    return Call<char*>(nextAttribute_, LDAP_NEXT_ATTRIBUTE_N, nullptr, ld, entry, ber);
+}
+
+int COpenLdapIF::LdapMsgFree(ldapmsg* msg) {
+    return Call<int>(msgFree_, LDAP_MSGFREE_N, 0, msg);
+}
+
+char** COpenLdapIF::LdapGetValues(ldap* ld, ldapmsg* entry, char const* target) {
+    return Call<char**>(getValues_, LDAP_GET_VALUES_N, nullptr, ld, entry, target);
+}
+
+berval** COpenLdapIF::LdapGetValuesLen(ldap* ld, ldapmsg* entry, char const* target) {
+    return Call<berval**>(getValuesLen_, LDAP_GET_VALUES_LEN_N, nullptr, ld, entry, target);
+}
+
+void COpenLdapIF::LdapValueFree(char** vals) { CallVoid(valueFree_, LDAP_VALUE_FREE_N, vals); }
+
+void COpenLdapIF::LdapValueFreeLen(berval** vals) {
+    CallVoid(valueFreeLen_, LDAP_VALUE_FREE_LEN_N, vals);
+}
+
+void COpenLdapIF::LdapMemFree(void* p) { CallVoid(memFree_, LDAP_MEMFREE_N, p); }
+
+int COpenLdapIF::LdapAddS(ldap* ld, char const* dn, ldapmod** attrs) {
+    return Call<int>(addS_, LDAP_ADD_S_N, 0, ld, dn, attrs);
+}
+
+int COpenLdapIF::LdapDeleteS(ldap* ld, char const* dn) {
+    return Call<int>(deleteS_, LDAP_DELETE_S_N, 0, ld, dn);
+}
+
+int COpenLdapIF::LdapModifyS(ldap* ld, char const* dn, ldapmod** mods) {
+    return Call<int>(modifyS_, LDAP_MODIFY_S_N, 0, ld, dn, mods);
+}
+
+int COpenLdapIF::LdapAdd(ldap* ld, char const* dn, ldapmod** attrs) {
+    return Call<int>(add_, LDAP_ADD_N, 0, ld, dn, attrs);
+}
+
+void COpenLdapIF::BerFree(berelement* ber, int freebuf) {
+    if (ber != nullptr) {
+        CallVoid(berFree_, BER_FREE_N, ber, freebuf);
+    }
+}

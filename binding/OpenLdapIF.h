@@ -1,0 +1,121 @@
+// COpenLdapIF: the directory client library, loaded at run time and bound function by
+// function, with one lock around every call. Each engine owns one; nothing is shared.
+#ifndef QORLDAP_BINDING_OPENLDAPIF_H
+#define QORLDAP_BINDING_OPENLDAPIF_H
+
+#ifndef LDAP_DEPRECATED
+#define LDAP_DEPRECATED 1
+#endif
+#include <ldap.h>
+#include <sys/time.h>
+
+#include "binding/ScopeLock.h"
+
+typedef LDAP ldap;
+typedef LDAPMessage ldapmsg;
+typedef LDAPMod ldapmod;
+typedef BerElement berelement;
+typedef LDAPControl ldapcontrol;
+
+class COpenLdapIF {
+public:
+    COpenLdapIF();
+    virtual ~COpenLdapIF();
+    COpenLdapIF(COpenLdapIF const&) = delete;
+    COpenLdapIF& operator=(COpenLdapIF const&) = delete;
+
+    // Hands out the handle of the first successful "ldap_init" from then on, whatever host
+    // and port it is given. Null when the library or the function cannot be had.
+    ldap* LdapInit(char const* host, int port);
+    // When the library or the function cannot be had: 0 for int results, null for pointers,
+    // and the releasing wrappers do nothing.
+    int LdapSetOption(ldap* ld, int option, void const* value);
+    int LdapSimpleBindS(ldap* ld, char const* who, char const* passwd);
+    int LdapGetLastErr();
+    char const* LdapErr2String(int err);
+    int LdapSearchExtS(ldap* ld, char const* base, int scope, char const* filter, char** attrs,
+                       int attrsonly, ldapcontrol** serverctrls, ldapcontrol** clientctrls,
+                       timeval* timeout, int sizelimit, ldapmsg** res);
+    ldapmsg* LdapFirstEnry(ldap* ld, ldapmsg* chain);
+    ldapmsg* LdapNextEntry(ldap* ld, ldapmsg* entry);
+    char* LdapGetDN(ldap* ld, ldapmsg* entry);
+    int LdapCountEntries(ldap* ld, ldapmsg* chain);
+    char* LdapFirstAttribute(ldap* ld, ldapmsg* entry, berelement** ber);
+    char* LdapNextAttribute(ldap* ld, ldapmsg* entry, berelement* ber);
+    int LdapMsgFree(ldapmsg* msg);
+    char** LdapGetValues(ldap* ld, ldapmsg* entry, char const* target);
+    berval** LdapGetValuesLen(ldap* ld, ldapmsg* entry, char const* target);
+    void LdapValueFree(char** vals);
+    void LdapValueFreeLen(berval** vals);
+    void LdapMemFree(void* p);
+    int LdapAddS(ldap* ld, char const* dn, ldapmod** attrs);
+    int LdapDeleteS(ldap* ld, char const* dn);
+    int LdapModifyS(ldap* ld, char const* dn, ldapmod** mods);
+    int LdapAdd(ldap* ld, char const* dn, ldapmod** attrs);
+    // Releases the cursor of an attribute walk (liblber's ber_free with freebuf 0).
+    void BerFree(berelement* ber, int freebuf);
+
+private:
+    typedef LDAP* (*InitFn)(char const*, int);
+    typedef int (*SetOptionFn)(LDAP*, int, void const*);
+    typedef int (*SimpleBindSFn)(LDAP*, char const*, char const*);
+    typedef int (*GetLastErrorFn)();
+    typedef char* (*Err2StringFn)(int);
+    typedef int (*SearchExtSFn)(LDAP*, char const*, int, char const*, char**, int, LDAPControl**,
+                                LDAPControl**, timeval*, int, LDAPMessage**);
+    typedef LDAPMessage* (*FirstEntryFn)(LDAP*, LDAPMessage*);
+    typedef LDAPMessage* (*NextEntryFn)(LDAP*, LDAPMessage*);
+    typedef char* (*GetDnFn)(LDAP*, LDAPMessage*);
+    typedef int (*CountEntriesFn)(LDAP*, LDAPMessage*);
+    typedef char* (*FirstAttributeFn)(LDAP*, LDAPMessage*, BerElement**);
+    typedef char* (*NextAttributeFn)(LDAP*, LDAPMessage*, BerElement*);
+    typedef int (*MsgFreeFn)(LDAPMessage*);
+    typedef char** (*GetValuesFn)(LDAP*, LDAPMessage*, char const*);
+    typedef berval** (*GetValuesLenFn)(LDAP*, LDAPMessage*, char const*);
+    typedef void (*ValueFreeFn)(char**);
+    typedef void (*ValueFreeLenFn)(berval**);
+    typedef void (*MemFreeFn)(void*);
+    typedef int (*AddSFn)(LDAP*, char const*, LDAPMod**);
+    typedef int (*DeleteSFn)(LDAP*, char const*);
+    typedef int (*ModifySFn)(LDAP*, char const*, LDAPMod**);
+    typedef int (*AddFn)(LDAP*, char const*, LDAPMod**);
+    typedef void (*BerFreeFn)(BerElement*, int);
+
+    // Loads the library and resolves one entry point; false when either cannot be had.
+    // Called with the lock held. A failure is not remembered, so the next call tries again.
+    template <typename Fn>
+    bool Resolve(Fn& slot, char const* name);
+    template <typename R, typename Fn, typename... Args>
+    R Call(Fn& slot, char const* name, R unavailable, Args... args);
+    template <typename Fn, typename... Args>
+    void CallVoid(Fn& slot, char const* name, Args... args);
+
+    void* library_;
+    InitFn init_;
+    SetOptionFn setOption_;
+    SimpleBindSFn simpleBindS_;
+    GetLastErrorFn getLastError_;
+    Err2StringFn err2String_;
+    SearchExtSFn searchExtS_;
+    FirstEntryFn firstEntry_;
+    NextEntryFn nextEntry_;
+    GetDnFn getDn_;
+    CountEntriesFn countEntries_;
+    FirstAttributeFn firstAttribute_;
+    NextAttributeFn nextAttribute_;
+    MsgFreeFn msgFree_;
+    GetValuesFn getValues_;
+    GetValuesLenFn getValuesLen_;
+    ValueFreeFn valueFree_;
+    ValueFreeLenFn valueFreeLen_;
+    MemFreeFn memFree_;
+    AddSFn addS_;
+    DeleteSFn deleteS_;
+    ModifySFn modifyS_;
+    AddFn add_;
+    BerFreeFn berFree_;
+    LockPair lock_;
+    LDAP* handle_;
+};
+
+#endif

@@ -1,0 +1,128 @@
+// Inserting, modifying and deleting whole entries.
+#include <memory>
+
+#include "engine/Bounded.h"
+#include "engine/Constants.h"
+#include "engine/LdapOp.h"
+
+namespace {
+
+// The text modifications of one request: a frame per candidate value, and a list with room for
+// every candidate, the binary values and the null slot. Frames are never moved once filled.
+class Request {
+public:
+    Request(int textSlots, int extraSlots)
+        : frames_(new CLdapOp::AttFrame[textSlots]), list_(new ldapmod*[textSlots + extraSlots]()) {}
+    ~Request() {
+        for (int i = 0; i < filled_; ++i) {
+            delete[] frames_[i].values[0];
+            frames_[i].values[0] = nullptr;
+        }
+    }
+    Request(Request const&) = delete;
+    Request& operator=(Request const&) = delete;
+
+    // Offers one text value; a refused value takes no slot and its frame is offered the next.
+    void OfferText(char const* value, unsigned int op, char const* type) {
+        if (CLdapOp::GetParaAtt(value, op, type, frames_[filled_])) {
+            list_[used_++] = &frames_[filled_].mod;
+            ++filled_;
+        }
+    }
+    void AddBinary(LDAPMod* mod) { list_[used_++] = mod; }
+    ldapmod** List() { return list_.get(); }  // null-terminated: the list starts zero-filled
+
+private:
+    std::unique_ptr<CLdapOp::AttFrame[]> frames_;
+    std::unique_ptr<ldapmod*[]> list_;
+    int filled_ = 0;
+    int used_ = 0;
+};
+
+// One binary value, in the request's own storage for the span of the synchronous call.
+struct BinaryValue {
+    berval value;
+    berval* values[2];
+    LDAPMod mod;
+};
+
+// A value takes part only with a buffer and at least 2 bytes; 0 or 1 byte counts as none.
+bool PrepareBinary(BinaryValue& bin, char const* type, unsigned char* data, unsigned int length) {
+    if (data == nullptr || length < 2) {
+        return false;
+    }
+    bin.value.bv_len = length;
+    bin.value.bv_val = reinterpret_cast<char*>(data);
+    bin.values[0] = &bin.value;
+    bin.values[1] = nullptr;
+    bin.mod.mod_op = QOR_MOD_BINARY_REPLACE;
+    bin.mod.mod_type = const_cast<char*>(type);
+    bin.mod.mod_bvalues = bin.values;
+    return true;
+}
+
+int ItemCount(tagAtt const& att) { return att.items == nullptr || att.itemCount < 0 ? 0 : att.itemCount; }
+
+// Items, then objectClass, each with the given code. A caller's field that holds no NUL within
+// its width is not text and is skipped like an empty value, so nothing past a field is read.
+void OfferRecord(Request& request, tagAtt const& att) {
+    int count = ItemCount(att);
+    for (int i = 0; i < count; ++i) {
+        tagAttItem const& item = att.items[i];
+        if (qor::IsText(item.type) && qor::IsText(item.value)) {
+            request.OfferText(item.value, QOR_MOD_REPLACE, item.type);
+        }
+    }
+    if (qor::IsText(att.objectClass)) {
+        request.OfferText(att.objectClass, QOR_MOD_REPLACE, LDAP_DEPART_OR_PER_TYPE);
+    }
+}
+
+}  // namespace
+
+int CLdapOp::InsertLdap(char const* dn, tagAtt const& att, bool crypt, unsigned char* password,
+                        unsigned int passwordLength, unsigned char* publicKey,
+                        unsigned int publicKeyLength, unsigned char* privateKey,
+                        unsigned int privateKeyLength) {
+    // A missing DN is a missing argument; the directory library would refuse it anyway.
+    if (dn == nullptr) {
+        return QORLDAP_E_FAILED;
+    }
+    int count = ItemCount(att);
+    Request request(count + 1, 4);
+    // The replace code of the text values makes an ordinary add: an add reads only the
+    // binary-values flag of its records.
+    OfferRecord(request, att);
+    char const* privateName = crypt ? LDAP_PERSON_EN_PRI : LDAP_PERSON_SIGN_PRI;
+    char const* publicName = crypt ? (certFlag_ ? LDAP_PERSON_EN_PUB_CER : LDAP_PERSON_EN_PUB)
+                                   : (certFlag_ ? LDAP_PERSON_SIGN_PUB_CER : LDAP_PERSON_SIGN_PUB);
+    BinaryValue bins[3];
+    if (PrepareBinary(bins[0], privateName, privateKey, privateKeyLength)) {
+        request.AddBinary(&bins[0].mod);
+    }
+    if (PrepareBinary(bins[1], LDAP_PASSWORD, password, passwordLength)) {
+        request.AddBinary(&bins[1].mod);
+    }
+    if (PrepareBinary(bins[2], publicName, publicKey, publicKeyLength)) {
+        request.AddBinary(&bins[2].mod);
+    }
+    int rc = binding_.LdapAddS(Handle(), dn, request.List());
+    return rc == 0 ? QORLDAP_OK : QORLDAP_E_FAILED;
+}
+
+int CLdapOp::ModifyLdap(char const* dn, tagAtt const& att) {
+    if (dn == nullptr) {
+        return QORLDAP_E_FAILED;
+    }
+    Request request(ItemCount(att) + 1, 1);
+    OfferRecord(request, att);
+    // Sent even when no value was accepted; the directory's answer is the result.
+    return binding_.LdapModifyS(Handle(), dn, request.List());
+}
+
+int CLdapOp::DeleteLdap(char const* dn) {
+    if (dn == nullptr) {
+        return QORLDAP_E_FAILED;
+    }
+    return binding_.LdapDeleteS(Handle(), dn);
+}

@@ -1,0 +1,115 @@
+// Engine object, server settings and the connection sequence.
+#include "engine/LdapOp.h"
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "engine/Bounded.h"
+#include "engine/Constants.h"
+#include "platform/System.h"
+
+namespace {
+
+// The port reads as strtol with base 10 reads it: leading blanks and a sign are accepted,
+// reading stops at the first non-digit, and text without leading digits gives 0.
+int ReadPort(std::string const& text) {
+    long port = std::strtol(text.c_str(), nullptr, 10);
+    if (port > INT_MAX) return INT_MAX;
+    if (port < INT_MIN) return INT_MIN;
+    return static_cast<int>(port);
+}
+
+}  // namespace
+
+CLdapOp::CLdapOp() : handle_(nullptr), certFlag_(true), templates_(nullptr), templateCount_(0) {
+    std::memset(&info_, 0, sizeof info_);
+    GetConfig(SECTION_LDAP);
+    // An engine whose schema file does not load is built all the same, with no templates;
+    // the operations that need templates then refuse.
+    ReadConfig();
+}
+
+// The connection is neither unbound nor closed: a connection lives as long as the process.
+CLdapOp::~CLdapOp() {
+    delete[] templates_;
+    templates_ = nullptr;
+    templateCount_ = 0;
+}
+
+// Reads the keys in a fixed order, each on its own. A key that is missing keeps the field as it
+// was. A text longer than its field is cut to the field (255 characters for host and basedn,
+// 32 for managerdn and psw).
+void CLdapOp::GetConfig(std::string const& section) {
+    std::string value;
+    if (CSystem::GetProfileStrValue(section, SECTION_LDAP_HOST, SOAP_INI, value)) {
+        qor::CutCopy(info_.host, value.c_str());
+    }
+    if (CSystem::GetProfileStrValue(section, SECTION_LDAP_PSW, SOAP_INI, value)) {
+        qor::CutCopy(info_.psw, value.c_str());
+    }
+    if (CSystem::GetProfileStrValue(section, SECTION_LDAP_BASEDN, SOAP_INI, value)) {
+        qor::CutCopy(info_.basedn, value.c_str());
+    }
+    if (CSystem::GetProfileStrValue(section, SECTION_LDAP_MANGERDN, SOAP_INI, value)) {
+        qor::CutCopy(info_.managerdn, value.c_str());
+    }
+    if (CSystem::GetProfileStrValue(section, SECTION_LDAP_PORT, SOAP_INI, value)) {
+        info_.port = ReadPort(value);
+    }
+}
+
+int CLdapOp::ConnectLdap() {
+    if (handle_.load(std::memory_order_acquire) != nullptr) {
+        return QORLDAP_OK;
+    }
+    // Threads sharing one engine connect one at a time; the others then find the handle set.
+    std::lock_guard<std::mutex> guard(connectLock_);
+    if (handle_.load(std::memory_order_acquire) != nullptr) {
+        return QORLDAP_OK;
+    }
+    // After a refused bind the binding hands back the very same handle, and the option and the
+    // bind are repeated on it with the settings in force now.
+    ldap* ld = binding_.LdapInit(info_.host, info_.port);
+    if (ld == nullptr) {
+        return QORLDAP_E_FAILED;
+    }
+    int version = LDAP_VERSION3;
+    binding_.LdapSetOption(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    if (binding_.LdapSimpleBindS(ld, info_.managerdn, info_.psw) != 0) {
+        return QORLDAP_E_FAILED;
+    }
+    // The root check runs on the bound handle before the engine counts as connected.
+    connecting_ = ld;
+    bool rootOk = ValidateRootAtt();
+    connecting_ = nullptr;
+    if (!rootOk) {
+        return QORLDAP_E_ROOT;
+    }
+    handle_.store(ld, std::memory_order_release);
+    return QORLDAP_OK;
+}
+
+void CLdapOp::GetLdapAtt(LdapInfo& info) { info = info_; }
+
+void CLdapOp::SetLdapAtt(LdapInfo info) { info_ = info; }
+
+void CLdapOp::FreeKey(unsigned char*& key) {
+    if (key != nullptr) {
+        delete[] key;
+        key = nullptr;
+    }
+}
+
+void CLdapOp::FreeAtt(tagAtt* att) {
+    if (att == nullptr) {
+        return;
+    }
+    if (att->items != nullptr) {
+        delete[] att->items;
+        att->items = nullptr;
+    }
+    att->itemCount = 0;
+}
+
+void CLdapOp::FreeDN(tagDN* list, int /*count*/) { delete[] list; }

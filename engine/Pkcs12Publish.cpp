@@ -1,0 +1,58 @@
+// Publishing a PKCS#12 bundle: the path its certificate subject names, then the certificate and
+// the password-protected private key in the deepest entry.
+#include <climits>
+#include <cstring>
+#include <memory>
+
+#include "engine/LdapOp.h"
+#include "platform/Crypto.h"
+
+int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pfxPsw,
+                        char const* keyPsw, bool sign, bool publicOnly) {
+    std::unique_ptr<tagCERT> info(new tagCERT());
+    std::string dn;
+    if (pfx == nullptr || pfxPsw == nullptr || pfxLength == 0 || pfxLength > INT_MAX) {
+        return QORLDAP_E_PKCS12;
+    }
+    unsigned char const* bundle = reinterpret_cast<unsigned char const*>(pfx);
+    int bundleLength = static_cast<int>(pfxLength);
+    unsigned int certLength = 0;
+    unsigned int keyLength = 0;
+    if (!GetKeyFromPfx(bundle, bundleLength, pfxPsw, nullptr, certLength, nullptr, keyLength,
+                       true) ||
+        certLength == 0 || keyLength == 0) {
+        return QORLDAP_E_PKCS12;
+    }
+    std::unique_ptr<unsigned char[]> cert(new unsigned char[certLength]);
+    std::unique_ptr<unsigned char[]> key(new unsigned char[keyLength]);
+    if (!GetKeyFromPfx(bundle, bundleLength, pfxPsw, cert.get(), certLength, key.get(), keyLength,
+                       true) ||
+        !GetCertInfo(cert.get(), static_cast<int>(certLength), *info)) {
+        return QORLDAP_E_PKCS12;
+    }
+    int rc = InsertOrganization(info->subject, dn);
+    if (rc != QORLDAP_OK) {
+        return rc;
+    }
+    std::unique_ptr<unsigned char[]> stored;
+    unsigned int storedLength = 0;
+    if (!publicOnly) {
+        if (keyPsw == nullptr ||
+            !Convert2Key(key.get(), keyLength, keyPsw, nullptr, storedLength) ||
+            storedLength == 0) {
+            return QORLDAP_E_KEY_CONVERT;
+        }
+        stored.reset(new unsigned char[storedLength]);
+        if (!Convert2Key(key.get(), keyLength, keyPsw, stored.get(), storedLength)) {
+            return QORLDAP_E_KEY_CONVERT;
+        }
+    }
+    // The certificate before the private key; a failed key store leaves the certificate.
+    rc = sign ? ModifySignPublicKey(dn.c_str(), cert.get(), certLength)
+              : ModifyCryptPublicKey(dn.c_str(), cert.get(), certLength);
+    if (rc != QORLDAP_OK || publicOnly) {
+        return rc;
+    }
+    return sign ? ModifySignPrivateKey(dn.c_str(), stored.get(), storedLength)
+                : ModifyCryptPrivateKey(dn.c_str(), stored.get(), storedLength);
+}

@@ -1,0 +1,88 @@
+// The check, at the end of every connection, that the base entry exists; a base DN naming an
+// organisation ("o=...") that is missing is created.
+#include <cstring>
+
+#include "engine/Bounded.h"
+#include "engine/Constants.h"
+#include "engine/LdapOp.h"
+#include "platform/ChineseCode.h"
+
+bool CLdapOp::ValidateRootAtt() {
+    std::string value;
+    std::string type;
+    if (!GetFilter(info_.basedn, 0, value, type)) {
+        return false;
+    }
+    // Only an exact "o" is checked: "O", "o " and dc= bases pass without a search.
+    if (type != LDAP_ORGANIMZATION) {
+        return true;
+    }
+    char filter[256];
+    qor::Format(filter, sizeof filter, LDAP_QUERY_CONDITION, LDAP_ORGANIMZATION, LDAP_ALL);
+    DepartementAtt att;
+    if (GetRootAtt(info_.basedn, filter, att)) {
+        return true;
+    }
+    // Any failed search leads to the creation attempt; its kind is not told apart.
+    return InsertRootAtt(info_.basedn, value.c_str());
+}
+
+// The record's texts are cut to their 255 characters; nothing reads them back.
+bool CLdapOp::GetRootAtt(char const* dn, char const* filter, DepartementAtt& att) {
+    std::memset(&att, 0, sizeof att);
+    CChineseCode code;
+    ldapmsg* result = nullptr;
+    int rc = binding_.LdapSearchExtS(Handle(), dn, LDAP_SCOPE_BASE, filter, nullptr, 0, nullptr,
+                                     nullptr, nullptr, 0, &result);
+    if (rc != 0) {
+        if (result != nullptr) {
+            binding_.LdapMsgFree(result);
+        }
+        return false;
+    }
+    if (result == nullptr) {
+        return true;
+    }
+    berelement* ber = nullptr;
+    for (char* name = binding_.LdapFirstAttribute(Handle(), result, &ber); name != nullptr;
+         name = binding_.LdapNextAttribute(Handle(), result, ber)) {
+        char** values = binding_.LdapGetValues(Handle(), result, name);
+        if (values != nullptr) {
+            if (std::strcmp(name, LDAP_ORGANIMZATION) == 0 && values[0] != nullptr) {
+                char* converted = nullptr;
+                int n = code.UTF_8ToGB2312(converted, values[0],
+                                           static_cast<int>(std::strlen(values[0])));
+                qor::CutCopy(att.name, n == -1 || converted == nullptr ? values[0] : converted);
+            }
+            qor::CutCopy(att.baseDn, dn);
+            qor::CutCopy(att.dn, dn);
+            binding_.LdapValueFree(values);
+        }
+        binding_.LdapMemFree(name);
+    }
+    binding_.BerFree(ber, 0);
+    binding_.LdapMsgFree(result);
+    return true;
+}
+
+bool CLdapOp::InsertRootAtt(char const* dn, char const* name) {
+    AttFrame frames[2];
+    ldapmod* mods[3] = {nullptr, nullptr, nullptr};
+    int used = 0;
+    if (name != nullptr && name[0] != '\0' &&
+        GetParaAtt(name, QOR_MOD_ADD, LDAP_ORGANIMZATION, frames[used])) {
+        mods[used] = &frames[used].mod;
+        ++used;
+    }
+    if (GetParaAtt(LDAP_ORGANIMZATION_VALUE, QOR_MOD_ADD, LDAP_DEPART_OR_PER_TYPE,
+                   frames[used])) {
+        mods[used] = &frames[used].mod;
+        ++used;
+    }
+    int rc = binding_.LdapAddS(Handle(), dn, mods);
+    for (int i = 0; i < used; ++i) {
+        delete[] frames[i].values[0];
+        frames[i].values[0] = nullptr;
+    }
+    return rc == 0;
+}
