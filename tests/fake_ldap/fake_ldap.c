@@ -1161,9 +1161,9 @@ FK_EXPORT int ldap_add(LDAP* ld, LDAP_CONST char* dn, LDAPMod** attrs) {
         handle_note(ld, rc);
         msgid = -1;
     } else {
-        msgid = take_result(FN_ldap_add, g_next_msgid);
-        if (msgid == g_next_msgid) ++g_next_msgid;
-        handle_note(ld, msgid < 0 ? LDAP_SERVER_DOWN : LDAP_SUCCESS);
+        const struct fk_answer* a = &g_answers[FN_ldap_add];
+        msgid = (a->queue_len > 0 || a->forced) ? take_result(FN_ldap_add, 0) : g_next_msgid++;
+        handle_note(ld, msgid < 0 ? msgid : LDAP_SUCCESS);
     }
     line_end(&b, ld);
     pthread_mutex_unlock(&g_mu);

@@ -69,7 +69,8 @@
  * appended, counted by fake_ldap_errors(), and otherwise ignored (nothing is freed twice).
  *
  * With fake_ldap_set_log_handles(1), calls that take a handle get " ld=N" appended and
- * ldap_init/ldap_initialize get " -> ld=N" (N numbers handles from 1 in creation order).
+ * ldap_init/ldap_initialize get " -> ld=N". Handles are numbered in creation order, from 1 after a
+ * reset when no handle is open (otherwise from one past the highest open handle).
  *
  * ---------------------------------------------------------------------------------------------
  * Behaviour beyond the script, copied from real libldap because the binding must cope with it:
@@ -121,8 +122,9 @@ int fake_ldap_calls(const char* function);
 int fake_ldap_set_result(const char* function, int rc);
 
 /* Queue rc for the next call of `function` only; queued codes are used up in order before the
- * code of fake_ldap_set_result applies again (e.g. bind fails once, then succeeds). A call uses
- * a queued code only when it reaches the server: not on an invalid, dead or version 2 handle.
+ * code of fake_ldap_set_result applies again (e.g. bind fails once, then succeeds). A call the
+ * fake refuses on its own (invalid or dead handle, bind on a version 2 handle, add with refused
+ * mods) leaves the queue alone.
  * Returns 0, or -1 for a name fake_ldap_set_result does not accept or a full queue (64). */
 int fake_ldap_push_result(const char* function, int rc);
 
