@@ -357,6 +357,16 @@ static void berval_copy(struct berval* to, const void* data, size_t len) {
     if (len) memcpy(to->bv_val, data, len);
 }
 
+static void chain_free(LDAPMessage* m) {
+    while (m != NULL) {
+        LDAPMessage* next = m->next;
+        entry_free(&m->entry);
+        free(m);
+        m = next;
+    }
+}
+
+#ifndef FAKE_LDAP_OMIT_SEARCH_EXT_S /* only searches copy entries */
 static void entry_copy(struct fk_entry* to, const struct fk_entry* from) {
     to->dn = xstrdup(from->dn);
     to->nattrs = from->nattrs;
@@ -368,15 +378,6 @@ static void entry_copy(struct fk_entry* to, const struct fk_entry* from) {
         ta->nvals = fa->nvals;
         ta->vals = xmalloc(fa->nvals * sizeof *ta->vals);
         for (size_t v = 0; v < fa->nvals; ++v) berval_copy(&ta->vals[v], fa->vals[v].bv_val, fa->vals[v].bv_len);
-    }
-}
-
-static void chain_free(LDAPMessage* m) {
-    while (m != NULL) {
-        LDAPMessage* next = m->next;
-        entry_free(&m->entry);
-        free(m);
-        m = next;
     }
 }
 
@@ -399,6 +400,7 @@ static LDAPMessage* chain_build(const struct fk_set* set) {
     live_add(head, K_MESSAGES);
     return head;
 }
+#endif
 
 static LDAPMessage* entry_from(LDAPMessage* m) {
     while (m != NULL && m->type != LDAP_RES_SEARCH_ENTRY) m = m->next;
@@ -785,13 +787,13 @@ FK_EXPORT int ldap_unbind_ext_s(LDAP* ld, LDAPControl** serverctrls, LDAPControl
     return rc;
 }
 
+#ifndef FAKE_LDAP_OMIT_SEARCH_EXT_S
 static size_t count_ctrls(LDAPControl** c) {
     size_t n = 0;
     while (c[n] != NULL) ++n;
     return n;
 }
 
-#ifndef FAKE_LDAP_OMIT_SEARCH_EXT_S
 FK_EXPORT int ldap_search_ext_s(LDAP* ld, LDAP_CONST char* base, int scope, LDAP_CONST char* filter, char** attrs,
                                 int attrsonly, LDAPControl** serverctrls, LDAPControl** clientctrls,
                                 struct timeval* timeout, int sizelimit, LDAPMessage** res) {

@@ -84,6 +84,8 @@
  *    gives none.
  *  - After fake_ldap_server_down(), every operation on the handles open at that moment returns -1
  *    forever, as libldap never reconnects; new handles work.
+ *  - ldap_get_option answers LDAP_OPT_PROTOCOL_VERSION and LDAP_OPT_RESULT_CODE (the last code an
+ *    operation on that handle returned); any other option gives -1 (LDAP_OPT_ERROR).
  *  - ldap_first_attribute always hands out a BerElement (even for an entry without attributes),
  *    to be released with ber_free(ber, 0).
  * The fake keeps no directory: writes change nothing that later searches return.
