@@ -87,10 +87,12 @@ struct fk_answer {
 
 /* ---- Private types behind the opaque ldap.h types ------------------------------------------ */
 
+enum { DEAD_BLANK_HOST = 1, DEAD_SERVER_DOWN = 2 };
+
 struct ldap {
     int id;
     int version;
-    int dead;
+    int dead; /* 0 alive; DEAD_BLANK_HOST from ldap_init(""); DEAD_SERVER_DOWN by fake_ldap_server_down */
     int last_rc;
 };
 
@@ -597,7 +599,7 @@ FK_EXPORT LDAP* ldap_init(LDAP_CONST char* host, int port) {
     struct ldap* h = NULL;
     if (!g_init_null) {
         h = handle_new();
-        if (host != NULL && host[0] == '\0') h->dead = 1;
+        if (host != NULL && host[0] == '\0') h->dead = DEAD_BLANK_HOST;
     }
     if (g_log_handles) {
         if (h != NULL)
@@ -1254,8 +1256,12 @@ FK_EXPORT void fake_ldap_reset(void) {
     int max_id = 0;
     for (size_t i = 0; i < g_nlive; ++i) {
         g_live[i].counted = 0;
-        if (g_live[i].kind == K_HANDLES && ((struct ldap*)g_live[i].ptr)->id > max_id)
-            max_id = ((struct ldap*)g_live[i].ptr)->id;
+        if (g_live[i].kind != K_HANDLES) continue;
+        struct ldap* h = g_live[i].ptr;
+        if (h->id > max_id) max_id = h->id;
+        /* the code under test may keep one handle for the whole process: a later test must not
+         * inherit an earlier test's outage */
+        if (h->dead == DEAD_SERVER_DOWN) h->dead = 0;
     }
     g_next_handle_id = max_id + 1;
     pthread_mutex_unlock(&g_mu);
@@ -1326,7 +1332,8 @@ FK_EXPORT void fake_ldap_set_search_result_on_error(int mode) {
 FK_EXPORT void fake_ldap_server_down(void) {
     pthread_mutex_lock(&g_mu);
     for (size_t i = 0; i < g_nlive; ++i)
-        if (g_live[i].kind == K_HANDLES) ((struct ldap*)g_live[i].ptr)->dead = 1;
+        if (g_live[i].kind == K_HANDLES && ((struct ldap*)g_live[i].ptr)->dead == 0)
+            ((struct ldap*)g_live[i].ptr)->dead = DEAD_SERVER_DOWN;
     pthread_mutex_unlock(&g_mu);
 }
 

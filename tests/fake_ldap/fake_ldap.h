@@ -83,7 +83,7 @@
  *    must free with ldap_msgfree (see fake_ldap_set_search_result_on_error); a negative code
  *    gives none.
  *  - After fake_ldap_server_down(), every operation on the handles open at that moment returns -1
- *    forever, as libldap never reconnects; new handles work.
+ *    (until the next reset), as libldap never reconnects; new handles work.
  *  - ldap_get_option answers LDAP_OPT_PROTOCOL_VERSION and LDAP_OPT_RESULT_CODE (the last code an
  *    operation on that handle returned); any other option gives -1 (LDAP_OPT_ERROR).
  *  - ldap_first_attribute always hands out a BerElement (even for an entry without attributes),
@@ -100,8 +100,10 @@ extern "C" {
 /* Forget the log, call counts, scripted results, scripted entries, recorded writes and error
  * count, and restore the defaults (handles given out, search results on positive errors, no log
  * of handles, protocol version 2 for new handles). Handles and objects still held by the caller
- * stay valid -- dead handles stay dead -- but are no longer counted by fake_ldap_outstanding and
- * fake_ldap_open_handles; releasing them later is not an error. */
+ * stay valid but are no longer counted by fake_ldap_outstanding and fake_ldap_open_handles;
+ * releasing them later is not an error. Handles killed by fake_ldap_server_down work again (the
+ * code under test may keep one handle for the whole process); each handle keeps its protocol
+ * version. */
 void fake_ldap_reset(void);
 
 /* Forget only the log and the call counts (to look at one operation after a setup). */
@@ -141,7 +143,8 @@ void fake_ldap_set_init_null(int on);
 void fake_ldap_set_search_result_on_error(int mode);
 
 /* Every handle open now becomes dead: all operations on it return -1 (LDAP_SERVER_DOWN), a
- * search hands back no chain; ldap_unbind_ext_s still releases it. */
+ * search hands back no chain; ldap_unbind_ext_s still releases it. Lasts until the handle is
+ * released or fake_ldap_reset is called. */
 void fake_ldap_server_down(void);
 
 /* Non-zero: add handle numbers to the log (see above). */

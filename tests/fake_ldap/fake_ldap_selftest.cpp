@@ -309,10 +309,12 @@ TEST_F(FakeLdapTest, ResetForgetsHeldObjectsWithoutInvalidatingThem) {
     LDAP* ld = open_v3();
     LDAPMessage* res = nullptr;
     search(ld, &res);
+    fake().server_down();
     fake().reset();
     EXPECT_EQ(fake().outstanding(), 0);
     EXPECT_EQ(fake().open_handles(), 0);
     c().msgfree(res);
+    EXPECT_EQ(c().simple_bind_s(ld, "cn=a", "p"), 0);  // alive again, still version 3
     EXPECT_EQ(c().unbind_ext_s(ld, nullptr, nullptr), 0);
     EXPECT_EQ(fake().errors(), 0) << fake().log();
 }

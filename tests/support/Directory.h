@@ -46,7 +46,7 @@ public:
                        int* status = nullptr) const {
         return Run("ldapsearch -x -LLL -o ldif-wrap=no -H '" + Uri() + "' -D '" +
                        Var("LDAP_BINDDN") + "' -w '" + Var("LDAP_BINDPW") + "' -b '" + base +
-                       "' -s " + scope + " '" + filter + "' " + attrs + " 2>/dev/null",
+                       "' -s " + scope + " '" + filter + "' '" + attrs + "' 2>/dev/null",
                    status);
     }
 
