@@ -44,9 +44,17 @@ public:
     std::string Search(std::string const& base, std::string const& scope,
                        std::string const& filter, std::string const& attrs,
                        int* status = nullptr) const {
+        std::string quoted;
+        std::string::size_type start = 0;
+        while (start < attrs.size()) {
+            std::string::size_type end = attrs.find(' ', start);
+            if (end == std::string::npos) end = attrs.size();
+            if (end > start) quoted += " '" + attrs.substr(start, end - start) + "'";
+            start = end + 1;
+        }
         return Run("ldapsearch -x -LLL -o ldif-wrap=no -H '" + Uri() + "' -D '" +
                        Var("LDAP_BINDDN") + "' -w '" + Var("LDAP_BINDPW") + "' -b '" + base +
-                       "' -s " + scope + " '" + filter + "' '" + attrs + "' 2>/dev/null",
+                       "' -s " + scope + " '" + filter + "'" + quoted + " 2>/dev/null",
                    status);
     }
 
