@@ -1,4 +1,6 @@
 // Re-protecting a user's two stored private keys under a new password.
+#include <string.h>
+
 #include <memory>
 
 #include "engine/LdapOp.h"
@@ -6,9 +8,17 @@
 
 namespace {
 
+// A key buffer released with array delete on every path, wiped first: after decryption it
+// holds a private key in the clear.
 struct KeyBuffer {
     unsigned char* data = nullptr;
-    ~KeyBuffer() { delete[] data; }
+    unsigned int size = 0;
+    ~KeyBuffer() {
+        if (data != nullptr) {
+            explicit_bzero(data, size);
+        }
+        delete[] data;
+    }
 };
 
 }  // namespace
@@ -23,6 +33,7 @@ int CLdapOp::ReprotectKey(std::string const& dn, char const* oldPsw, char const*
     KeyBuffer stored;
     unsigned int length = 0;
     int rc = (this->*get)(dn.c_str(), stored.data, length);
+    stored.size = length;
     if (rc != QORLDAP_OK) {
         return rc;
     }
@@ -37,6 +48,7 @@ int CLdapOp::ReprotectKey(std::string const& dn, char const* oldPsw, char const*
     }
     KeyBuffer converted;
     converted.data = new unsigned char[size];
+    converted.size = size;
     if (!Convert2Key(stored.data, plainLength, newPsw, converted.data, size)) {
         return QORLDAP_E_KEY_CONVERT;
     }

@@ -1,11 +1,26 @@
 // Publishing a PKCS#12 bundle: the path its certificate subject names, then the certificate and
 // the password-protected private key in the deepest entry.
+#include <string.h>
+
 #include <climits>
 #include <cstring>
 #include <memory>
 
 #include "engine/LdapOp.h"
 #include "platform/Crypto.h"
+
+namespace {
+
+// The bundle's private key in the clear: wiped before it is released.
+struct WipedDelete {
+    unsigned int size = 0;
+    void operator()(unsigned char* p) const {
+        explicit_bzero(p, size);
+        delete[] p;
+    }
+};
+
+}  // namespace
 
 int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pfxPsw,
                         char const* keyPsw, bool sign, bool publicOnly) {
@@ -24,7 +39,8 @@ int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pf
         return QORLDAP_E_PKCS12;
     }
     std::unique_ptr<unsigned char[]> cert(new unsigned char[certLength]);
-    std::unique_ptr<unsigned char[]> key(new unsigned char[keyLength]);
+    std::unique_ptr<unsigned char[], WipedDelete> key(new unsigned char[keyLength],
+                                                      WipedDelete{keyLength});
     if (!GetKeyFromPfx(bundle, bundleLength, pfxPsw, cert.get(), certLength, key.get(), keyLength,
                        true) ||
         !GetCertInfo(cert.get(), static_cast<int>(certLength), *info)) {

@@ -65,6 +65,12 @@ struct Command {
 };
 
 std::vector<Command> const& Commands();
+// The commands of each file, in the order the overview lists them.
+std::vector<Command> KeyCommands();
+std::vector<Command> EntryCommands();
+std::vector<Command> ConfigCommands();
+// Whether --conf chose the configuration folder (for "config").
+extern bool gConfFromOption;
 
 // --- the library ---
 
@@ -72,8 +78,11 @@ std::vector<Command> const& Commands();
 // directory. The second form is made absolute for messages.
 std::string ConfigPath(std::string const& file);
 bool FileReadable(std::string const& path);
-// A connected object, or Fail("connect", ...). Reads the files now.
+// Connects ldap, or Fail("connect", ...).
 void Connect(CLdap& ldap);
+// A hint for a refused name or a failed build of entries: where ldap.ini was looked for when it
+// is missing, else empty.
+std::string MissingTemplatesHint();
 // The message for a connection that failed with code, given the settings in force.
 [[noreturn]] void FailConnect(int code, std::string const& host, int port,
                               std::string const& basedn);
@@ -93,7 +102,8 @@ bool LooksLikePem(std::string const& text);
 // privateFile creates a new file readable by its owner only.
 void WriteOutput(std::string const& what, std::string const& data, std::string const& path,
                  bool binary, bool privateFile);
-// Reads "NAME" as a DER object: the tag and the length of its header, or false.
+// The DER element at offset: its tag, header length and content length; false when the
+// element does not fit in der.
 bool DerHeader(std::string const& der, size_t offset, unsigned char& tag, size_t& headerLength,
                size_t& contentLength);
 

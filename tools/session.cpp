@@ -1,0 +1,69 @@
+// Where the configuration comes from, and connecting to the directory.
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include "cli.h"
+#include "qorldap/qorldap.h"
+
+namespace qortool {
+
+bool gConfFromOption = false;
+
+std::string ConfigPath(std::string const& file) {
+    char const* dir = std::getenv("QORLDAP_CONF_DIR");
+    if (dir != nullptr && dir[0] != '\0') {
+        std::string path(dir);
+        if (path.back() != '/') path += '/';
+        return path + file;
+    }
+    char cwd[4096];
+    if (::getcwd(cwd, sizeof cwd) != nullptr) {
+        return std::string(cwd) + "/" + file;
+    }
+    return file;
+}
+
+bool FileReadable(std::string const& path) {
+    std::ifstream in(path);
+    return static_cast<bool>(in);
+}
+
+std::string MissingTemplatesHint() {
+    std::string const path = ConfigPath("ldap.ini");
+    if (FileReadable(path)) return "";
+    return "no ldap.ini at " + path + "; use --conf DIR or set QORLDAP_CONF_DIR";
+}
+
+void FailConnect(int code, std::string const& host, int port, std::string const& basedn) {
+    std::string const soap = ConfigPath("soap.ini");
+    if (code == QORLDAP_E_FAILED) {
+        if (!FileReadable(soap)) {
+            FailCode("connect", code,
+                     "cannot connect to the directory (no soap.ini at " + soap +
+                         "; use --conf DIR or set QORLDAP_CONF_DIR)");
+        }
+        std::string where = host.empty() ? "" : " at " + host + " port " + std::to_string(port);
+        FailCode("connect", code,
+                 "cannot connect to the directory" + where +
+                     " (check host, port, managerdn and psw in soap.ini)");
+    }
+    if (code == QORLDAP_E_ROOT) {
+        FailCode("connect", code,
+                 "the base entry " + basedn +
+                     " is missing and cannot be created (check basedn in soap.ini)");
+    }
+    FailCode("connect", code);
+}
+
+void Connect(CLdap& ldap) {
+    int rc = ldap.ConnectLdap();
+    if (rc != QORLDAP_OK) {
+        LdapInfo info;
+        ldap.GetLdapAtt(info);
+        FailConnect(rc, info.host, info.port, info.basedn);
+    }
+}
+
+}  // namespace qortool
