@@ -27,6 +27,12 @@
 // Released after every attribute walk, so that no read leaks its cursor.
 #define BER_FREE_N "ber_free"
 
+// Bound only when a connection option of soap.ini asks for them: LDAPS needs a URI-based
+// init, StartTLS its extended operation, and recovery the release of a dead handle.
+#define LDAP_INITIALIZE_N "ldap_initialize"
+#define LDAP_START_TLS_S_N "ldap_start_tls_s"
+#define LDAP_UNBIND_EXT_S_N "ldap_unbind_ext_s"
+
 // The file the binding loads. QORLDAP_LDAP_LIBRARY, when set, names the one file to load.
 #define LDAP_LIBRARY_FILE "libldap.so"
 #define LDAP_LIBRARY_ENV "QORLDAP_LDAP_LIBRARY"

@@ -54,6 +54,9 @@ COpenLdapIF::COpenLdapIF()
       modifyS_(nullptr),
       add_(nullptr),
       berFree_(nullptr),
+      initialize_(nullptr),
+      startTlsS_(nullptr),
+      unbindExtS_(nullptr),
       handle_(nullptr) {
     pthread_mutex_init(&lock_.mutex, nullptr);
 }
@@ -75,13 +78,30 @@ bool COpenLdapIF::Resolve(Fn& slot, char const* name) {
     return slot != nullptr;
 }
 
+namespace {
+
+template <typename R>
+bool MeansConnectionLost(R) {
+    return false;
+}
+template <>
+bool MeansConnectionLost<int>(int rc) {
+    return rc == LDAP_SERVER_DOWN || rc == LDAP_CONNECT_ERROR;
+}
+
+}  // namespace
+
 template <typename R, typename Fn, typename... Args>
 R COpenLdapIF::Call(Fn& slot, char const* name, R unavailable, Args... args) {
     ScopeLock lock(&lock_);
     if (!Resolve(slot, name)) {
         return unavailable;
     }
-    return slot(args...);
+    R result = slot(args...);
+    if (MeansConnectionLost(result) && watch_.load(std::memory_order_relaxed)) {
+        lost_.store(true);
+    }
+    return result;
 }
 
 template <typename Fn, typename... Args>
@@ -189,4 +209,32 @@ void COpenLdapIF::BerFree(berelement* ber, int freebuf) {
     if (ber != nullptr) {
         CallVoid(berFree_, BER_FREE_N, ber, freebuf);
     }
+}
+
+ldap* COpenLdapIF::LdapInitialize(char const* uri) {
+    ScopeLock lock(&lock_);
+    if (!Resolve(initialize_, LDAP_INITIALIZE_N)) {
+        return nullptr;
+    }
+    if (handle_ == nullptr) {
+        LDAP* ld = nullptr;
+        if (initialize_(&ld, uri) == LDAP_SUCCESS) {
+            handle_ = ld;
+        }
+    }
+    return handle_;
+}
+
+int COpenLdapIF::LdapStartTlsS(ldap* ld) {
+    return Call<int>(startTlsS_, LDAP_START_TLS_S_N, LDAP_UNAVAILABLE, ld,
+                     static_cast<LDAPControl**>(nullptr), static_cast<LDAPControl**>(nullptr));
+}
+
+void COpenLdapIF::DropHandle() {
+    ScopeLock lock(&lock_);
+    if (handle_ != nullptr && Resolve(unbindExtS_, LDAP_UNBIND_EXT_S_N)) {
+        unbindExtS_(handle_, nullptr, nullptr);
+    }
+    handle_ = nullptr;
+    lost_.store(false);
 }

@@ -9,6 +9,8 @@
 #include <ldap.h>
 #include <sys/time.h>
 
+#include <atomic>
+
 #include "binding/ScopeLock.h"
 
 typedef LDAP ldap;
@@ -55,6 +57,19 @@ public:
     // Releases the cursor of an attribute walk (liblber's ber_free with freebuf 0).
     void BerFree(berelement* ber, int freebuf);
 
+    // Like LdapInit, from a URI list ("ldaps://host:port ..."): hands out the cached handle
+    // when there is one. Null when the library or the function cannot be had, or init failed.
+    ldap* LdapInitialize(char const* uri);
+    // LDAP_UNAVAILABLE (52) when the function cannot be had: StartTLS never passes for lack of it.
+    int LdapStartTlsS(ldap* ld);
+    // Unbinds the cached handle, if any, and forgets it, so that the next init makes a new one.
+    void DropHandle();
+
+    // When on, an int result of LDAP_SERVER_DOWN or LDAP_CONNECT_ERROR from any call marks the
+    // connection as lost; the engine then drops the handle at its next connection.
+    void WatchConnection(bool on) { watch_.store(on); }
+    bool ConnectionLost() const { return lost_.load(); }
+
 private:
     typedef LDAP* (*InitFn)(char const*, int);
     typedef int (*SetOptionFn)(LDAP*, int, void const*);
@@ -80,6 +95,9 @@ private:
     typedef int (*ModifySFn)(LDAP*, char const*, LDAPMod**);
     typedef int (*AddFn)(LDAP*, char const*, LDAPMod**);
     typedef void (*BerFreeFn)(BerElement*, int);
+    typedef int (*InitializeFn)(LDAP**, char const*);
+    typedef int (*StartTlsSFn)(LDAP*, LDAPControl**, LDAPControl**);
+    typedef int (*UnbindExtSFn)(LDAP*, LDAPControl**, LDAPControl**);
 
     // Loads the library and resolves one entry point; false when either cannot be had.
     // Called with the lock held. A failure is not remembered, so the next call tries again.
@@ -114,8 +132,13 @@ private:
     ModifySFn modifyS_;
     AddFn add_;
     BerFreeFn berFree_;
+    InitializeFn initialize_;
+    StartTlsSFn startTlsS_;
+    UnbindExtSFn unbindExtS_;
     LockPair lock_;
     LDAP* handle_;
+    std::atomic<bool> watch_{false};
+    std::atomic<bool> lost_{false};
 };
 
 #endif

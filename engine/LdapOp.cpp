@@ -25,6 +25,7 @@ int ReadPort(std::string const& text) {
 CLdapOp::CLdapOp() : handle_(nullptr), certFlag_(true), templates_(nullptr), templateCount_(0) {
     std::memset(&info_, 0, sizeof info_);
     GetConfig(SECTION_LDAP);
+    binding_.WatchConnection(link_.reconnect);
     // An engine whose schema file does not load is built all the same, with no templates;
     // the operations that need templates then refuse.
     ReadConfig();
@@ -57,25 +58,36 @@ void CLdapOp::GetConfig(std::string const& section) {
     if (CSystem::GetProfileStrValue(section, SECTION_LDAP_PORT, SOAP_INI, value)) {
         info_.port = ReadPort(value);
     }
+    link_.Read(section);
 }
 
 int CLdapOp::ConnectLdap() {
-    if (handle_.load(std::memory_order_acquire) != nullptr) {
+    if (handle_.load(std::memory_order_acquire) != nullptr && !NeedsReconnect()) {
         return QORLDAP_OK;
     }
     // Threads sharing one engine connect one at a time; the others then find the handle set.
     std::lock_guard<std::mutex> guard(connectLock_);
+    if (NeedsReconnect()) {
+        // The lost handle is released once no operation uses it any more; the next steps then
+        // dial and bind afresh. The call that met the loss has already returned its code.
+        std::unique_lock<std::shared_mutex> quiet(operations_);
+        binding_.DropHandle();
+        handle_.store(nullptr, std::memory_order_release);
+    }
     if (handle_.load(std::memory_order_acquire) != nullptr) {
         return QORLDAP_OK;
     }
     // After a refused bind the binding hands back the very same handle, and the option and the
     // bind are repeated on it with the settings in force now.
-    ldap* ld = binding_.LdapInit(info_.host, info_.port);
+    ldap* ld = OpenHandle();
     if (ld == nullptr) {
         return QORLDAP_E_FAILED;
     }
     int version = LDAP_VERSION3;
     binding_.LdapSetOption(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    if (!SecureHandle(ld)) {
+        return QORLDAP_E_FAILED;
+    }
     if (binding_.LdapSimpleBindS(ld, info_.managerdn, info_.psw) != 0) {
         return QORLDAP_E_FAILED;
     }
@@ -88,6 +100,38 @@ int CLdapOp::ConnectLdap() {
     }
     handle_.store(ld, std::memory_order_release);
     return QORLDAP_OK;
+}
+
+ldap* CLdapOp::OpenHandle() {
+    if (link_.tls == LinkOptions::Tls::kLdaps) {
+        return binding_.LdapInitialize(LinkOptions::LdapsUris(info_.host, info_.port).c_str());
+    }
+    return binding_.LdapInit(info_.host, info_.port);
+}
+
+// Options are set on the handle before anything is sent. A failed StartTLS drops the handle, so
+// that nothing is ever bound in the clear over a link that was meant to be protected.
+bool CLdapOp::SecureHandle(ldap* ld) {
+    if (link_.timeout > 0) {
+        timeval limit = {link_.timeout, 0};
+        binding_.LdapSetOption(ld, LDAP_OPT_NETWORK_TIMEOUT, &limit);
+        binding_.LdapSetOption(ld, LDAP_OPT_TIMEOUT, &limit);
+    }
+    if (link_.tls == LinkOptions::Tls::kNone) {
+        return true;
+    }
+    if (!link_.caCert.empty()) {
+        binding_.LdapSetOption(ld, LDAP_OPT_X_TLS_CACERTFILE, link_.caCert.c_str());
+    }
+    int require = link_.verify ? LDAP_OPT_X_TLS_DEMAND : LDAP_OPT_X_TLS_NEVER;
+    binding_.LdapSetOption(ld, LDAP_OPT_X_TLS_REQUIRE_CERT, &require);
+    int server = 0;
+    binding_.LdapSetOption(ld, LDAP_OPT_X_TLS_NEWCTX, &server);
+    if (link_.tls == LinkOptions::Tls::kStartTls && binding_.LdapStartTlsS(ld) != LDAP_SUCCESS) {
+        binding_.DropHandle();
+        return false;
+    }
+    return true;
 }
 
 void CLdapOp::GetLdapAtt(LdapInfo& info) { info = info_; }

@@ -6,9 +6,11 @@
 
 #include <atomic>
 #include <mutex>
+#include <shared_mutex>
 #include <string>
 
 #include "binding/OpenLdapIF.h"
+#include "engine/LinkOptions.h"
 #include "qorldap/records.h"
 #include "qorldap/result_codes.h"
 
@@ -37,6 +39,15 @@ public:
     // --- engine core: settings and connection ---
     void GetConfig(std::string const& section);
     int ConnectLdap();
+    // True when reconnection is on and the connection was lost: the next ConnectLdap redials.
+    bool NeedsReconnect() const { return link_.reconnect && binding_.ConnectionLost(); }
+    // Held by the caller for the span of one operation when reconnection is on, so that a lost
+    // handle is released only once no operation still uses it. Empty (free) otherwise.
+    std::shared_lock<std::shared_mutex> GuardOperation() {
+        return link_.reconnect ? std::shared_lock<std::shared_mutex>(operations_)
+                               : std::shared_lock<std::shared_mutex>();
+    }
+    LinkOptions const& Link() const { return link_; }
     void GetLdapAtt(LdapInfo& info);
     void SetLdapAtt(LdapInfo info);
     void FreeKey(unsigned char*& key);
@@ -105,6 +116,10 @@ public:
                    char const* keyPsw, bool sign, bool publicOnly);
 
 private:
+    // Opens the handle as the link options say; null when none can be had.
+    ldap* OpenHandle();
+    // Timeouts and TLS settings, only those configured. false when StartTLS failed.
+    bool SecureHandle(ldap* ld);
     // Removes a private-key attribute: a replace with no values.
     int RemoveKey(char const* dn, char const* attribute);
     // Re-protects one stored private key; see ModifyPriKeyPsw.
@@ -128,6 +143,8 @@ private:
     int templateCount_;
     std::mutex connectLock_;
     ldap* connecting_ = nullptr;  // written and read only under connectLock_
+    LinkOptions link_;
+    std::shared_mutex operations_;
 };
 
 #endif

@@ -3,7 +3,9 @@
 
 #include "engine/LdapOp.h"
 
-CLdap::CLdap() : engine(nullptr), connected(false) { engine = new CLdapOp(); }
+CLdap::CLdap() : engine(nullptr), connected(false) {
+    engine = new CLdapOp();
+}
 
 // The connection is not closed; the engine goes with the object.
 CLdap::~CLdap() {
@@ -15,7 +17,8 @@ CLdap::~CLdap() {
 
 // A failed attempt leaves the object unconnected, and the next operation tries again.
 int CLdap::Connected() {
-    if (!connected) {
+    // A lost connection (only noticed when reconnection is on) counts as not connected.
+    if (!connected || engine->NeedsReconnect()) {
         if (engine->ConnectLdap() != QORLDAP_OK) {
             connected = false;
             return QORLDAP_E_FAILED;
@@ -25,12 +28,13 @@ int CLdap::Connected() {
     return QORLDAP_OK;
 }
 
-#define QOR_ON_DEMAND(call)                  \
-    do {                                     \
-        if (Connected() != QORLDAP_OK) {     \
-            return QORLDAP_E_FAILED;         \
-        }                                    \
-        return engine->call;                 \
+#define QOR_ON_DEMAND(call)                    \
+    do {                                       \
+        if (Connected() != QORLDAP_OK) {       \
+            return QORLDAP_E_FAILED;           \
+        }                                      \
+        auto inUse = engine->GuardOperation(); \
+        return engine->call;                   \
     } while (0)
 
 int CLdap::ConnectLdap() {
@@ -39,11 +43,17 @@ int CLdap::ConnectLdap() {
     return rc;
 }
 
-void CLdap::FreeKey(unsigned char*& key) { engine->FreeKey(key); }
+void CLdap::FreeKey(unsigned char*& key) {
+    engine->FreeKey(key);
+}
 
-void CLdap::GetLdapAtt(LdapInfo& info) { engine->GetLdapAtt(info); }
+void CLdap::GetLdapAtt(LdapInfo& info) {
+    engine->GetLdapAtt(info);
+}
 
-void CLdap::SetLdapAtt(LdapInfo info) { engine->SetLdapAtt(info); }
+void CLdap::SetLdapAtt(LdapInfo info) {
+    engine->SetLdapAtt(info);
+}
 
 int CLdap::ModifySignPrivateKey(char const* dn, unsigned char const* key, unsigned int length) {
     QOR_ON_DEMAND(ModifySignPrivateKey(dn, key, length));
@@ -77,15 +87,21 @@ int CLdap::GetCryptPublicKey(char const* name, unsigned char*& key, unsigned int
     QOR_ON_DEMAND(GetCryptPublicKey(name, key, length));
 }
 
-int CLdap::DeleteSignPrivateKey(char const* dn) { QOR_ON_DEMAND(DeleteSignPrivateKey(dn)); }
+int CLdap::DeleteSignPrivateKey(char const* dn) {
+    QOR_ON_DEMAND(DeleteSignPrivateKey(dn));
+}
 
-int CLdap::DeleteCryptPrivateKey(char const* dn) { QOR_ON_DEMAND(DeleteCryptPrivateKey(dn)); }
+int CLdap::DeleteCryptPrivateKey(char const* dn) {
+    QOR_ON_DEMAND(DeleteCryptPrivateKey(dn));
+}
 
 int CLdap::ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw) {
     QOR_ON_DEMAND(ModifyPriKeyPsw(name, oldPsw, newPsw));
 }
 
-int CLdap::SelectLdap(char const* dn, tagAtt& att) { QOR_ON_DEMAND(SelectLdapAtt(dn, att)); }
+int CLdap::SelectLdap(char const* dn, tagAtt& att) {
+    QOR_ON_DEMAND(SelectLdapAtt(dn, att));
+}
 
 int CLdap::SelectLdap(char const* dn, char const* condition, tagDN*& list, int& count) {
     QOR_ON_DEMAND(SelectLdap(dn, condition, list, count));
@@ -99,10 +115,18 @@ int CLdap::InsertLdap(char const* dn, tagAtt const& att, bool crypt, unsigned ch
                              privateKey, privateKeyLength));
 }
 
-int CLdap::ModifyLdap(char const* dn, tagAtt const& att) { QOR_ON_DEMAND(ModifyLdap(dn, att)); }
+int CLdap::ModifyLdap(char const* dn, tagAtt const& att) {
+    QOR_ON_DEMAND(ModifyLdap(dn, att));
+}
 
-int CLdap::DeleteLdap(char const* dn) { QOR_ON_DEMAND(DeleteLdap(dn)); }
+int CLdap::DeleteLdap(char const* dn) {
+    QOR_ON_DEMAND(DeleteLdap(dn));
+}
 
-void CLdap::FreeAtt(tagAtt* att) { engine->FreeAtt(att); }
+void CLdap::FreeAtt(tagAtt* att) {
+    engine->FreeAtt(att);
+}
 
-void CLdap::FreeDN(tagDN* list, int count) { engine->FreeDN(list, count); }
+void CLdap::FreeDN(tagDN* list, int count) {
+    engine->FreeDN(list, count);
+}

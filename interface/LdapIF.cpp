@@ -10,7 +10,9 @@ CLdapOp opLdap;
 
 }  // namespace
 
-int ConnectLdap() { return opLdap.ConnectLdap(); }
+int ConnectLdap() {
+    return opLdap.ConnectLdap();
+}
 
 // Connects first, as every operation of this family does; when that fails nothing is released.
 void FreeKey(unsigned char* key) {
@@ -20,15 +22,20 @@ void FreeKey(unsigned char* key) {
     opLdap.FreeKey(key);
 }
 
-void GetLdapAtt(LdapInfo& info) { opLdap.GetLdapAtt(info); }
+void GetLdapAtt(LdapInfo& info) {
+    opLdap.GetLdapAtt(info);
+}
 
-void SetLdapAtt(LdapInfo info) { opLdap.SetLdapAtt(info); }
+void SetLdapAtt(LdapInfo info) {
+    opLdap.SetLdapAtt(info);
+}
 
 #define QOR_CONNECTED_CALL(call)                  \
     do {                                          \
         if (opLdap.ConnectLdap() != QORLDAP_OK) { \
             return QORLDAP_E_FAILED;              \
         }                                         \
+        auto inUse = opLdap.GuardOperation();     \
         return opLdap.call;                       \
     } while (0)
 
@@ -48,9 +55,13 @@ int GetCryptPublicKey(char const* name, unsigned char*& key, unsigned int& lengt
     QOR_CONNECTED_CALL(GetCryptPublicKey(name, key, length));
 }
 
-int DeleteSignPrivateKey(char const* dn) { QOR_CONNECTED_CALL(DeleteSignPrivateKey(dn)); }
+int DeleteSignPrivateKey(char const* dn) {
+    QOR_CONNECTED_CALL(DeleteSignPrivateKey(dn));
+}
 
-int DeleteCryptPrivateKey(char const* dn) { QOR_CONNECTED_CALL(DeleteCryptPrivateKey(dn)); }
+int DeleteCryptPrivateKey(char const* dn) {
+    QOR_CONNECTED_CALL(DeleteCryptPrivateKey(dn));
+}
 
 int ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw) {
     QOR_CONNECTED_CALL(ModifyPriKeyPsw(name, oldPsw, newPsw));

@@ -47,12 +47,12 @@ void FailConnect(int code, std::string const& host, int port, std::string const&
         std::string where = host.empty() ? "" : " at " + host + " port " + std::to_string(port);
         FailCode("connect", code,
                  "cannot connect to the directory" + where +
-                     " (check host, port, managerdn and psw in soap.ini)");
+                     " (check host, port, managerdn and psw in " + soap + ")");
     }
     if (code == QORLDAP_E_ROOT) {
         FailCode("connect", code,
                  "the base entry " + basedn +
-                     " is missing and cannot be created (check basedn in soap.ini)");
+                     " is missing and cannot be created (check basedn in " + soap + ")");
     }
     FailCode("connect", code);
 }

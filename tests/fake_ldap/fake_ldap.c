@@ -934,7 +934,11 @@ FK_EXPORT char* ldap_first_attribute(LDAP* ld, LDAPMessage* entry, BerElement** 
     } else {
         *berout = NULL;
         LDAPMessage* m = NULL;
-        if (check_handle(&b, ld) != NULL) m = check_entry(&b, entry);
+        /* Handed the final result of a search that found nothing, libldap cannot decode an
+           entry from it: it answers null and hands out no ber. The fake does the same. */
+        LDAPMessage* live = message_live(entry);
+        int final_result = live != NULL && live->type != LDAP_RES_SEARCH_ENTRY;
+        if (check_handle(&b, ld) != NULL && !final_result) m = check_entry(&b, entry);
         if (m != NULL) {
             BerElement* ber = xmalloc(sizeof *ber);
             ber->entry = m;

@@ -1,0 +1,208 @@
+// The hardened directory link on real servers started by the test: StartTLS, LDAPS, a server
+// that refuses clear binds, a wrong CA, bounded waits, failover and recovery after a restart.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <map>
+#include <string>
+
+#include "qorldap/qorldap.h"
+#include "tests/support/Entries.h"
+#include "tests/support/TestFiles.h"
+
+namespace {
+
+using qortest::ConfDir;
+using qortest::ScratchDir;
+
+std::string Script() {
+    char const* src = std::getenv("QORLDAP_SOURCE_DIR");
+    return std::string(src ? src : ".") + "/scripts/directory";
+}
+
+// A throwaway slapd of the test's own, stopped when the object goes.
+class Server {
+public:
+    explicit Server(std::string const& options) : options_(options) { Start(); }
+    ~Server() { Stop(); }
+    bool Start(std::string const& extra = "") {
+        int status = -1;
+        qortest::Run(Script() + " start --dir '" + dir_.Path() + "/d' --nosync " + options_ + " " +
+                         extra + " >/dev/null 2>&1",
+                     &status);
+        std::ifstream in(dir_.Path() + "/d/env");
+        std::string line;
+        while (std::getline(in, line)) {
+            std::string::size_type eq = line.find('=');
+            if (eq != std::string::npos && line[0] != '#') env_[line.substr(0, eq)] = line.substr(eq + 1);
+        }
+        return status == 0;
+    }
+    void Stop() { qortest::Run(Script() + " stop --dir '" + dir_.Path() + "/d' >/dev/null 2>&1"); }
+    std::string Env(std::string const& k) { return env_[k]; }
+    int Port() { return std::atoi(env_["LDAP_PORT"].c_str()); }
+
+private:
+    ScratchDir dir_;
+    std::string options_;
+    std::map<std::string, std::string> env_;
+};
+
+// soap.ini and ldap.ini for one CLdap; the object reads them when it is built.
+class Config {
+public:
+    explicit Config(std::string const& ldapSection) {
+        dir_.Write("soap.ini", "[ldap]\nbasedn=o=root\nmanagerdn=cn=admin,o=root\npsw=secret\n" +
+                                   ldapSection);
+        dir_.Write("ldap.ini",
+                   "[base]\nsum=2\nA0=organizationalUnit\nA1=qorPerson\n"
+                   "[organizationalUnit]\nsum=1\nA0=ou,s,2\n[qorPerson]\nsum=1\nA0=cn,s,2\n");
+    }
+    CLdap* Make() {
+        ConfDir use(dir_.Path());
+        return new CLdap();
+    }
+
+private:
+    ScratchDir dir_;
+};
+
+// A user with a certificate, written and read back through the link.
+void WriteAndRead(CLdap& ldap, std::string const& name) {
+    std::string dn = qortest::MakeUser(ldap, "o=root", "Link", name);
+    unsigned char value[] = {0x30, 0x03, 0x02, 0x01, 0x07};
+    ASSERT_EQ(0, ldap.ModifySignPublicKey(dn.c_str(), value, sizeof value));
+    unsigned char* key = nullptr;
+    unsigned int length = 0;
+    ASSERT_EQ(0, ldap.GetSignPublicKey(dn.c_str(), key, length));
+    EXPECT_EQ(sizeof value, length);
+    ldap.FreeKey(key);
+}
+
+std::string Hosted(Server&, int port) {
+    return "host=127.0.0.1\nport=" + std::to_string(port) + "\n";
+}
+
+TEST(Link, StartTlsAndLdapsConnectBindAndCarryKeys) {
+    Server server("--tls");
+    ASSERT_FALSE(server.Env("LDAPS_PORT").empty());
+    std::string ca = "tls_cacert=" + server.Env("LDAP_TLS_CACERT") + "\n";
+
+    Config startTls(Hosted(server, server.Port()) + "tls=starttls\n" + ca);
+    std::unique_ptr<CLdap> a(startTls.Make());
+    ASSERT_EQ(0, a->ConnectLdap());
+    WriteAndRead(*a, "Over StartTLS");
+
+    Config ldaps(Hosted(server, std::atoi(server.Env("LDAPS_PORT").c_str())) + "tls=ldaps\n" + ca);
+    std::unique_ptr<CLdap> b(ldaps.Make());
+    ASSERT_EQ(0, b->ConnectLdap());
+    WriteAndRead(*b, "Over LDAPS");
+}
+
+TEST(Link, ClearBindsAreRefusedWhereTheServerDemandsTlsAndAWrongCaNeverBinds) {
+    Server server("--require-tls");
+    Config clear(Hosted(server, server.Port()));
+    std::unique_ptr<CLdap> plain(clear.Make());
+    EXPECT_EQ(QORLDAP_E_FAILED, plain->ConnectLdap());
+
+    std::string ca = "tls_cacert=" + server.Env("LDAP_TLS_CACERT") + "\n";
+    Config tls(Hosted(server, server.Port()) + "tls=starttls\n" + ca);
+    std::unique_ptr<CLdap> secured(tls.Make());
+    EXPECT_EQ(0, secured->ConnectLdap());
+
+    // A CA the server's certificate does not chain to: StartTLS fails and nothing is bound.
+    ScratchDir other;
+    qortest::Run("cd '" + other.Path() +
+                 "' && openssl req -x509 -newkey rsa:2048 -nodes -keyout k -out ca.crt -days 1"
+                 " -subj /CN=Other >/dev/null 2>&1");
+    Config wrong(Hosted(server, server.Port()) + "tls=starttls\ntls_cacert=" + other.File("ca.crt") + "\n");
+    std::unique_ptr<CLdap> refused(wrong.Make());
+    EXPECT_EQ(QORLDAP_E_FAILED, refused->ConnectLdap());
+    Config wrongLdaps(Hosted(server, std::atoi(server.Env("LDAPS_PORT").c_str())) +
+                      "tls=ldaps\ntls_cacert=" + other.File("ca.crt") + "\n");
+    std::unique_ptr<CLdap> refused2(wrongLdaps.Make());
+    EXPECT_EQ(QORLDAP_E_FAILED, refused2->ConnectLdap());
+}
+
+// A socket that accepts connections into its backlog and never answers.
+class SilentListener {
+public:
+    SilentListener() {
+        fd_ = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in addr = {};
+        addr.sin_family = AF_INET;
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+        listen(fd_, 8);
+        socklen_t len = sizeof addr;
+        getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
+        port_ = ntohs(addr.sin_port);
+    }
+    ~SilentListener() { close(fd_); }
+    int Port() const { return port_; }
+
+private:
+    int fd_ = -1;
+    int port_ = 0;
+};
+
+TEST(Link, ATimeoutBoundsTheWaitForASilentServer) {
+    SilentListener silent;
+    Config config("host=127.0.0.1\nport=" + std::to_string(silent.Port()) + "\ntimeout=2\n");
+    std::unique_ptr<CLdap> ldap(config.Make());
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(QORLDAP_E_FAILED, ldap->ConnectLdap());
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    std::printf("connect to a silent server with timeout=2 returned after %.2f s\n", seconds);
+    EXPECT_LT(seconds, 4.0);  // the bound plus a little; without a timeout it would never return
+}
+
+TEST(Link, TheSecondHostOfTheListTakesOverWhenTheFirstIsDown) {
+    Server server("");
+    int closedPort = 0;
+    {
+        SilentListener placeholder;  // a port that was just ours and is closed again
+        closedPort = placeholder.Port();
+    }
+    Config config("host=127.0.0.1:" + std::to_string(closedPort) + " 127.0.0.1:" +
+                  std::to_string(server.Port()) + "\nport=389\n");
+    std::unique_ptr<CLdap> ldap(config.Make());
+    EXPECT_EQ(0, ldap->ConnectLdap());
+    WriteAndRead(*ldap, "Failover");
+}
+
+TEST(Link, WithReconnectAnEngineRecoversFromARestartedServer) {
+    Server server("");
+    int port = server.Port();
+    Config on(Hosted(server, port) + "reconnect=yes\ntimeout=5\n");
+    Config off(Hosted(server, port));
+    std::unique_ptr<CLdap> recovering(on.Make());
+    std::unique_ptr<CLdap> stuck(off.Make());
+    ASSERT_EQ(0, recovering->ConnectLdap());
+    ASSERT_EQ(0, stuck->ConnectLdap());
+    WriteAndRead(*recovering, "Before Restart");
+
+    server.Stop();
+    ASSERT_TRUE(server.Start("--port " + std::to_string(port)));  // an empty directory again
+
+    tagDN* list = nullptr;
+    int count = 0;
+    // The first call meets the dead connection and returns its code; the next one redials,
+    // binds as the manager and works (the root check recreates the base entry).
+    EXPECT_NE(0, recovering->SelectLdap("o=root", nullptr, list, count));
+    EXPECT_EQ(0, recovering->ConnectLdap());
+    WriteAndRead(*recovering, "After Restart");
+    // Without reconnect the old connection stays dead, as libldap leaves it: the engine still
+    // counts as connected, and every call fails.
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_NE(0, stuck->SelectLdap("o=root", nullptr, list, count));
+    }
+    EXPECT_EQ(0, stuck->ConnectLdap());
+    EXPECT_NE(0, stuck->SelectLdap("o=root", nullptr, list, count));
+}
+
+}  // namespace

@@ -1,0 +1,356 @@
+// The entry commands: show, ls, add, modify, delete.
+#include <strings.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "cli.h"
+#include "qorldap/qorldap.h"
+
+namespace qortool {
+
+namespace {
+
+// A listing's subtree never goes deeper than this; a loop in the data must not run forever.
+int const kMaxDepth = 32;
+
+// An entry record, released through the object that filled it.
+class Entry {
+public:
+    explicit Entry(CLdap& ldap) : ldap_(ldap) { std::memset(&att, 0, sizeof att); }
+    ~Entry() { ldap_.FreeAtt(&att); }
+    Entry(Entry const&) = delete;
+    Entry& operator=(Entry const&) = delete;
+
+    tagAtt att;
+
+private:
+    CLdap& ldap_;
+};
+
+class Children {
+public:
+    explicit Children(CLdap& ldap) : ldap_(ldap) {}
+    ~Children() {
+        if (list != nullptr) ldap_.FreeDN(list, count);
+    }
+    Children(Children const&) = delete;
+    Children& operator=(Children const&) = delete;
+
+    tagDN* list = nullptr;
+    int count = 0;
+
+private:
+    CLdap& ldap_;
+};
+
+void CheckDn(Args const& args, std::string const& dn) {
+    if (dn.empty()) Usage(args.command, "the DN is empty");
+    if (dn.size() >= sizeof(tagAtt::dn)) {
+        Usage(args.command, "the DN is longer than " + std::to_string(sizeof(tagAtt::dn) - 1) +
+                                " characters");
+    }
+}
+
+// 0 when the entry is missing, else its number of attributes.
+int Lookup(Args const& args, CLdap& ldap, std::string const& dn, Entry& entry) {
+    int rc = ldap.SelectLdap(dn.c_str(), entry.att);
+    if (rc == QORLDAP_E_FAILED) {
+        FailCode(args.command, rc,
+                 "the entry cannot be read (is \"" + dn + "\" a DN such as ou=sales, o=root?)");
+    }
+    if (rc != QORLDAP_OK) FailCode(args.command, rc);
+    return entry.att.itemCount;
+}
+
+std::string Trim(std::string const& text) {
+    size_t begin = text.find_first_not_of(' ');
+    if (begin == std::string::npos) return "";
+    return text.substr(begin, text.find_last_not_of(' ') - begin + 1);
+}
+
+// The keys and certificates of a user's entry, with their sizes; nothing for other entries,
+// whose names the key reads refuse.
+void ShowKeys(CLdap& ldap, std::string const& dn) {
+    typedef int (CLdap::*KeyGet)(char const*, unsigned char*&, unsigned int&);
+    static struct {
+        KeyGet get;
+        char const* text;
+    } const kKeys[] = {
+        {&CLdap::GetSignPublicKey, "signing certificate"},
+        {&CLdap::GetSignPrivateKey, "signing private key (encrypted)"},
+        {&CLdap::GetCryptPublicKey, "encryption certificate"},
+        {&CLdap::GetCryptPrivateKey, "encryption private key (encrypted)"},
+    };
+    std::vector<std::string> lines;
+    for (auto const& k : kKeys) {
+        unsigned char* data = nullptr;
+        unsigned int length = 0;
+        int rc = (ldap.*k.get)(dn.c_str(), data, length);
+        ldap.FreeKey(data);
+        if (rc != QORLDAP_OK) return;
+        if (length > 0) lines.push_back(std::string(k.text) + ", " + std::to_string(length) + " bytes");
+    }
+    std::printf("keys and certificates:%s\n", lines.empty() ? " none" : "");
+    for (std::string const& line : lines) std::printf("  %s\n", line.c_str());
+}
+
+int RunShow(Args const& args) {
+    std::string const& dn = args.positional[0];
+    CheckDn(args, dn);
+    CLdap ldap;
+    Connect(ldap);
+    Entry entry(ldap);
+    if (Lookup(args, ldap, dn, entry) <= 0) {
+        Fail(args.command, "no such entry: " + dn);
+    }
+    tagAtt const& att = entry.att;
+    std::string const parent = Trim(att.parentDn);
+    std::printf("dn: %s\n", att.dn);
+    // The library names a DN of one part its own parent.
+    std::printf("parent: %s\n", parent == Trim(att.dn) ? "(none, top of the tree)" : parent.c_str());
+    if (att.objectClass[0] != '\0') {
+        std::printf("template: %s (naming attribute %s, level %d of %d)\n", att.objectClass,
+                    att.namingAtt, att.templateIndex + 1, att.templateCount);
+    } else {
+        std::printf("template: none\n");
+    }
+    std::printf("attributes:\n");
+    int unnamed = 0;
+    for (int i = 0; i < att.itemCount; ++i) {
+        if (att.items[i].type[0] == '\0') {
+            ++unnamed;
+        } else {
+            std::printf("  %s\n", att.items[i].type);
+        }
+    }
+    if (unnamed > 0) {
+        std::printf("  (and %d more that the library reports without a name)\n", unnamed);
+    }
+    ShowKeys(ldap, dn);
+    return kExitOk;
+}
+
+void List(Args const& args, CLdap& ldap, std::string const& dn, int depth, bool recursive) {
+    Children children(ldap);
+    int rc = ldap.SelectLdap(dn.c_str(), "", children.list, children.count);
+    if (rc == QORLDAP_E_FAILED) {
+        FailCode(args.command, rc, "the search below " + dn + " failed (is there such an entry?)");
+    }
+    if (rc != QORLDAP_OK) FailCode(args.command, rc);
+    for (int i = 0; i < children.count; ++i) {
+        std::string const child = children.list[i].dn;
+        if (child.empty()) continue;
+        std::printf("%*s%s\n", recursive ? 2 * depth : 0, "", child.c_str());
+        if (recursive && depth < kMaxDepth) List(args, ldap, child, depth + 1, true);
+    }
+}
+
+int RunLs(Args const& args) {
+    std::string const& dn = args.positional[0];
+    CheckDn(args, dn);
+    bool const recursive = args.Has("--recursive");
+    CLdap ldap;
+    Connect(ldap);
+    if (recursive) std::printf("%s\n", dn.c_str());
+    List(args, ldap, dn, 1, recursive);
+    return kExitOk;
+}
+
+// The attr=value arguments after the DN, converted for the library. Every value must fit its
+// field of the record whole: a cut value would be stored as another value.
+std::vector<tagAttItem> Items(Args const& args) {
+    std::vector<tagAttItem> items;
+    for (size_t i = 1; i < args.positional.size(); ++i) {
+        std::string const& arg = args.positional[i];
+        size_t eq = arg.find('=');
+        if (eq == std::string::npos || eq == 0) {
+            Usage(args.command, "\"" + arg + "\" is not attr=value");
+        }
+        std::string const type = arg.substr(0, eq);
+        std::string const value = ToLibraryText(args.command, arg.substr(eq + 1));
+        if (value.empty()) Usage(args.command, "the value of " + type + " is empty");
+        if (strcasecmp(type.c_str(), "objectClass") == 0) {
+            Usage(args.command, "give the object class with --class");
+        }
+        tagAttItem item;
+        std::memset(&item, 0, sizeof item);
+        if (type.size() >= sizeof item.type) Usage(args.command, "attribute name too long: " + type);
+        if (value.size() >= sizeof item.value) Usage(args.command, "the value of " + type + " is too long");
+        std::memcpy(item.type, type.c_str(), type.size() + 1);
+        std::memcpy(item.value, value.c_str(), value.size() + 1);
+        std::memcpy(item.syntax, "s", 2);
+        items.push_back(item);
+    }
+    return items;
+}
+
+void SetClass(Args const& args, tagAtt& att) {
+    std::string const oc = ToLibraryText(args.command, args.Value("--class"));
+    if (oc.size() >= sizeof att.objectClass) Usage(args.command, "object class name too long");
+    std::memcpy(att.objectClass, oc.c_str(), oc.size() + 1);
+}
+
+int RunAdd(Args const& args) {
+    std::string const& dn = args.positional[0];
+    CheckDn(args, dn);
+    if (!args.HasValue("--class") || args.Value("--class").empty()) {
+        Usage(args.command, "--class OBJECTCLASS is required");
+    }
+    std::vector<tagAttItem> items = Items(args);
+    // The directory wants the value that names the entry among its attributes; it is added
+    // from the DN when not given.
+    std::string const first = dn.substr(0, dn.find(','));
+    size_t eq = first.find('=');
+    if (eq == std::string::npos || Trim(first.substr(0, eq)).empty()) {
+        Usage(args.command, "\"" + dn + "\" does not start with attr=value");
+    }
+    std::string const namingType = Trim(first.substr(0, eq));
+    bool given = false;
+    for (tagAttItem const& item : items) {
+        if (strcasecmp(item.type, namingType.c_str()) == 0) given = true;
+    }
+    if (!given) {
+        std::string const value = ToLibraryText(args.command, Trim(first.substr(eq + 1)));
+        if (value.empty()) Usage(args.command, "\"" + dn + "\" names its entry with an empty value");
+        tagAttItem item;
+        std::memset(&item, 0, sizeof item);
+        if (namingType.size() >= sizeof item.type || value.size() >= sizeof item.value) {
+            Usage(args.command, "the first part of the DN is too long");
+        }
+        std::memcpy(item.type, namingType.c_str(), namingType.size() + 1);
+        std::memcpy(item.value, value.c_str(), value.size() + 1);
+        std::memcpy(item.syntax, "s", 2);
+        items.insert(items.begin(), item);
+    }
+    tagAtt att;
+    std::memset(&att, 0, sizeof att);
+    att.items = items.data();
+    att.itemCount = static_cast<int>(items.size());
+    SetClass(args, att);
+
+    CLdap ldap;
+    Connect(ldap);
+    int rc = ldap.InsertLdap(dn.c_str(), att, false, nullptr, 0, nullptr, 0, nullptr, 0);
+    if (rc == QORLDAP_E_FAILED) {
+        // The library does not say why; two lookups usually can.
+        Entry existing(ldap);
+        if (Lookup(args, ldap, dn, existing) > 0) {
+            FailCode(args.command, rc, "the directory refused the entry: " + dn + " exists already");
+        }
+        std::string const parent = dn.find(',') == std::string::npos
+                                       ? std::string()
+                                       : Trim(dn.substr(dn.find(',') + 1));
+        Entry above(ldap);
+        if (!parent.empty() && Lookup(args, ldap, parent, above) <= 0) {
+            FailCode(args.command, rc,
+                     "the directory refused the entry: its parent " + parent + " does not exist");
+        }
+        FailCode(args.command, rc,
+                 "the directory refused the entry (check the class and the attributes against "
+                 "the directory's schema)");
+    }
+    if (rc != QORLDAP_OK) FailCode(args.command, rc);
+    std::printf("added %s\n", dn.c_str());
+    return kExitOk;
+}
+
+// Meanings with the entry named, for the directory's codes of modify and delete.
+[[noreturn]] void FailChange(Args const& args, int rc, std::string const& dn) {
+    if (rc == 32) FailCode(args.command, rc, "no such object: there is no entry " + dn);
+    if (rc == 66) {
+        FailCode(args.command, rc,
+                 "not allowed on non-leaf (" + dn + " has entries below it; delete those first)");
+    }
+    if (rc == 65) {
+        FailCode(args.command, rc,
+                 "object class violation (the class does not allow an attribute, or lacks one "
+                 "it requires)");
+    }
+    FailCode(args.command, rc);
+}
+
+int RunModify(Args const& args) {
+    std::string const& dn = args.positional[0];
+    CheckDn(args, dn);
+    std::vector<tagAttItem> items = Items(args);
+    tagAtt att;
+    std::memset(&att, 0, sizeof att);
+    att.items = items.empty() ? nullptr : items.data();
+    att.itemCount = static_cast<int>(items.size());
+    if (args.HasValue("--class")) {
+        if (args.Value("--class").empty()) Usage(args.command, "the --class value is empty");
+        SetClass(args, att);
+    }
+    if (items.empty() && att.objectClass[0] == '\0') {
+        Usage(args.command, "nothing to change; give attr=value or --class");
+    }
+    CLdap ldap;
+    Connect(ldap);
+    int rc = ldap.ModifyLdap(dn.c_str(), att);
+    if (rc != QORLDAP_OK) FailChange(args, rc, dn);
+    std::printf("modified %s\n", dn.c_str());
+    return kExitOk;
+}
+
+int RunDelete(Args const& args) {
+    std::string const& dn = args.positional[0];
+    CheckDn(args, dn);
+    CLdap ldap;
+    Connect(ldap);
+    int rc = ldap.DeleteLdap(dn.c_str());
+    if (rc != QORLDAP_OK) FailChange(args, rc, dn);
+    std::printf("deleted %s\n", dn.c_str());
+    return kExitOk;
+}
+
+char const kShowHelp[] =
+    "usage: qorldap show DN\n"
+    "\n"
+    "Describes the entry DN: its parent, the template of ldap.ini its class matches (if\n"
+    "any), and the names of its attributes. Exit status 1 when there is no such entry.\n";
+
+char const kLsHelp[] =
+    "usage: qorldap ls DN [-R]\n"
+    "\n"
+    "Lists the DNs of the entries directly below DN that hold an ou or a cn, one per line.\n"
+    "\n"
+    "  -R, --recursive  the whole subtree, starting with DN, indented by depth\n";
+
+char const kAddHelp[] =
+    "usage: qorldap add DN --class OBJECTCLASS [attr=value ...]\n"
+    "\n"
+    "Adds the entry DN of class OBJECTCLASS with the given attribute values. The value that\n"
+    "names the entry (the first part of DN) is added when not given. For example:\n"
+    "  qorldap add \"ou=research, o=root\" --class organizationalUnit description=R+D\n"
+    "  qorldap add \"cn=zhang san, ou=research, o=root\" --class qorPerson sn=Zhang\n";
+
+char const kModifyHelp[] =
+    "usage: qorldap modify DN [--class OBJECTCLASS] attr=value ...\n"
+    "\n"
+    "Replaces the values of the given attributes of DN (and its object class, with --class).\n"
+    "Attributes not named are left as they are.\n";
+
+char const kDeleteHelp[] =
+    "usage: qorldap delete DN\n"
+    "\n"
+    "Deletes the entry DN. Entries below it must be deleted first.\n";
+
+}  // namespace
+
+std::vector<Command> EntryCommands() {
+    Option const klass{"--class", nullptr, true};
+    return {
+        {"show", "describe an entry", kShowHelp, {}, 1, 1, RunShow},
+        {"ls", "list the entries below an entry", kLsHelp, {{"--recursive", "-R", false}}, 1, 1,
+         RunLs},
+        {"add", "add an entry", kAddHelp, {klass}, 1, 1000, RunAdd},
+        {"modify", "replace attribute values of an entry", kModifyHelp, {klass}, 1, 1000,
+         RunModify},
+        {"delete", "delete an entry", kDeleteHelp, {}, 1, 1, RunDelete},
+    };
+}
+
+}  // namespace qortool
