@@ -36,12 +36,7 @@ int CLdapOp::GetAtt(char const* dn, char const* filter, tagAtt& att) {
     att.dn[0] = '\0';
     att.parentDn[0] = '\0';
     ldapmsg* result = nullptr;
-    int rc = binding_.LdapSearchExtS(Handle(), dn, LDAP_SCOPE_BASE, filter, nullptr, 0, nullptr,
-                                     nullptr, nullptr, 0, &result);
-    if (rc != 0) {
-        if (result != nullptr) {
-            binding_.LdapMsgFree(result);
-        }
+    if (Search(dn, LDAP_SCOPE_BASE, filter, result) != 0) {
         return 0;
     }
     std::memset(&att, 0, sizeof att);
@@ -115,12 +110,7 @@ bool CLdapOp::GetChild(char const* base, char const* filter, tagDN*& list, int& 
         return false;
     }
     ldapmsg* result = nullptr;
-    int rc = binding_.LdapSearchExtS(Handle(), base, LDAP_SCOPE_ONELEVEL, filter, nullptr, 0,
-                                     nullptr, nullptr, nullptr, 0, &result);
-    if (rc != 0) {
-        if (result != nullptr) {
-            binding_.LdapMsgFree(result);
-        }
+    if (Search(base, LDAP_SCOPE_ONELEVEL, filter, result) != 0) {
         return false;
     }
     if (result == nullptr) {

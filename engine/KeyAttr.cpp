@@ -105,12 +105,7 @@ int CLdapOp::GetEachKey(char const* dn, char const* attribute, unsigned char*& v
         return QORLDAP_E_FAILED;
     }
     ldapmsg* result = nullptr;
-    int rc = binding_.LdapSearchExtS(Handle(), dn, LDAP_SCOPE_BASE, filter, nullptr, 0, nullptr,
-                                     nullptr, nullptr, 0, &result);
-    if (rc != 0) {
-        if (result != nullptr) {
-            binding_.LdapMsgFree(result);
-        }
+    if (Search(dn, LDAP_SCOPE_BASE, filter, result) != 0) {
         return QORLDAP_E_FAILED;
     }
     if (result == nullptr) {

@@ -134,6 +134,17 @@ bool CLdapOp::SecureHandle(ldap* ld) {
     return true;
 }
 
+int CLdapOp::Search(char const* base, int scope, char const* filter, ldapmsg*& result) {
+    result = nullptr;
+    int rc = binding_.LdapSearchExtS(Handle(), base, scope, filter, nullptr, 0, nullptr, nullptr,
+                                     nullptr, 0, &result);
+    if (rc != 0 && result != nullptr) {
+        binding_.LdapMsgFree(result);
+        result = nullptr;
+    }
+    return rc;
+}
+
 void CLdapOp::GetLdapAtt(LdapInfo& info) { info = info_; }
 
 void CLdapOp::SetLdapAtt(LdapInfo info) { info_ = info; }

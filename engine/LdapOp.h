@@ -116,6 +116,9 @@ public:
                    char const* keyPsw, bool sign, bool publicOnly);
 
 private:
+    // One synchronous search for all attributes, no limits. On a non-zero code the result the
+    // library may have handed back with it is released and result is null.
+    int Search(char const* base, int scope, char const* filter, ldapmsg*& result);
     // Opens the handle as the link options say; null when none can be had.
     ldap* OpenHandle();
     // Timeouts and TLS settings, only those configured. false when StartTLS failed.

@@ -32,12 +32,7 @@ bool CLdapOp::GetRootAtt(char const* dn, char const* filter, DepartementAtt& att
     std::memset(&att, 0, sizeof att);
     CChineseCode code;
     ldapmsg* result = nullptr;
-    int rc = binding_.LdapSearchExtS(Handle(), dn, LDAP_SCOPE_BASE, filter, nullptr, 0, nullptr,
-                                     nullptr, nullptr, 0, &result);
-    if (rc != 0) {
-        if (result != nullptr) {
-            binding_.LdapMsgFree(result);
-        }
+    if (Search(dn, LDAP_SCOPE_BASE, filter, result) != 0) {
         return false;
     }
     if (result == nullptr) {
