@@ -67,10 +67,12 @@ int CLdapOp::ConnectLdap() {
     }
     // Threads sharing one engine connect one at a time; the others then find the handle set.
     std::lock_guard<std::mutex> guard(connectLock_);
+    std::unique_lock<std::shared_mutex> quiet;
     if (NeedsReconnect()) {
-        // The lost handle is released once no operation uses it any more; the next steps then
-        // dial and bind afresh. The call that met the loss has already returned its code.
-        std::unique_lock<std::shared_mutex> quiet(operations_);
+        // The lost handle is released once no operation uses it any more, and no operation
+        // starts until the steps below have dialled and bound afresh. The call that met the
+        // loss has already returned its code.
+        quiet = std::unique_lock<std::shared_mutex>(operations_);
         binding_.DropHandle();
         handle_.store(nullptr, std::memory_order_release);
     }

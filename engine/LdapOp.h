@@ -48,6 +48,9 @@ public:
                                : std::shared_lock<std::shared_mutex>();
     }
     LinkOptions const& Link() const { return link_; }
+    // Whether the engine holds a connection; checked under GuardOperation, since with
+    // reconnection on another thread may have found the connection lost and failed to redial.
+    bool HasConnection() const { return handle_.load(std::memory_order_acquire) != nullptr; }
     void GetLdapAtt(LdapInfo& info);
     void SetLdapAtt(LdapInfo info);
     void FreeKey(unsigned char*& key);

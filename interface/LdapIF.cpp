@@ -30,12 +30,17 @@ void SetLdapAtt(LdapInfo info) {
     opLdap.SetLdapAtt(info);
 }
 
+// With reconnection on, the operation holds the engine's guard, so that another thread cannot
+// release the connection under it, and finds out under the guard whether a connection is left.
 #define QOR_CONNECTED_CALL(call)                  \
     do {                                          \
         if (opLdap.ConnectLdap() != QORLDAP_OK) { \
             return QORLDAP_E_FAILED;              \
         }                                         \
         auto inUse = opLdap.GuardOperation();     \
+        if (!opLdap.HasConnection()) {            \
+            return QORLDAP_E_FAILED;              \
+        }                                         \
         return opLdap.call;                       \
     } while (0)
 
