@@ -23,6 +23,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -58,14 +59,15 @@ struct Fixture {
     std::string userDn[kMaxThreads];
     std::vector<unsigned char> certs[2];  // two values, so that consecutive writes differ
     std::string publisherBundle;
-    int holderPassword = 0;  // index of the password the holder's keys are protected by now
+    int holderPassword = 0;   // index of the password the holder's keys are protected by now
+    unsigned int writes = 0;  // key writes made so far (picks the value of the next one)
 
-    std::unique_ptr<CLdap> object;                   // single-thread CLdap benchmarks
-    std::unique_ptr<CLdap> perThread[kMaxThreads];   // one CLdap per benchmark thread
-    LDAP* raw = nullptr;                             // single-thread raw benchmarks
-    LDAP* rawShared = nullptr;                       // threads on one handle and a mutex
+    std::unique_ptr<CLdap> object;                  // single-thread CLdap benchmarks
+    std::unique_ptr<CLdap> perThread[kMaxThreads];  // one CLdap per benchmark thread
+    LDAP* raw = nullptr;                            // single-thread raw benchmarks
+    LDAP* rawShared = nullptr;                      // threads on one handle and a mutex
     std::mutex rawSharedLock;
-    LDAP* rawPerThread[kMaxThreads] = {};            // one handle per benchmark thread
+    LDAP* rawPerThread[kMaxThreads] = {};  // one handle per benchmark thread
 };
 
 Fixture* g = nullptr;
@@ -141,8 +143,8 @@ int RawWriteKey(LDAP* ld, char const* dn, unsigned char const* data, unsigned in
 int RawSelect(LDAP* ld, char const* dn, int& count) {
     count = 0;
     LDAPMessage* result = nullptr;
-    int rc = ldap_search_ext_s(ld, dn, LDAP_SCOPE_BASE, kSelectFilter, nullptr, 0, nullptr,
-                               nullptr, nullptr, 0, &result);
+    int rc = ldap_search_ext_s(ld, dn, LDAP_SCOPE_BASE, kSelectFilter, nullptr, 0, nullptr, nullptr,
+                               nullptr, 0, &result);
     if (rc != LDAP_SUCCESS) {
         if (result != nullptr) {
             ldap_msgfree(result);
@@ -214,103 +216,76 @@ int RawList(LDAP* ld, char const* dn, int& count) {
     return LDAP_SUCCESS;
 }
 
-// --- the benchmarks -------------------------------------------------------------------------
+// --- the single-thread pairs ------------------------------------------------------------------
+// Each operation once, library and raw side alike; false when it did not give what it should.
 
-void KeyReadLibrary(benchmark::State& state) {
-    char const* dn = g->readerDn.c_str();
-    for (auto _ : state) {
-        unsigned char* key = nullptr;
-        unsigned int length = 0;
-        if (GetSignPublicKey(dn, key, length) != 0 || length != kCertBytes) {
-            state.SkipWithError("GetSignPublicKey failed");
-            break;
-        }
-        FreeKey(key);
+bool LibraryKeyRead() {
+    unsigned char* key = nullptr;
+    unsigned int length = 0;
+    if (GetSignPublicKey(g->readerDn.c_str(), key, length) != 0 || length != kCertBytes) {
+        return false;
     }
+    FreeKey(key);
+    return true;
 }
 
-void KeyReadRaw(benchmark::State& state) {
-    char const* dn = g->readerDn.c_str();
-    for (auto _ : state) {
-        unsigned char* key = nullptr;
-        unsigned int length = 0;
-        if (RawReadKey(g->raw, dn, key, length) != 0 || length != kCertBytes) {
-            state.SkipWithError("raw key read failed");
-            break;
-        }
-        delete[] key;
-    }
+bool RawKeyRead() {
+    unsigned char* key = nullptr;
+    unsigned int length = 0;
+    int rc = RawReadKey(g->raw, g->readerDn.c_str(), key, length);
+    delete[] key;
+    return rc == 0 && length == kCertBytes;
 }
 
-void KeyWriteLibrary(benchmark::State& state) {
-    char const* dn = g->writerDn.c_str();
-    unsigned int turn = 0;
-    for (auto _ : state) {
-        std::vector<unsigned char> const& value = g->certs[turn++ & 1];
-        if (g->object->ModifySignPublicKey(dn, value.data(), kCertBytes) != 0) {
-            state.SkipWithError("ModifySignPublicKey failed");
-            break;
-        }
-    }
+// Consecutive writes, whichever side makes them, alternate between two values, so that every
+// write changes the entry.
+bool LibraryKeyWrite() {
+    return g->object->ModifySignPublicKey(g->writerDn.c_str(), g->certs[g->writes++ & 1].data(),
+                                          kCertBytes) == 0;
 }
 
-void KeyWriteRaw(benchmark::State& state) {
-    char const* dn = g->writerDn.c_str();
-    unsigned int turn = 0;
-    for (auto _ : state) {
-        std::vector<unsigned char> const& value = g->certs[turn++ & 1];
-        if (RawWriteKey(g->raw, dn, value.data(), kCertBytes) != 0) {
-            state.SkipWithError("raw key write failed");
-            break;
-        }
-    }
+bool RawKeyWrite() {
+    return RawWriteKey(g->raw, g->writerDn.c_str(), g->certs[g->writes++ & 1].data(), kCertBytes) ==
+           0;
 }
 
-void SelectLibrary(benchmark::State& state) {
-    char const* dn = g->readerDn.c_str();
+bool LibrarySelect() {
     tagAtt att;
-    std::memset(&att, 0, sizeof att);
-    for (auto _ : state) {
-        att.items = nullptr;
-        att.itemCount = 0;
-        if (g->object->SelectLdap(dn, att) != 0 || att.itemCount <= 0) {
-            state.SkipWithError("SelectLdap (entry) failed");
-            break;
-        }
-        g->object->FreeAtt(&att);
+    att.items = nullptr;
+    att.itemCount = 0;
+    if (g->object->SelectLdap(g->readerDn.c_str(), att) != 0 || att.itemCount <= 0) {
+        return false;
     }
+    g->object->FreeAtt(&att);
+    return true;
 }
 
-void SelectRaw(benchmark::State& state) {
-    char const* dn = g->readerDn.c_str();
-    for (auto _ : state) {
-        int count = 0;
-        if (RawSelect(g->raw, dn, count) != 0 || count <= 0) {
-            state.SkipWithError("raw select failed");
-            break;
-        }
-    }
+bool RawSelectOnce() {
+    int count = 0;
+    return RawSelect(g->raw, g->readerDn.c_str(), count) == 0 && count > 0;
 }
 
-void ListLibrary(benchmark::State& state) {
-    char const* dn = g->listDn.c_str();
-    for (auto _ : state) {
-        tagDN* list = nullptr;
-        int count = 0;
-        if (g->object->SelectLdap(dn, nullptr, list, count) != 0 || count != kChildren) {
-            state.SkipWithError("SelectLdap (children) failed");
-            break;
-        }
-        g->object->FreeDN(list, count);
+bool LibraryList() {
+    tagDN* list = nullptr;
+    int count = 0;
+    if (g->object->SelectLdap(g->listDn.c_str(), nullptr, list, count) != 0 || count != kChildren) {
+        return false;
     }
+    g->object->FreeDN(list, count);
+    return true;
 }
 
-void ListRaw(benchmark::State& state) {
-    char const* dn = g->listDn.c_str();
+bool RawListOnce() {
+    int count = 0;
+    return RawList(g->raw, g->listDn.c_str(), count) == 0 && count == kChildren;
+}
+
+// One side of a pair on its own: its ops/s.
+template <typename Op>
+void Alone(benchmark::State& state, Op op) {
     for (auto _ : state) {
-        int count = 0;
-        if (RawList(g->raw, dn, count) != 0 || count != kChildren) {
-            state.SkipWithError("raw listing failed");
+        if (!op()) {
+            state.SkipWithError("the operation failed");
             break;
         }
     }
@@ -445,9 +420,11 @@ std::string MakeBundle(std::string const& cn) {
     std::string dir = scratch;
     std::string cmd = "cd '" + dir +
                       "' && openssl req -x509 -newkey rsa:2048 -nodes -keyout k.pem -out c.pem"
-                      " -days 2 -subj '/O=Bench/OU=pki/CN=" + cn +
+                      " -days 2 -subj '/O=Bench/OU=pki/CN=" +
+                      cn +
                       "' && openssl pkcs12 -export -in c.pem -inkey k.pem -out b.p12"
-                      " -passout 'pass:" + kP12Password + "'";
+                      " -passout 'pass:" +
+                      kP12Password + "'";
     std::string bundle;
     if (std::system(("(" + cmd + ") >/dev/null 2>&1").c_str()) == 0) {
         bundle = ReadWhole(dir + "/b.p12");
@@ -461,7 +438,8 @@ bool SetUp(bool withBundles) {
     GetLdapAtt(g->info);
     std::string base = g->info.basedn;
     if (base.empty()) {
-        std::fprintf(stderr, "bench: no basedn; is QORLDAP_CONF_DIR set (see scripts/directory)?\n");
+        std::fprintf(stderr,
+                     "bench: no basedn; is QORLDAP_CONF_DIR set (see scripts/directory)?\n");
         return false;
     }
     if (ConnectLdap() != 0) {
@@ -555,8 +533,7 @@ int MemoryRun(long n) {
             return false;
         }
         FreeKey(key);
-        return g->object->ModifySignPublicKey(g->writerDn.c_str(), g->certs[i & 1].data(),
-                                              kCertBytes) == 0;
+        return LibraryKeyWrite();
     };
     for (long i = 0; i < 1000; ++i) {
         if (!round(i)) {
@@ -575,29 +552,48 @@ int MemoryRun(long n) {
     double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     long after = qorbench::ResidentKiB();
-    std::printf("memory reads=%ld writes=%ld rss_before_kib=%ld rss_after_kib=%ld growth_kib=%ld "
-                "seconds=%.1f\n",
-                n, n, before, after, after - before, seconds);
+    std::printf(
+        "memory reads=%ld writes=%ld rss_before_kib=%ld rss_after_kib=%ld growth_kib=%ld "
+        "seconds=%.1f\n",
+        n, n, before, after, after - before, seconds);
     return 0;
 }
 
 void Register() {
     using benchmark::RegisterBenchmark;
     auto unit = benchmark::kMicrosecond;
-    RegisterBenchmark("key_read/library", KeyReadLibrary)->UseRealTime()->Unit(unit);
-    RegisterBenchmark("key_read/raw", KeyReadRaw)->UseRealTime()->Unit(unit);
-    RegisterBenchmark("key_write/library", KeyWriteLibrary)->UseRealTime()->Unit(unit);
-    RegisterBenchmark("key_write/raw", KeyWriteRaw)->UseRealTime()->Unit(unit);
-    RegisterBenchmark("entry_select/library", SelectLibrary)->UseRealTime()->Unit(unit);
-    RegisterBenchmark("entry_select/raw", SelectRaw)->UseRealTime()->Unit(unit);
-    RegisterBenchmark("child_list_100/library", ListLibrary)->UseRealTime()->Unit(unit);
-    RegisterBenchmark("child_list_100/raw", ListRaw)->UseRealTime()->Unit(unit);
-    for (auto const& t : {std::make_pair("threads_read/free_functions", ThreadsFreeFunctions),
-                          std::make_pair("threads_read/cldap_per_thread", ThreadsObjectPerThread),
-                          std::make_pair("threads_read/raw_one_handle_mutex",
-                                         ThreadsRawSharedHandle),
-                          std::make_pair("threads_read/raw_handle_per_thread",
-                                         ThreadsRawHandlePerThread)}) {
+    struct Pair {
+        char const* name;
+        bool (*library)();
+        bool (*raw)();
+    };
+    Pair const pairs[] = {{"key_read", LibraryKeyRead, RawKeyRead},
+                          {"key_write", LibraryKeyWrite, RawKeyWrite},
+                          {"entry_select", LibrarySelect, RawSelectOnce},
+                          {"child_list_100", LibraryList, RawListOnce}};
+    // Each side on its own (ops/s of each); with --benchmark_enable_random_interleaving the
+    // repetitions of all of them are shuffled together.
+    for (Pair const& p : pairs) {
+        RegisterBenchmark((std::string(p.name) + "/library").c_str(), Alone<bool (*)()>, p.library)
+            ->UseRealTime()
+            ->Unit(unit);
+        RegisterBenchmark((std::string(p.name) + "/raw").c_str(), Alone<bool (*)()>, p.raw)
+            ->UseRealTime()
+            ->Unit(unit);
+    }
+    // Both sides alternating in one loop (the ratio).
+    for (Pair const& p : pairs) {
+        RegisterBenchmark((std::string(p.name) + "/paired").c_str(),
+                          qorbench::Paired<bool (*)(), bool (*)()>, p.library, p.raw)
+            ->MinTime(1.0)
+            ->UseRealTime()
+            ->Unit(unit);
+    }
+    for (auto const& t :
+         {std::make_pair("threads_read/free_functions", ThreadsFreeFunctions),
+          std::make_pair("threads_read/cldap_per_thread", ThreadsObjectPerThread),
+          std::make_pair("threads_read/raw_one_handle_mutex", ThreadsRawSharedHandle),
+          std::make_pair("threads_read/raw_handle_per_thread", ThreadsRawHandlePerThread)}) {
         RegisterBenchmark(t.first, t.second)
             ->Threads(1)
             ->Threads(4)
@@ -607,13 +603,21 @@ void Register() {
     }
     // Slow, fixed-count ones.
     auto ms = benchmark::kMillisecond;
-    RegisterBenchmark("publish_p12", Publish)->Iterations(6)->Repetitions(3)->UseRealTime()->Unit(ms);
+    RegisterBenchmark("publish_p12", Publish)
+        ->Iterations(6)
+        ->Repetitions(3)
+        ->UseRealTime()
+        ->Unit(ms);
     RegisterBenchmark("modify_pri_key_psw", ChangePassword)
         ->Iterations(4)
         ->Repetitions(3)
         ->UseRealTime()
         ->Unit(ms);
-    RegisterBenchmark("pbkdf2_sha256_100k", Pbkdf2)->Iterations(10)->Repetitions(3)->UseRealTime()->Unit(ms);
+    RegisterBenchmark("pbkdf2_sha256_100k", Pbkdf2)
+        ->Iterations(10)
+        ->Repetitions(3)
+        ->UseRealTime()
+        ->Unit(ms);
 }
 
 }  // namespace
@@ -627,19 +631,19 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
-    if (!SetUp(memoryRounds == 0)) {
-        return 1;
-    }
     if (memoryRounds > 0) {
-        return MemoryRun(memoryRounds);
+        return SetUp(false) ? MemoryRun(memoryRounds) : 1;
     }
-    Register();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 2;
     }
-    benchmark::AddCustomContext("directory", std::string(g->info.host) + ":" +
-                                                 std::to_string(g->info.port));
+    if (!SetUp(true)) {
+        return 1;
+    }
+    Register();
+    benchmark::AddCustomContext("directory",
+                                std::string(g->info.host) + ":" + std::to_string(g->info.port));
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

@@ -9,13 +9,19 @@
 // What one walk sends: per visited DN a one-level child listing and a base select of the DN
 // itself, and per unit one base search on the composed candidate DN. The walk visits the root
 // of the tree and its 10 units, so every walk here makes 2 + 10 * 3 = 32 searches; the
-// listings return 10 units and then every user of every unit (N entries in all).
+// listings return 10 units and then every user of every unit (N entries in all). The same 32
+// searches, with the same walks over their results, are made with libldap directly on one
+// connection for comparison.
+#include <lber.h>
+#include <ldap.h>
+
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "BenchCommon.h"
 #include "engine/LdapOp.h"
@@ -44,8 +50,11 @@ struct EngineApi {
 
 std::string g_base;
 std::unique_ptr<CLdapOp> g_walkers[3];  // one engine per tree, its base DN at the tree's root
+LDAP* g_raw = nullptr;                  // the raw side's connection, bound as the manager
 
-std::string TreeDn(int users) { return "ou=t" + std::to_string(users) + "," + g_base; }
+std::string TreeDn(int users) {
+    return "ou=t" + std::to_string(users) + "," + g_base;
+}
 std::string UnitDn(int users, int unit) {
     return "ou=u" + std::to_string(unit) + "," + TreeDn(users);
 }
@@ -80,6 +89,117 @@ bool Populate(CLdapOp& op) {
     return true;
 }
 
+// --- the raw walk: the engine's requests, in its order, with libldap directly ---------------
+
+// One-level listing of the children holding an ou or a cn; their DNs.
+bool RawChildren(char const* base, std::vector<std::string>& children) {
+    children.clear();
+    LDAPMessage* result = nullptr;
+    if (ldap_search_ext_s(g_raw, base, LDAP_SCOPE_ONELEVEL, "(|(ou=*)(cn=*))", nullptr, 0, nullptr,
+                          nullptr, nullptr, 0, &result) != LDAP_SUCCESS) {
+        if (result != nullptr) {
+            ldap_msgfree(result);
+        }
+        return false;
+    }
+    children.reserve(static_cast<size_t>(ldap_count_entries(g_raw, result)));
+    for (LDAPMessage* e = ldap_first_entry(g_raw, result); e != nullptr;
+         e = ldap_next_entry(g_raw, e)) {
+        char* dn = ldap_get_dn(g_raw, e);
+        children.emplace_back(dn != nullptr ? dn : "");
+        ldap_memfree(dn);
+    }
+    ldap_msgfree(result);
+    return true;
+}
+
+// Base select of an entry named by ou=...: two walks over its attributes.
+bool RawSelectSelf(char const* dn) {
+    LDAPMessage* result = nullptr;
+    if (ldap_search_ext_s(g_raw, dn, LDAP_SCOPE_BASE, "(ou=*)", nullptr, 0, nullptr, nullptr,
+                          nullptr, 0, &result) != LDAP_SUCCESS) {
+        if (result != nullptr) {
+            ldap_msgfree(result);
+        }
+        return false;
+    }
+    for (int pass = 0; pass < 2; ++pass) {
+        BerElement* ber = nullptr;
+        for (char* a = ldap_first_attribute(g_raw, result, &ber); a != nullptr;
+             a = ldap_next_attribute(g_raw, result, ber)) {
+            char** values = ldap_get_values(g_raw, result, a);
+            ldap_value_free(values);
+            ldap_memfree(a);
+        }
+        ber_free(ber, 0);
+    }
+    ldap_msgfree(result);
+    return true;
+}
+
+// Base search on a candidate with (cn=*); true when it exists and holds a cn value.
+bool RawCandidate(char const* dn) {
+    LDAPMessage* result = nullptr;
+    if (ldap_search_ext_s(g_raw, dn, LDAP_SCOPE_BASE, "(cn=*)", nullptr, 0, nullptr, nullptr,
+                          nullptr, 0, &result) != LDAP_SUCCESS) {
+        if (result != nullptr) {
+            ldap_msgfree(result);
+        }
+        return false;
+    }
+    bool found = false;
+    BerElement* ber = nullptr;
+    for (char* a = ldap_first_attribute(g_raw, result, &ber); a != nullptr;
+         a = ldap_next_attribute(g_raw, result, ber)) {
+        berval** values = ldap_get_values_len(g_raw, result, a);
+        if (values != nullptr) {
+            found = found || (values[0] != nullptr && std::strcmp(a, "cn") == 0);
+            ldap_value_free_len(values);
+        }
+        ldap_memfree(a);
+    }
+    ber_free(ber, 0);
+    ldap_msgfree(result);
+    return found;
+}
+
+bool RawWalk(std::string const& root, std::string const& value, std::string& dn) {
+    std::vector<std::string> units;
+    std::vector<std::string> users;
+    if (!RawChildren(root.c_str(), units) || !RawSelectSelf(root.c_str())) {
+        return false;
+    }
+    for (std::string const& unit : units) {
+        if (!RawChildren(unit.c_str(), users) || !RawSelectSelf(unit.c_str())) {
+            continue;
+        }
+        if (users.empty()) {
+            continue;
+        }
+        std::string candidate = "cn=" + value + ", " + unit;
+        if (RawCandidate(candidate.c_str())) {
+            dn = candidate;
+            return true;
+        }
+    }
+    return false;
+}
+
+void FullDnRaw(benchmark::State& state) {
+    int users = static_cast<int>(state.range(0));
+    std::string value = UserName(users, kUnits - 1, users / kUnits - 1);
+    std::string expected = "cn=" + value + ", " + UnitDn(users, kUnits - 1);
+    for (auto _ : state) {
+        std::string dn;
+        if (!RawWalk(TreeDn(users), value, dn) || dn != expected) {
+            state.SkipWithError(("raw walk gave '" + dn + "'").c_str());
+            break;
+        }
+    }
+    state.counters["searches_per_call"] = 2 + kUnits * 3;
+    state.counters["entries_listed_per_call"] = kUnits + users;
+}
+
 void FullDn(benchmark::State& state) {
     int users = static_cast<int>(state.range(0));
     int tree = users == 10 ? 0 : users == 100 ? 1 : 2;
@@ -98,9 +218,34 @@ void FullDn(benchmark::State& state) {
     state.counters["entries_listed_per_call"] = kUnits + users;
 }
 
+// Both walks alternating in one loop (the ratio).
+void FullDnPaired(benchmark::State& state) {
+    int users = static_cast<int>(state.range(0));
+    int tree = users == 10 ? 0 : users == 100 ? 1 : 2;
+    CLdapOp& walker = *g_walkers[tree];
+    std::string value = UserName(users, kUnits - 1, users / kUnits - 1);
+    std::string name = "cn=" + value;
+    std::string expected = name + ", " + UnitDn(users, kUnits - 1);
+    std::string root = TreeDn(users);
+    qorbench::Paired(
+        state,
+        [&] {
+            std::string dn;
+            return walker.GetFullDN(name.c_str(), dn) == 0 && dn == expected;
+        },
+        [&] {
+            std::string dn;
+            return RawWalk(root, value, dn) && dn == expected;
+        });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 2;
+    }
     CLdapOp setup;
     LdapInfo info;
     setup.GetLdapAtt(info);
@@ -122,17 +267,32 @@ int main(int argc, char** argv) {
         std::snprintf(rooted.basedn, sizeof rooted.basedn, "%s", TreeDn(kTreeSizes[tree]).c_str());
         g_walkers[tree]->SetLdapAtt(rooted);
     }
-    benchmark::RegisterBenchmark("get_full_dn", FullDn)
+    g_raw = ldap_init(info.host, info.port);
+    int version = LDAP_VERSION3;
+    if (g_raw == nullptr ||
+        ldap_set_option(g_raw, LDAP_OPT_PROTOCOL_VERSION, &version) != LDAP_OPT_SUCCESS ||
+        ldap_simple_bind_s(g_raw, info.managerdn, info.psw) != LDAP_SUCCESS) {
+        std::fprintf(stderr, "bench: raw libldap cannot bind as %s\n", info.managerdn);
+        return 1;
+    }
+    for (auto const& side : {std::make_pair("get_full_dn/library", FullDn),
+                             std::make_pair("get_full_dn/raw", FullDnRaw)}) {
+        benchmark::RegisterBenchmark(side.first, side.second)
+            ->ArgName("users")
+            ->Arg(kTreeSizes[0])
+            ->Arg(kTreeSizes[1])
+            ->Arg(kTreeSizes[2])
+            ->UseRealTime()
+            ->Unit(benchmark::kMicrosecond);
+    }
+    benchmark::RegisterBenchmark("get_full_dn/paired", FullDnPaired)
         ->ArgName("users")
         ->Arg(kTreeSizes[0])
         ->Arg(kTreeSizes[1])
         ->Arg(kTreeSizes[2])
+        ->MinTime(1.0)
         ->UseRealTime()
         ->Unit(benchmark::kMicrosecond);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 2;
-    }
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

@@ -82,6 +82,15 @@ int CLdapOp::GetAtt(char const* dn, char const* filter, tagAtt& att) {
         if (values != nullptr) {
             qor::FitCopy(att.items[k].type, name);
             binding_.LdapValueFree(values);
+        } else {
+            // libldap hands out no text values for a value holding a zero byte, as every DER
+            // key and certificate does; asked for them as octets, it shows they are there, so
+            // a key attribute is named like any other.
+            berval** octets = binding_.LdapGetValuesLen(Handle(), result, name);
+            if (octets != nullptr) {
+                qor::FitCopy(att.items[k].type, name);
+                binding_.LdapValueFreeLen(octets);
+            }
         }
         binding_.LdapMemFree(name);
         ++k;

@@ -93,13 +93,14 @@ std::string ReadFile(std::string const& what, std::string const& path, size_t li
 std::string Base64Encode(std::string const& data);
 bool Base64Decode(std::string const& text, std::string& out);
 std::string PemEncode(std::string const& label, std::string const& der);
-// True when text holds a PEM block; label and der then describe the first block. A block
-// with headers (such as "Proc-Type:") sets hasHeaders. False with error set for a broken block.
-bool PemDecode(std::string const& text, std::string& label, std::string& der, bool& hasHeaders,
-               std::string& error);
+// Decodes the first PEM block of text: its label and its data as DER. False, with error set,
+// for a broken block.
+bool PemDecode(std::string const& text, std::string& label, std::string& der, std::string& error);
 bool LooksLikePem(std::string const& text);
+// Usage error when binary data would go to a terminal.
+void RefuseBinaryOnTerminal(std::string const& what, std::string const& path, bool binary);
 // Writes data to path ("-" or empty: standard output). binary data is refused on a terminal.
-// privateFile creates a new file readable by its owner only.
+// privateFile leaves the file readable by its owner only.
 void WriteOutput(std::string const& what, std::string const& data, std::string const& path,
                  bool binary, bool privateFile);
 // The DER element at offset: its tag, header length and content length; false when the

@@ -90,10 +90,12 @@ std::string CodeText(int code) {
 
 std::string CodeMeaning(int code) {
     for (Meaning const& m : kLibrary) {
-        if (m.code == code) return m.text;
+        if (m.code == code)
+            return m.text;
     }
     for (Meaning const& m : kDirectory) {
-        if (m.code == code) return m.text;
+        if (m.code == code)
+            return m.text;
     }
     return "unknown result code";
 }

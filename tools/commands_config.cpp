@@ -11,7 +11,9 @@ namespace qortool {
 
 namespace {
 
-std::string Shown(char const* text) { return text[0] == '\0' ? "(not set)" : text; }
+std::string Shown(char const* text) {
+    return text[0] == '\0' ? "(not set)" : text;
+}
 
 int RunConfig(Args const& args) {
     CLdap ldap;
@@ -62,8 +64,13 @@ char const kConfigHelp[] =
 
 std::vector<Command> ConfigCommands() {
     return {
-        {"config", "show the settings in force and where they came from", kConfigHelp,
-         {{"--check", nullptr, false}}, 0, 0, RunConfig},
+        {"config",
+         "show the settings in force and where they came from",
+         kConfigHelp,
+         {{"--check", nullptr, false}},
+         0,
+         0,
+         RunConfig},
     };
 }
 

@@ -18,7 +18,7 @@ int const kMaxDepth = 32;
 
 // An entry record, released through the object that filled it.
 class Entry {
-public:
+  public:
     explicit Entry(CLdap& ldap) : ldap_(ldap) { std::memset(&att, 0, sizeof att); }
     ~Entry() { ldap_.FreeAtt(&att); }
     Entry(Entry const&) = delete;
@@ -26,15 +26,16 @@ public:
 
     tagAtt att;
 
-private:
+  private:
     CLdap& ldap_;
 };
 
 class Children {
-public:
+  public:
     explicit Children(CLdap& ldap) : ldap_(ldap) {}
     ~Children() {
-        if (list != nullptr) ldap_.FreeDN(list, count);
+        if (list != nullptr)
+            ldap_.FreeDN(list, count);
     }
     Children(Children const&) = delete;
     Children& operator=(Children const&) = delete;
@@ -42,15 +43,16 @@ public:
     tagDN* list = nullptr;
     int count = 0;
 
-private:
+  private:
     CLdap& ldap_;
 };
 
 void CheckDn(Args const& args, std::string const& dn) {
-    if (dn.empty()) Usage(args.command, "the DN is empty");
+    if (dn.empty())
+        Usage(args.command, "the DN is empty");
     if (dn.size() >= sizeof(tagAtt::dn)) {
-        Usage(args.command, "the DN is longer than " + std::to_string(sizeof(tagAtt::dn) - 1) +
-                                " characters");
+        Usage(args.command,
+              "the DN is longer than " + std::to_string(sizeof(tagAtt::dn) - 1) + " characters");
     }
 }
 
@@ -61,13 +63,15 @@ int Lookup(Args const& args, CLdap& ldap, std::string const& dn, Entry& entry) {
         FailCode(args.command, rc,
                  "the entry cannot be read (is \"" + dn + "\" a DN such as ou=sales, o=root?)");
     }
-    if (rc != QORLDAP_OK) FailCode(args.command, rc);
+    if (rc != QORLDAP_OK)
+        FailCode(args.command, rc);
     return entry.att.itemCount;
 }
 
 std::string Trim(std::string const& text) {
     size_t begin = text.find_first_not_of(' ');
-    if (begin == std::string::npos) return "";
+    if (begin == std::string::npos)
+        return "";
     return text.substr(begin, text.find_last_not_of(' ') - begin + 1);
 }
 
@@ -90,11 +94,14 @@ void ShowKeys(CLdap& ldap, std::string const& dn) {
         unsigned int length = 0;
         int rc = (ldap.*k.get)(dn.c_str(), data, length);
         ldap.FreeKey(data);
-        if (rc != QORLDAP_OK) return;
-        if (length > 0) lines.push_back(std::string(k.text) + ", " + std::to_string(length) + " bytes");
+        if (rc != QORLDAP_OK)
+            return;
+        if (length > 0)
+            lines.push_back(std::string(k.text) + ", " + std::to_string(length) + " bytes");
     }
     std::printf("keys and certificates:%s\n", lines.empty() ? " none" : "");
-    for (std::string const& line : lines) std::printf("  %s\n", line.c_str());
+    for (std::string const& line : lines)
+        std::printf("  %s\n", line.c_str());
 }
 
 int RunShow(Args const& args) {
@@ -110,7 +117,8 @@ int RunShow(Args const& args) {
     std::string const parent = Trim(att.parentDn);
     std::printf("dn: %s\n", att.dn);
     // The library names a DN of one part its own parent.
-    std::printf("parent: %s\n", parent == Trim(att.dn) ? "(none, top of the tree)" : parent.c_str());
+    std::printf("parent: %s\n",
+                parent == Trim(att.dn) ? "(none, top of the tree)" : parent.c_str());
     if (att.objectClass[0] != '\0') {
         std::printf("template: %s (naming attribute %s, level %d of %d)\n", att.objectClass,
                     att.namingAtt, att.templateIndex + 1, att.templateCount);
@@ -127,7 +135,8 @@ int RunShow(Args const& args) {
         }
     }
     if (unnamed > 0) {
-        std::printf("  (and %d more that the library reports without a name)\n", unnamed);
+        std::printf("  (and %d more holding binary data; the library does not give their names)\n",
+                    unnamed);
     }
     ShowKeys(ldap, dn);
     return kExitOk;
@@ -139,12 +148,15 @@ void List(Args const& args, CLdap& ldap, std::string const& dn, int depth, bool 
     if (rc == QORLDAP_E_FAILED) {
         FailCode(args.command, rc, "the search below " + dn + " failed (is there such an entry?)");
     }
-    if (rc != QORLDAP_OK) FailCode(args.command, rc);
+    if (rc != QORLDAP_OK)
+        FailCode(args.command, rc);
     for (int i = 0; i < children.count; ++i) {
         std::string const child = children.list[i].dn;
-        if (child.empty()) continue;
+        if (child.empty())
+            continue;
         std::printf("%*s%s\n", recursive ? 2 * depth : 0, "", child.c_str());
-        if (recursive && depth < kMaxDepth) List(args, ldap, child, depth + 1, true);
+        if (recursive && depth < kMaxDepth)
+            List(args, ldap, child, depth + 1, true);
     }
 }
 
@@ -154,7 +166,8 @@ int RunLs(Args const& args) {
     bool const recursive = args.Has("--recursive");
     CLdap ldap;
     Connect(ldap);
-    if (recursive) std::printf("%s\n", dn.c_str());
+    if (recursive)
+        std::printf("%s\n", dn.c_str());
     List(args, ldap, dn, 1, recursive);
     return kExitOk;
 }
@@ -171,14 +184,17 @@ std::vector<tagAttItem> Items(Args const& args) {
         }
         std::string const type = arg.substr(0, eq);
         std::string const value = ToLibraryText(args.command, arg.substr(eq + 1));
-        if (value.empty()) Usage(args.command, "the value of " + type + " is empty");
+        if (value.empty())
+            Usage(args.command, "the value of " + type + " is empty");
         if (strcasecmp(type.c_str(), "objectClass") == 0) {
             Usage(args.command, "give the object class with --class");
         }
         tagAttItem item;
         std::memset(&item, 0, sizeof item);
-        if (type.size() >= sizeof item.type) Usage(args.command, "attribute name too long: " + type);
-        if (value.size() >= sizeof item.value) Usage(args.command, "the value of " + type + " is too long");
+        if (type.size() >= sizeof item.type)
+            Usage(args.command, "attribute name too long: " + type);
+        if (value.size() >= sizeof item.value)
+            Usage(args.command, "the value of " + type + " is too long");
         std::memcpy(item.type, type.c_str(), type.size() + 1);
         std::memcpy(item.value, value.c_str(), value.size() + 1);
         std::memcpy(item.syntax, "s", 2);
@@ -189,7 +205,8 @@ std::vector<tagAttItem> Items(Args const& args) {
 
 void SetClass(Args const& args, tagAtt& att) {
     std::string const oc = ToLibraryText(args.command, args.Value("--class"));
-    if (oc.size() >= sizeof att.objectClass) Usage(args.command, "object class name too long");
+    if (oc.size() >= sizeof att.objectClass)
+        Usage(args.command, "object class name too long");
     std::memcpy(att.objectClass, oc.c_str(), oc.size() + 1);
 }
 
@@ -210,11 +227,13 @@ int RunAdd(Args const& args) {
     std::string const namingType = Trim(first.substr(0, eq));
     bool given = false;
     for (tagAttItem const& item : items) {
-        if (strcasecmp(item.type, namingType.c_str()) == 0) given = true;
+        if (strcasecmp(item.type, namingType.c_str()) == 0)
+            given = true;
     }
     if (!given) {
         std::string const value = ToLibraryText(args.command, Trim(first.substr(eq + 1)));
-        if (value.empty()) Usage(args.command, "\"" + dn + "\" names its entry with an empty value");
+        if (value.empty())
+            Usage(args.command, "\"" + dn + "\" names its entry with an empty value");
         tagAttItem item;
         std::memset(&item, 0, sizeof item);
         if (namingType.size() >= sizeof item.type || value.size() >= sizeof item.value) {
@@ -238,11 +257,11 @@ int RunAdd(Args const& args) {
         // The library does not say why; two lookups usually can.
         Entry existing(ldap);
         if (Lookup(args, ldap, dn, existing) > 0) {
-            FailCode(args.command, rc, "the directory refused the entry: " + dn + " exists already");
+            FailCode(args.command, rc,
+                     "the directory refused the entry: " + dn + " exists already");
         }
-        std::string const parent = dn.find(',') == std::string::npos
-                                       ? std::string()
-                                       : Trim(dn.substr(dn.find(',') + 1));
+        std::string const parent =
+            dn.find(',') == std::string::npos ? std::string() : Trim(dn.substr(dn.find(',') + 1));
         Entry above(ldap);
         if (!parent.empty() && Lookup(args, ldap, parent, above) <= 0) {
             FailCode(args.command, rc,
@@ -252,14 +271,16 @@ int RunAdd(Args const& args) {
                  "the directory refused the entry (check the class and the attributes against "
                  "the directory's schema)");
     }
-    if (rc != QORLDAP_OK) FailCode(args.command, rc);
+    if (rc != QORLDAP_OK)
+        FailCode(args.command, rc);
     std::printf("added %s\n", dn.c_str());
     return kExitOk;
 }
 
 // Meanings with the entry named, for the directory's codes of modify and delete.
 [[noreturn]] void FailChange(Args const& args, int rc, std::string const& dn) {
-    if (rc == 32) FailCode(args.command, rc, "no such object: there is no entry " + dn);
+    if (rc == 32)
+        FailCode(args.command, rc, "no such object: there is no entry " + dn);
     if (rc == 66) {
         FailCode(args.command, rc,
                  "not allowed on non-leaf (" + dn + " has entries below it; delete those first)");
@@ -281,7 +302,8 @@ int RunModify(Args const& args) {
     att.items = items.empty() ? nullptr : items.data();
     att.itemCount = static_cast<int>(items.size());
     if (args.HasValue("--class")) {
-        if (args.Value("--class").empty()) Usage(args.command, "the --class value is empty");
+        if (args.Value("--class").empty())
+            Usage(args.command, "the --class value is empty");
         SetClass(args, att);
     }
     if (items.empty() && att.objectClass[0] == '\0') {
@@ -290,7 +312,8 @@ int RunModify(Args const& args) {
     CLdap ldap;
     Connect(ldap);
     int rc = ldap.ModifyLdap(dn.c_str(), att);
-    if (rc != QORLDAP_OK) FailChange(args, rc, dn);
+    if (rc != QORLDAP_OK)
+        FailChange(args, rc, dn);
     std::printf("modified %s\n", dn.c_str());
     return kExitOk;
 }
@@ -301,7 +324,8 @@ int RunDelete(Args const& args) {
     CLdap ldap;
     Connect(ldap);
     int rc = ldap.DeleteLdap(dn.c_str());
-    if (rc != QORLDAP_OK) FailChange(args, rc, dn);
+    if (rc != QORLDAP_OK)
+        FailChange(args, rc, dn);
     std::printf("deleted %s\n", dn.c_str());
     return kExitOk;
 }
@@ -344,10 +368,20 @@ std::vector<Command> EntryCommands() {
     Option const klass{"--class", nullptr, true};
     return {
         {"show", "describe an entry", kShowHelp, {}, 1, 1, RunShow},
-        {"ls", "list the entries below an entry", kLsHelp, {{"--recursive", "-R", false}}, 1, 1,
+        {"ls",
+         "list the entries below an entry",
+         kLsHelp,
+         {{"--recursive", "-R", false}},
+         1,
+         1,
          RunLs},
         {"add", "add an entry", kAddHelp, {klass}, 1, 1000, RunAdd},
-        {"modify", "replace attribute values of an entry", kModifyHelp, {klass}, 1, 1000,
+        {"modify",
+         "replace attribute values of an entry",
+         kModifyHelp,
+         {klass},
+         1,
+         1000,
          RunModify},
         {"delete", "delete an entry", kDeleteHelp, {}, 1, 1, RunDelete},
     };

@@ -14,11 +14,13 @@ size_t const kMaxInput = 16 * 1024 * 1024;
 typedef int (CLdap::*KeyGet)(char const*, unsigned char*&, unsigned int&);
 typedef int (CLdap::*KeyPut)(char const*, unsigned char const*, unsigned int);
 
-char const* Pair(Args const& args) { return args.Has("--crypt") ? "encryption" : "signing"; }
+char const* Pair(Args const& args) {
+    return args.Has("--crypt") ? "encryption" : "signing";
+}
 
 // A key read, released through the object that made it.
 class KeyBuffer {
-public:
+  public:
     explicit KeyBuffer(CLdap& ldap) : ldap_(ldap) {}
     ~KeyBuffer() { ldap_.FreeKey(data); }
     KeyBuffer(KeyBuffer const&) = delete;
@@ -27,13 +29,14 @@ public:
     unsigned char* data = nullptr;
     unsigned int length = 0;
 
-private:
+  private:
     CLdap& ldap_;
 };
 
 std::string NameHint(std::string const& dn) {
     std::string hint = MissingTemplatesHint();
-    if (!hint.empty()) return "the library refused the name: " + hint;
+    if (!hint.empty())
+        return "the library refused the name: " + hint;
     return "the library refused the name \"" + dn +
            "\": a user's DN starts with cn= (such as cn=li lei, ou=sales, o=root)";
 }
@@ -51,13 +54,15 @@ std::string ReadKey(Args const& args, CLdap& ldap, KeyGet get, std::string const
     if (rc != QORLDAP_OK) {
         FailCode(args.command, rc);
     }
-    if (key.data == nullptr || key.length == 0) return "";
+    if (key.data == nullptr || key.length == 0)
+        return "";
     return std::string(reinterpret_cast<char const*>(key.data), key.length);
 }
 
 // Meanings with the entry named, for the directory's codes of writes.
 [[noreturn]] void FailWrite(Args const& args, int rc, std::string const& dn) {
-    if (rc == 32) FailCode(args.command, rc, "no such object: there is no entry " + dn);
+    if (rc == 32)
+        FailCode(args.command, rc, "no such object: there is no entry " + dn);
     if (rc == 65) {
         FailCode(args.command, rc,
                  "object class violation (the class of " + dn + " does not allow this attribute)");
@@ -72,16 +77,15 @@ bool WholeDer(std::string const& der, unsigned char& tag) {
     return DerHeader(der, 0, tag, header, content) && header + content == der.size();
 }
 
-// The file as DER: PEM is decoded when the file holds a block with the wanted label.
-std::string ReadDerOrPem(Args const& args, std::string const& path, std::string& label,
-                         bool& hasHeaders) {
+// The file as DER; a PEM file is decoded and label receives its block's label.
+std::string ReadDerOrPem(Args const& args, std::string const& path, std::string& label) {
     std::string const data = ReadFile(args.command, path, kMaxInput);
     label.clear();
-    hasHeaders = false;
-    if (!LooksLikePem(data)) return data;
+    if (!LooksLikePem(data))
+        return data;
     std::string der;
     std::string error;
-    if (!PemDecode(data, label, der, hasHeaders, error)) {
+    if (!PemDecode(data, label, der, error)) {
         Fail(args.command, path + ": " + error);
     }
     return der;
@@ -89,11 +93,11 @@ std::string ReadDerOrPem(Args const& args, std::string const& path, std::string&
 
 int RunGetCert(Args const& args) {
     std::string const& dn = args.positional[0];
+    RefuseBinaryOnTerminal(args.command, args.Value("--output"), !args.Has("--pem"));
     CLdap ldap;
     Connect(ldap);
-    std::string const der =
-        ReadKey(args, ldap, args.Has("--crypt") ? &CLdap::GetCryptPublicKey : &CLdap::GetSignPublicKey,
-                dn);
+    std::string const der = ReadKey(
+        args, ldap, args.Has("--crypt") ? &CLdap::GetCryptPublicKey : &CLdap::GetSignPublicKey, dn);
     if (der.empty()) {
         Fail(args.command, dn + " holds no " + Pair(args) + " certificate");
     }
@@ -108,11 +112,12 @@ int RunGetCert(Args const& args) {
 
 int RunGetKey(Args const& args) {
     std::string const& dn = args.positional[0];
+    RefuseBinaryOnTerminal(args.command, args.Value("--output"), !args.Has("--pem"));
     CLdap ldap;
     Connect(ldap);
-    std::string const der = ReadKey(
-        args, ldap, args.Has("--crypt") ? &CLdap::GetCryptPrivateKey : &CLdap::GetSignPrivateKey,
-        dn);
+    std::string const der =
+        ReadKey(args, ldap,
+                args.Has("--crypt") ? &CLdap::GetCryptPrivateKey : &CLdap::GetSignPrivateKey, dn);
     if (der.empty()) {
         Fail(args.command, dn + " holds no " + Pair(args) + " private key");
     }
@@ -132,7 +137,8 @@ void Store(Args const& args, KeyPut put, std::string const& dn, std::string cons
     Connect(ldap);
     int rc = (ldap.*put)(dn.c_str(), reinterpret_cast<unsigned char const*>(der.data()),
                          static_cast<unsigned int>(der.size()));
-    if (rc != QORLDAP_OK) FailWrite(args, rc, dn);
+    if (rc != QORLDAP_OK)
+        FailWrite(args, rc, dn);
     std::printf("stored the %s %s of %s (%zu bytes)\n", Pair(args), what, dn.c_str(), der.size());
 }
 
@@ -140,8 +146,7 @@ int RunPutCert(Args const& args) {
     std::string const& dn = args.positional[0];
     std::string const& path = args.positional[1];
     std::string label;
-    bool headers = false;
-    std::string const der = ReadDerOrPem(args, path, label, headers);
+    std::string const der = ReadDerOrPem(args, path, label);
     if (!label.empty() && label != "CERTIFICATE") {
         Fail(args.command, path + " holds a PEM \"" + label + "\" block, not a CERTIFICATE");
     }
@@ -158,12 +163,12 @@ int RunPutKey(Args const& args) {
     std::string const& dn = args.positional[0];
     std::string const& path = args.positional[1];
     std::string label;
-    bool headers = false;
-    std::string const der = ReadDerOrPem(args, path, label, headers);
-    std::string const convert = "; the directory keeps keys encrypted, convert it first: "
-                                "openssl pkcs8 -topk8 -v2 aes-256-cbc" +
-                                std::string(label.empty() ? " -inform DER" : "") + " -in " +
-                                path + " -outform DER -out KEY.p8";
+    std::string const der = ReadDerOrPem(args, path, label);
+    std::string const convert =
+        "; the directory keeps keys encrypted, convert it first: "
+        "openssl pkcs8 -topk8 -v2 aes-256-cbc" +
+        std::string(label.empty() ? " -inform DER" : "") + " -in " + path +
+        " -outform DER -out KEY.p8";
     if (!label.empty() && label != "ENCRYPTED PRIVATE KEY") {
         if (label.find("PRIVATE KEY") != std::string::npos) {
             Fail(args.command, path + " holds a \"" + label + "\" block" + convert);
@@ -205,14 +210,14 @@ int RunRmKey(Args const& args) {
         int rc = (ldap.*(crypt ? &CLdap::GetCryptPrivateKey : &CLdap::GetSignPrivateKey))(
             dn.c_str(), key.data, key.length);
         if (rc == QORLDAP_OK && (key.data == nullptr || key.length == 0)) {
-            std::printf("%s holds no %s private key; nothing to remove\n", dn.c_str(),
-                        Pair(args));
+            std::printf("%s holds no %s private key; nothing to remove\n", dn.c_str(), Pair(args));
             return kExitOk;
         }
         known = rc == QORLDAP_OK;
     }
     int rc = crypt ? ldap.DeleteCryptPrivateKey(dn.c_str()) : ldap.DeleteSignPrivateKey(dn.c_str());
-    if (rc != QORLDAP_OK) FailWrite(args, rc, dn);
+    if (rc != QORLDAP_OK)
+        FailWrite(args, rc, dn);
     if (known) {
         std::printf("removed the %s private key of %s\n", Pair(args), dn.c_str());
     } else {
@@ -229,10 +234,12 @@ int RunPublish(Args const& args) {
     int rc = ConnectLdap();
     LdapInfo info;
     GetLdapAtt(info);
-    if (rc != QORLDAP_OK) FailConnect(rc, info.host, info.port, info.basedn);
+    if (rc != QORLDAP_OK)
+        FailConnect(rc, info.host, info.port, info.basedn);
 
     std::string const bundlePassword = GetPassword(
-        args, {"--p12-pass-file", "QORLDAP_P12_PASSWORD", "Password of " + path + ": ", false, true});
+        args,
+        {"--p12-pass-file", "QORLDAP_P12_PASSWORD", "Password of " + path + ": ", false, true});
     std::string keyPassword;
     if (!publicOnly) {
         keyPassword = GetPassword(args, {"--key-pass-file", "QORLDAP_KEY_PASSWORD",
@@ -247,7 +254,8 @@ int RunPublish(Args const& args) {
                      (hint.empty() ? std::string("is the DN longer than 255 characters?") : hint) +
                      ")");
     }
-    if (rc != QORLDAP_OK) FailCode(args.command, rc);
+    if (rc != QORLDAP_OK)
+        FailCode(args.command, rc);
     std::printf("published %s (%s %s)\n", path.c_str(), Pair(args),
                 publicOnly ? "certificate only" : "pair");
     return kExitOk;
@@ -275,10 +283,11 @@ int RunPasswd(Args const& args) {
     }
     if (rc == QORLDAP_E_OLD_PASSWORD) {
         FailCode(args.command, rc,
-                 "the old password does not open a stored private key (or the user lacks a "
-                 "signing or an encryption key; both are changed together)");
+                 "the old password does not open a stored private key, or the user lacks one "
+                 "of the two (the encryption key is changed first and not changed back)");
     }
-    if (rc != QORLDAP_OK) FailCode(args.command, rc);
+    if (rc != QORLDAP_OK)
+        FailCode(args.command, rc);
     std::printf("changed the password of the private keys of %s\n", name.c_str());
     return kExitOk;
 }
@@ -363,23 +372,45 @@ Option const kOutput{"--output", "-o", true};
 
 std::vector<Command> KeyCommands() {
     return {
-        {"publish", "store a PKCS#12 bundle's certificate and key under its subject",
+        {"publish",
+         "store a PKCS#12 bundle's certificate and key under its subject",
          kPublishHelp,
          {kCrypt,
           {"--public-only", nullptr, false},
           {"--p12-pass-file", nullptr, true},
           {"--key-pass-file", nullptr, true}},
-         1, 1, RunPublish},
-        {"get-cert", "write a user's certificate", kGetCertHelp, {kCrypt, kPem, kOutput}, 1, 1,
+         1,
+         1,
+         RunPublish},
+        {"get-cert",
+         "write a user's certificate",
+         kGetCertHelp,
+         {kCrypt, kPem, kOutput},
+         1,
+         1,
          RunGetCert},
-        {"get-key", "write a user's stored (encrypted) private key", kGetKeyHelp,
-         {kCrypt, kPem, kOutput}, 1, 1, RunGetKey},
+        {"get-key",
+         "write a user's stored (encrypted) private key",
+         kGetKeyHelp,
+         {kCrypt, kPem, kOutput},
+         1,
+         1,
+         RunGetKey},
         {"put-cert", "store a certificate in an entry", kPutCertHelp, {kCrypt}, 2, 2, RunPutCert},
-        {"put-key", "store an encrypted private key in an entry", kPutKeyHelp, {kCrypt}, 2, 2,
+        {"put-key",
+         "store an encrypted private key in an entry",
+         kPutKeyHelp,
+         {kCrypt},
+         2,
+         2,
          RunPutKey},
         {"rm-key", "remove a private key from an entry", kRmKeyHelp, {kCrypt}, 1, 1, RunRmKey},
-        {"passwd", "change the password of a user's private keys", kPasswdHelp,
-         {{"--old-pass-file", nullptr, true}, {"--new-pass-file", nullptr, true}}, 1, 1,
+        {"passwd",
+         "change the password of a user's private keys",
+         kPasswdHelp,
+         {{"--old-pass-file", nullptr, true}, {"--new-pass-file", nullptr, true}},
+         1,
+         1,
          RunPasswd},
     };
 }

@@ -61,7 +61,8 @@ void Overview(std::FILE* to) {
 
 Command const* Find(std::string const& name) {
     for (Command const& c : Commands()) {
-        if (name == c.name) return &c;
+        if (name == c.name)
+            return &c;
     }
     return nullptr;
 }
@@ -83,8 +84,8 @@ void UseConfDir(std::string const& dir, char** argv) {
     }
     std::fflush(nullptr);
     ::execv("/proc/self/exe", argv);
-    Fail("--conf", std::string("cannot start again with the new settings: ") +
-                       std::strerror(errno));
+    Fail("--conf",
+         std::string("cannot start again with the new settings: ") + std::strerror(errno));
 }
 
 Args Parse(Command const& command, std::vector<std::string> const& words, bool& help) {
@@ -117,11 +118,14 @@ Args Parse(Command const& command, std::vector<std::string> const& words, bool& 
         }
         Option const* found = nullptr;
         for (Option const& o : command.options) {
-            if (name == o.name || (o.alias != nullptr && name == o.alias)) found = &o;
+            if (name == o.name || (o.alias != nullptr && name == o.alias))
+                found = &o;
         }
-        if (found == nullptr) Usage(args.command, "unknown option " + name);
+        if (found == nullptr)
+            Usage(args.command, "unknown option " + name);
         if (!found->takesValue) {
-            if (inlineValue) Usage(args.command, std::string(found->name) + " takes no value");
+            if (inlineValue)
+                Usage(args.command, std::string(found->name) + " takes no value");
             args.flags.insert(found->name);
             continue;
         }
@@ -146,7 +150,8 @@ int Main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         std::string const word = argv[i];
         if (options && word == "--conf") {
-            if (i + 1 >= argc) Usage("--conf", "needs a directory");
+            if (i + 1 >= argc)
+                Usage("--conf", "needs a directory");
             conf = argv[++i];
             confGiven = true;
             continue;
@@ -175,7 +180,8 @@ int Main(int argc, char** argv) {
             commandName = word;
             continue;
         }
-        if (word == "--") options = false;
+        if (word == "--")
+            options = false;
         rest.push_back(word);
     }
     if (commandName == "help") {
@@ -192,7 +198,8 @@ int Main(int argc, char** argv) {
         return help ? kExitOk : kExitUsage;
     }
     Command const* command = Find(commandName);
-    if (command == nullptr) Usage("", "unknown command \"" + commandName + "\"");
+    if (command == nullptr)
+        Usage("", "unknown command \"" + commandName + "\"");
     bool commandHelp = false;
     Args args = Parse(*command, rest, commandHelp);
     if (help || commandHelp) {

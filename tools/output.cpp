@@ -15,11 +15,16 @@ namespace {
 char const kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 int Sextet(char c) {
-    if (c >= 'A' && c <= 'Z') return c - 'A';
-    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-    if (c >= '0' && c <= '9') return c - '0' + 52;
-    if (c == '+') return 62;
-    if (c == '/') return 63;
+    if (c >= 'A' && c <= 'Z')
+        return c - 'A';
+    if (c >= 'a' && c <= 'z')
+        return c - 'a' + 26;
+    if (c >= '0' && c <= '9')
+        return c - '0' + 52;
+    if (c == '+')
+        return 62;
+    if (c == '/')
+        return 63;
     return -1;
 }
 
@@ -28,7 +33,8 @@ bool WriteAll(int fd, std::string const& data) {
     while (done < data.size()) {
         ssize_t n = ::write(fd, data.data() + done, data.size() - done);
         if (n < 0) {
-            if (errno == EINTR) continue;
+            if (errno == EINTR)
+                continue;
             return false;
         }
         done += static_cast<size_t>(n);
@@ -38,7 +44,8 @@ bool WriteAll(int fd, std::string const& data) {
 
 std::string Trimmed(std::string const& line) {
     size_t begin = line.find_first_not_of(" \t\r");
-    if (begin == std::string::npos) return "";
+    if (begin == std::string::npos)
+        return "";
     size_t end = line.find_last_not_of(" \t\r");
     return line.substr(begin, end - begin + 1);
 }
@@ -55,12 +62,14 @@ std::string ReadFile(std::string const& what, std::string const& path, size_t li
     for (;;) {
         ssize_t n = ::read(fd, buffer, sizeof buffer);
         if (n < 0) {
-            if (errno == EINTR) continue;
+            if (errno == EINTR)
+                continue;
             int err = errno;
             ::close(fd);
             Fail(what, "cannot read " + path + ": " + std::strerror(err));
         }
-        if (n == 0) break;
+        if (n == 0)
+            break;
         data.append(buffer, static_cast<size_t>(n));
         if (data.size() > limit) {
             ::close(fd);
@@ -87,7 +96,8 @@ std::string Base64Encode(std::string const& data) {
     size_t rest = data.size() - i;
     if (rest > 0) {
         unsigned v = static_cast<unsigned char>(data[i]) << 16;
-        if (rest == 2) v |= static_cast<unsigned char>(data[i + 1]) << 8;
+        if (rest == 2)
+            v |= static_cast<unsigned char>(data[i + 1]) << 8;
         out += kAlphabet[v >> 18 & 63];
         out += kAlphabet[v >> 12 & 63];
         out += rest == 2 ? kAlphabet[v >> 6 & 63] : '=';
@@ -103,13 +113,15 @@ bool Base64Decode(std::string const& text, std::string& out) {
     int bits = 0;
     size_t padding = 0;
     for (char c : text) {
-        if (c == ' ' || c == '\t' || c == '\r' || c == '\n') continue;
+        if (c == ' ' || c == '\t' || c == '\r' || c == '\n')
+            continue;
         if (c == '=') {
             ++padding;
             continue;
         }
         int s = Sextet(c);
-        if (s < 0 || padding > 0) return false;
+        if (s < 0 || padding > 0)
+            return false;
         v = (v << 6 | static_cast<unsigned>(s)) & 0xffffff;
         bits += 6;
         if (bits >= 8) {
@@ -136,9 +148,7 @@ bool LooksLikePem(std::string const& text) {
     return text.find("-----BEGIN ") != std::string::npos;
 }
 
-bool PemDecode(std::string const& text, std::string& label, std::string& der, bool& hasHeaders,
-               std::string& error) {
-    hasHeaders = false;
+bool PemDecode(std::string const& text, std::string& label, std::string& der, std::string& error) {
     size_t begin = text.find("-----BEGIN ");
     if (begin == std::string::npos) {
         error = "no PEM block";
@@ -162,13 +172,12 @@ bool PemDecode(std::string const& text, std::string& label, std::string& der, bo
     size_t pos = lineEnd + 1;
     while (pos < end) {
         size_t next = text.find('\n', pos);
-        if (next == std::string::npos || next > end) next = end;
+        if (next == std::string::npos || next > end)
+            next = end;
         std::string line = Trimmed(text.substr(pos, next - pos));
-        if (line.find(':') != std::string::npos) {
-            hasHeaders = true;
-        } else {
+        // Header lines ("Proc-Type: ...") are not part of the data.
+        if (line.find(':') == std::string::npos)
             body += line;
-        }
         pos = next + 1;
     }
     if (!Base64Decode(body, der) || der.empty()) {
@@ -180,7 +189,8 @@ bool PemDecode(std::string const& text, std::string& label, std::string& der, bo
 
 bool DerHeader(std::string const& der, size_t offset, unsigned char& tag, size_t& headerLength,
                size_t& contentLength) {
-    if (offset + 2 > der.size()) return false;
+    if (offset + 2 > der.size())
+        return false;
     tag = static_cast<unsigned char>(der[offset]);
     unsigned char first = static_cast<unsigned char>(der[offset + 1]);
     if (first < 0x80) {
@@ -188,7 +198,8 @@ bool DerHeader(std::string const& der, size_t offset, unsigned char& tag, size_t
         contentLength = first;
     } else {
         size_t count = first & 0x7f;
-        if (count == 0 || count > 4 || offset + 2 + count > der.size()) return false;
+        if (count == 0 || count > 4 || offset + 2 + count > der.size())
+            return false;
         contentLength = 0;
         for (size_t i = 0; i < count; ++i) {
             contentLength = contentLength << 8 | static_cast<unsigned char>(der[offset + 2 + i]);
@@ -198,21 +209,31 @@ bool DerHeader(std::string const& der, size_t offset, unsigned char& tag, size_t
     return offset + headerLength + contentLength <= der.size();
 }
 
+void RefuseBinaryOnTerminal(std::string const& what, std::string const& path, bool binary) {
+    if (binary && (path.empty() || path == "-") && ::isatty(STDOUT_FILENO)) {
+        Usage(what, "will not write binary DER to a terminal; use --pem or -o FILE");
+    }
+}
+
 void WriteOutput(std::string const& what, std::string const& data, std::string const& path,
                  bool binary, bool privateFile) {
+    RefuseBinaryOnTerminal(what, path, binary);
     if (path.empty() || path == "-") {
-        if (binary && ::isatty(STDOUT_FILENO)) {
-            Usage(what, "will not write binary DER to a terminal; use --pem or -o FILE");
-        }
         if (!WriteAll(STDOUT_FILENO, data)) {
             Fail(what, std::string("cannot write to standard output: ") + std::strerror(errno));
         }
         return;
     }
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
-                    privateFile ? 0600 : 0644);
+    int fd =
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, privateFile ? 0600 : 0644);
     if (fd < 0) {
         Fail(what, "cannot write " + path + ": " + std::strerror(errno));
+    }
+    // A file that existed keeps its mode on open; a key must not stay readable by others.
+    if (privateFile && ::fchmod(fd, 0600) != 0) {
+        int err = errno;
+        ::close(fd);
+        Fail(what, "cannot restrict " + path + " to its owner: " + std::strerror(err));
     }
     bool ok = WriteAll(fd, data);
     int err = errno;

@@ -21,7 +21,7 @@ termios gSaved;
 
 extern "C" void RestoreAndRaise(int sig) {
     if (gTtyFd >= 0) {
-        ::tcsetattr(gTtyFd, TCSAFLUSH, &gSaved);
+        ::tcsetattr(gTtyFd, TCSANOW, &gSaved);
         ssize_t n = ::write(gTtyFd, "\n", 1);
         (void)n;
     }
@@ -33,10 +33,11 @@ int const kSignals[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGTSTP};
 
 // The controlling terminal, opened for one password; echo off while it is read.
 class Terminal {
-public:
+  public:
     Terminal() : fd_(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC)) {}
     ~Terminal() {
-        if (fd_ >= 0) ::close(fd_);
+        if (fd_ >= 0)
+            ::close(fd_);
     }
     Terminal(Terminal const&) = delete;
     Terminal& operator=(Terminal const&) = delete;
@@ -45,7 +46,6 @@ public:
 
     // false on end of input or a read error.
     bool Ask(std::string const& prompt, std::string& answer) {
-        Say(prompt);
         termios saved;
         bool quiet = ::tcgetattr(fd_, &saved) == 0;
         struct sigaction previous[sizeof kSignals / sizeof kSignals[0]];
@@ -62,15 +62,19 @@ public:
             }
             termios silent = saved;
             silent.c_lflag &= static_cast<tcflag_t>(~(ECHO | ECHOE | ECHOK | ECHONL));
-            ::tcsetattr(fd_, TCSAFLUSH, &silent);
+            // Echo goes off before the prompt shows, and what was typed ahead is kept.
+            ::tcsetattr(fd_, TCSANOW, &silent);
         }
+        Say(prompt);
         answer.clear();
         bool ok = false;
         for (;;) {
             char c;
             ssize_t n = ::read(fd_, &c, 1);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) break;
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
+                break;
             if (c == '\n' || c == '\r') {
                 ok = true;
                 break;
@@ -78,7 +82,7 @@ public:
             answer += c;
         }
         if (quiet) {
-            ::tcsetattr(fd_, TCSAFLUSH, &saved);
+            ::tcsetattr(fd_, TCSANOW, &saved);
             for (size_t i = 0; i < sizeof kSignals / sizeof kSignals[0]; ++i) {
                 ::sigaction(kSignals[i], &previous[i], nullptr);
             }
@@ -88,7 +92,7 @@ public:
         return ok;
     }
 
-private:
+  private:
     void Say(std::string const& text) {
         ssize_t n = ::write(fd_, text.data(), text.size());
         (void)n;
@@ -99,7 +103,8 @@ private:
 
 std::string FirstLine(std::string const& text) {
     std::string line = text.substr(0, text.find('\n'));
-    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
     return line;
 }
 

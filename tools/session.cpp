@@ -15,7 +15,8 @@ std::string ConfigPath(std::string const& file) {
     char const* dir = std::getenv("QORLDAP_CONF_DIR");
     if (dir != nullptr && dir[0] != '\0') {
         std::string path(dir);
-        if (path.back() != '/') path += '/';
+        if (path.back() != '/')
+            path += '/';
         return path + file;
     }
     char cwd[4096];
@@ -32,7 +33,8 @@ bool FileReadable(std::string const& path) {
 
 std::string MissingTemplatesHint() {
     std::string const path = ConfigPath("ldap.ini");
-    if (FileReadable(path)) return "";
+    if (FileReadable(path))
+        return "";
     return "no ldap.ini at " + path + "; use --conf DIR or set QORLDAP_CONF_DIR";
 }
 

@@ -16,7 +16,8 @@ std::string ToLibraryText(std::string const& what, std::string const& utf8) {
             break;
         }
     }
-    if (ascii) return utf8;
+    if (ascii)
+        return utf8;
     iconv_t cd = iconv_open("GB18030", "UTF-8");
     if (cd == reinterpret_cast<iconv_t>(-1)) {
         Fail(what, "this system cannot convert text to GB18030");

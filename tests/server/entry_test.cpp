@@ -32,7 +32,7 @@ protected:
 TEST_F(Entries, SelectGivesAttributeNamesTemplateAndParent) {
     std::string dn = "cn=Select Me," + unit_;
     Record person("qorPerson", {{"cn", "Select Me"}, {"sn", "Me"}, {"mail", "me@example.org"}});
-    unsigned char key[] = {1, 2, 3, 4};
+    unsigned char key[] = {0x30, 0x00, 0x02, 0x00};  // zero bytes, as in every DER key
     ASSERT_EQ(0, ldap_.InsertLdap(dn.c_str(), person.att, false, nullptr, 0, nullptr, 0, key, 4));
 
     tagAtt att = {};
