@@ -135,8 +135,7 @@ int RunShow(Args const& args) {
         }
     }
     if (unnamed > 0) {
-        std::printf("  (and %d more holding binary data; the library does not give their names)\n",
-                    unnamed);
+        std::printf("  (and %d more whose names do not fit the record)\n", unnamed);
     }
     ShowKeys(ldap, dn);
     return kExitOk;
