@@ -27,6 +27,12 @@ namespace {
 constexpr int kPbkdf2Iterations = 100000;
 constexpr int kSaltLen = 16;
 
+// The most key-derivation iterations an input may ask for. A bundle or a stored key names its own
+// count, and the work is done before the password can be found wrong, so without a bound one
+// crafted input holds a thread for hours (2^31 iterations). OpenSSL writes 2048, other
+// exporters up to a few hundred thousand, we 100000; 2000000 costs about 0.6 s here.
+constexpr long kMaxIterations = 2000000;
+
 // Room the encrypted form needs beyond the key itself: the PBES2 algorithm identifier (about
 // 95 bytes with a 16-byte salt and IV), one block of CBC padding and two DER headers.
 constexpr unsigned int kEncryptOverhead = 256;
@@ -127,6 +133,102 @@ bool Append(char* buf, size_t cap, size_t& used, char const* text, size_t len) {
 
 }  // namespace
 
+namespace {
+
+bool IterationsWithinBound(ASN1_INTEGER const* iter) {
+    // An absent count means one iteration.
+    long n = iter == nullptr ? 1 : ASN1_INTEGER_get(iter);
+    return n >= 1 && n <= kMaxIterations;
+}
+
+// Whether a password-based encryption algorithm asks for a bounded amount of work: PBES2 with
+// PBKDF2, or a PKCS#5 v1 / PKCS#12 scheme. Other key derivations (scrypt among them) are refused.
+bool PbeWithinBound(X509_ALGOR const* alg) {
+    if (alg == nullptr) {
+        return false;
+    }
+    ASN1_OBJECT const* oid = nullptr;
+    int ptype = 0;
+    void const* pval = nullptr;
+    X509_ALGOR_get0(&oid, &ptype, &pval, alg);
+    if (ptype != V_ASN1_SEQUENCE) {
+        return false;
+    }
+    ASN1_TYPE const* param = alg->parameter;
+    if (OBJ_obj2nid(oid) != NID_pbes2) {
+        auto* pbe = static_cast<PBEPARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBEPARAM), param));
+        bool ok = pbe != nullptr && IterationsWithinBound(pbe->iter);
+        PBEPARAM_free(pbe);
+        return ok;
+    }
+    auto* pbe2 = static_cast<PBE2PARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBE2PARAM), param));
+    bool ok = false;
+    if (pbe2 != nullptr && pbe2->keyfunc != nullptr &&
+        OBJ_obj2nid(pbe2->keyfunc->algorithm) == NID_id_pbkdf2) {
+        auto* kdf = static_cast<PBKDF2PARAM*>(
+            ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBKDF2PARAM), pbe2->keyfunc->parameter));
+        ok = kdf != nullptr && IterationsWithinBound(kdf->iter);
+        PBKDF2PARAM_free(kdf);
+    }
+    PBE2PARAM_free(pbe2);
+    return ok;
+}
+
+bool BagsWithinBound(STACK_OF(PKCS12_SAFEBAG) const* bags) {
+    for (int i = 0; i < sk_PKCS12_SAFEBAG_num(bags); ++i) {
+        PKCS12_SAFEBAG const* bag = sk_PKCS12_SAFEBAG_value(bags, i);
+        if (PKCS12_SAFEBAG_get_nid(bag) == NID_pkcs8ShroudedKeyBag) {
+            X509_ALGOR const* alg = nullptr;
+            X509_SIG_get0(PKCS12_SAFEBAG_get0_pkcs8(bag), &alg, nullptr);
+            if (!PbeWithinBound(alg)) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+// Checks every iteration count a bundle names before the parser spends them: the MAC's, each
+// encrypted safe's, and each shrouded key's (those inside an encrypted safe are read by opening
+// that safe, whose own count was checked first).
+bool BundleWithinBound(PKCS12* p12, char const* psw) {
+    ASN1_INTEGER const* macIter = nullptr;
+    if (PKCS12_mac_present(p12)) {
+        PKCS12_get0_mac(nullptr, nullptr, nullptr, &macIter, p12);
+        if (!IterationsWithinBound(macIter)) {
+            return false;
+        }
+    }
+    STACK_OF(PKCS7)* safes = PKCS12_unpack_authsafes(p12);
+    if (safes == nullptr) {
+        return false;
+    }
+    bool ok = true;
+    for (int i = 0; ok && i < sk_PKCS7_num(safes); ++i) {
+        PKCS7* safe = sk_PKCS7_value(safes, i);
+        STACK_OF(PKCS12_SAFEBAG)* bags = nullptr;
+        int type = OBJ_obj2nid(safe->type);
+        if (type == NID_pkcs7_data) {
+            bags = PKCS12_unpack_p7data(safe);
+        } else if (type == NID_pkcs7_encrypted) {
+            ok = safe->d.encrypted != nullptr && safe->d.encrypted->enc_data != nullptr &&
+                 PbeWithinBound(safe->d.encrypted->enc_data->algorithm);
+            if (ok) {
+                bags = PKCS12_unpack_p7encdata(safe, psw, static_cast<int>(std::strlen(psw)));
+            }
+        }
+        // A safe that does not open is left to the parser, which refuses the bundle.
+        if (ok && bags != nullptr) {
+            ok = BagsWithinBound(bags);
+        }
+        sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
+    }
+    sk_PKCS7_pop_free(safes, PKCS7_free);
+    return ok;
+}
+
+}  // namespace
+
 bool GetKeyFromPfx(unsigned char const* pfx, int pfxLen, char const* psw, unsigned char* cert,
                    unsigned int& certLen, unsigned char* key, unsigned int& keyLen, bool legacy) {
     if (pfx == nullptr || pfxLen <= 0 || psw == nullptr)
@@ -153,7 +255,8 @@ bool GetKeyFromPfx(unsigned char const* pfx, int pfxLen, char const* psw, unsign
     EVP_PKEY* pkey = nullptr;
     X509* x509 = nullptr;
     STACK_OF(X509)* others = nullptr;
-    bool ok = PKCS12_parse(p12, psw, &pkey, &x509, &others) == 1 && pkey != nullptr &&
+    bool ok = BundleWithinBound(p12, psw) &&
+              PKCS12_parse(p12, psw, &pkey, &x509, &others) == 1 && pkey != nullptr &&
               x509 != nullptr;
     PKCS12_free(p12);
     sk_X509_pop_free(others, X509_free);
@@ -309,7 +412,9 @@ unsigned char DecryptKey(unsigned char* data, unsigned int& len, char const* psw
     X509_SIG* sig = d2i_X509_SIG(nullptr, &p, static_cast<long>(len));
     if (sig == nullptr)
         return 1;
-    bool const whole = p == data + len;
+    X509_ALGOR const* alg = nullptr;
+    X509_SIG_get0(sig, &alg, nullptr);
+    bool const whole = p == data + len && PbeWithinBound(alg);
     // CBC padding alone lets a wrong password through now and then; the plaintext must then
     // still parse as a private key structure, which garbage does not.
     PKCS8_PRIV_KEY_INFO* p8 =
