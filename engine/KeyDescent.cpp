@@ -56,7 +56,8 @@ int CLdapOp::GetFullDN(char const* name, std::string& dn) {
     }
     unsigned char* key = nullptr;
     unsigned int length = 0;
-    if (!GetChildKey(info_.basedn, 0, condition.c_str(), LDAP_PERSON_CN, key, length, dn)) {
+    LdapInfo const settings = Settings();
+    if (!GetChildKey(settings.basedn, 0, condition.c_str(), LDAP_PERSON_CN, key, length, dn)) {
         FreeKey(key);
         return QORLDAP_E_FAILED;
     }

@@ -81,7 +81,8 @@ int CLdapOp::ConnectLdap() {
     }
     // After a refused bind the binding hands back the very same handle, and the option and the
     // bind are repeated on it with the settings in force now.
-    ldap* ld = OpenHandle();
+    LdapInfo const settings = Settings();
+    ldap* ld = OpenHandle(settings);
     if (ld == nullptr) {
         return QORLDAP_E_FAILED;
     }
@@ -90,7 +91,7 @@ int CLdapOp::ConnectLdap() {
     if (!SecureHandle(ld)) {
         return QORLDAP_E_FAILED;
     }
-    if (binding_.LdapSimpleBindS(ld, info_.managerdn, info_.psw) != 0) {
+    if (binding_.LdapSimpleBindS(ld, settings.managerdn, settings.psw) != 0) {
         return QORLDAP_E_FAILED;
     }
     // The root check runs on the bound handle before the engine counts as connected.
@@ -104,11 +105,12 @@ int CLdapOp::ConnectLdap() {
     return QORLDAP_OK;
 }
 
-ldap* CLdapOp::OpenHandle() {
+ldap* CLdapOp::OpenHandle(LdapInfo const& settings) {
     if (link_.tls == LinkOptions::Tls::kLdaps) {
-        return binding_.LdapInitialize(LinkOptions::LdapsUris(info_.host, info_.port).c_str());
+        return binding_.LdapInitialize(
+            LinkOptions::LdapsUris(settings.host, settings.port).c_str());
     }
-    return binding_.LdapInit(info_.host, info_.port);
+    return binding_.LdapInit(settings.host, settings.port);
 }
 
 // Options are set on the handle before anything is sent. A failed StartTLS drops the handle, so
@@ -147,9 +149,12 @@ int CLdapOp::Search(char const* base, int scope, char const* filter, ldapmsg*& r
     return rc;
 }
 
-void CLdapOp::GetLdapAtt(LdapInfo& info) { info = info_; }
+void CLdapOp::GetLdapAtt(LdapInfo& info) { info = Settings(); }
 
-void CLdapOp::SetLdapAtt(LdapInfo info) { info_ = info; }
+void CLdapOp::SetLdapAtt(LdapInfo info) {
+    std::lock_guard<std::mutex> guard(settingsLock_);
+    info_ = info;
+}
 
 void CLdapOp::FreeKey(unsigned char*& key) {
     if (key != nullptr) {

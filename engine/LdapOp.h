@@ -119,11 +119,17 @@ public:
                    char const* keyPsw, bool sign, bool publicOnly);
 
 private:
+    // A copy of the settings in force, so that SetLdapAtt from another thread never tears a
+    // text that an operation is reading.
+    LdapInfo Settings() const {
+        std::lock_guard<std::mutex> guard(settingsLock_);
+        return info_;
+    }
     // One synchronous search for all attributes, no limits. On a non-zero code the result the
     // library may have handed back with it is released and result is null.
     int Search(char const* base, int scope, char const* filter, ldapmsg*& result);
     // Opens the handle as the link options say; null when none can be had.
-    ldap* OpenHandle();
+    ldap* OpenHandle(LdapInfo const& settings);
     // Timeouts and TLS settings, only those configured. false when StartTLS failed.
     bool SecureHandle(ldap* ld);
     // Removes a private-key attribute: a replace with no values.
@@ -143,7 +149,8 @@ private:
     // Set only by ConnectLdap. Atomic, and the connection sequence serialised by connectLock_,
     // so that threads sharing one engine may all connect on demand at once.
     std::atomic<ldap*> handle_;
-    LdapInfo info_;
+    LdapInfo info_;  // read and replaced as a whole under settingsLock_
+    mutable std::mutex settingsLock_;
     bool certFlag_;
     tagAtt* templates_;
     int templateCount_;

@@ -10,7 +10,7 @@
 // never cut, since a cut path would name some other entry.
 int CLdapOp::InsertOrganization(char const* subject, std::string& dn) {
     char path[512];
-    if (!qor::FitCopy(path, info_.basedn)) {
+    if (!qor::FitCopy(path, Settings().basedn)) {
         return QORLDAP_E_FAILED;
     }
     if (templateCount_ < 1 || templates_ == nullptr) {

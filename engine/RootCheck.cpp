@@ -8,9 +8,10 @@
 #include "platform/ChineseCode.h"
 
 bool CLdapOp::ValidateRootAtt() {
+    LdapInfo const settings = Settings();
     std::string value;
     std::string type;
-    if (!GetFilter(info_.basedn, 0, value, type)) {
+    if (!GetFilter(settings.basedn, 0, value, type)) {
         return false;
     }
     // Only an exact "o" is checked: "O", "o " and dc= bases pass without a search.
@@ -20,11 +21,11 @@ bool CLdapOp::ValidateRootAtt() {
     char filter[256];
     qor::Format(filter, sizeof filter, LDAP_QUERY_CONDITION, LDAP_ORGANIMZATION, LDAP_ALL);
     DepartementAtt att;
-    if (GetRootAtt(info_.basedn, filter, att)) {
+    if (GetRootAtt(settings.basedn, filter, att)) {
         return true;
     }
     // Any failed search leads to the creation attempt; its kind is not told apart.
-    return InsertRootAtt(info_.basedn, value.c_str());
+    return InsertRootAtt(settings.basedn, value.c_str());
 }
 
 // The record's texts are cut to their 255 characters; nothing reads them back.

@@ -1,8 +1,8 @@
 // Fuzzes the INI reader, CSystem::GetProfileStrValue, over a file holding the input.
 //
-// Sections and keys to ask for are drawn from the input itself (the text between '[' and ']',
-// the text before '=' on each line, each also in another letter case and with blanks around),
-// so most questions hit. Every answer is checked against the reader's rules as the header
+// Sections and keys to ask for are drawn from the input itself (each key before '=' under the
+// text between '[' and ']' above it, also in the other letter case with blanks around), so
+// most questions hit. Every answer is checked against the reader's rules as the header
 // states them, replayed here line by line, and against the invariants that hold whatever the
 // file: a value found has no blanks or CR at either end and no line feed; a value not found is
 // left as it was.
@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/System.h"
@@ -122,40 +123,38 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     std::string const path = qorfuzz::WriteScratch("fuzz.ini", data, size);
     std::vector<std::string> const lines = Lines(text);
 
-    // Names to ask for, taken from the input's own lines.
-    std::vector<std::string> sections = {"", "ldap"};
-    std::vector<std::string> keys = {"", "host"};
+    // Questions drawn from the input's own lines: each key under the section it stands in
+    // (as written, and in the other letter case with blanks around), up to 8 keys, and a
+    // few that name what may not be there at all.
+    std::vector<std::pair<std::string, std::string>> questions = {{"", ""}, {"ldap", "host"}};
+    std::string section;
+    int asked = 0;
     for (std::string const& line : lines) {
-        size_t open = line.find('[');
-        size_t close = line.find(']');
-        if (open != std::string::npos && close != std::string::npos && open < close &&
-            sections.size() < 6) {
-            sections.push_back(line.substr(open + 1, close - open - 1));
+        size_t const open = line.find('[');
+        size_t const close = line.find(']');
+        if (open != std::string::npos && close != std::string::npos && open < close) {
+            section = line.substr(open + 1, close - open - 1);
+            continue;
         }
-        size_t eq = line.find('=');
-        if (eq != std::string::npos && keys.size() < 8) {
-            keys.push_back(line.substr(0, eq));
-        }
+        size_t const eq = line.find('=');
+        if (eq == std::string::npos || asked == 8) continue;
+        std::string const key = line.substr(0, eq);
+        questions.emplace_back(section, key);
+        questions.emplace_back(" \t" + FlipCase(section) + "\t ", FlipCase(key) + " ");
+        questions.emplace_back(section + "x", key);
+        ++asked;
     }
-    size_t const drawn = sections.size();
-    for (size_t i = 2; i < drawn; ++i) sections.push_back(" \t" + FlipCase(sections[i]) + "\t ");
-    if (keys.size() > 2) keys.push_back(FlipCase(keys.back()) + " ");
-
-    for (std::string const& section : sections) {
-        for (std::string const& key : keys) {
-            // The bare name is looked for in QORLDAP_CONF_DIR.
-            Ask("fuzz.ini", lines, section, key);
-        }
+    for (auto const& q : questions) {
+        // The bare name is looked for in QORLDAP_CONF_DIR.
+        Ask("fuzz.ini", lines, q.first, q.second);
     }
     // A name with a '/' is used as it is, and the answers are the same.
-    if (!keys.empty() && sections.size() > 2) {
-        Ask(path, lines, sections[2], keys.back());
-    }
+    Ask(path, lines, questions.back().first, questions.back().second);
     // A missing file is "not found", with the value untouched.
     std::string value = kUntouched;
-    FUZZ_CHECK(!CSystem::GetProfileStrValue(sections.back(), keys.back(), "missing.ini", value));
+    FUZZ_CHECK(!CSystem::GetProfileStrValue(section, "host", "missing.ini", value));
     FUZZ_CHECK(value == kUntouched);
-    FUZZ_CHECK(!CSystem::GetProfileStrValue(sections.back(), keys.back(), "", value));
+    FUZZ_CHECK(!CSystem::GetProfileStrValue(section, "host", "", value));
     FUZZ_CHECK(value == kUntouched);
     return 0;
 }

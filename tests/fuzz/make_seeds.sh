@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Makes the seed corpus of fuzz_pkcs12 with the openssl command-line tool: small real bundles
-# and keys, all under the password "fuzz" that the target opens them with. The generated files
+# and keys, under the password "fuzz" that the target opens them with (one plain bundle under
+# the empty password, which the target tries too). The generated files
 # are committed; run this again only to renew them (every run makes new keys).
 #
 #   tests/fuzz/make_seeds.sh            # writes tests/fuzz/corpus/fuzz_pkcs12/
@@ -37,9 +38,10 @@ openssl pkcs12 -export -inkey ec.key -in utf8.crt -certfile rsa.crt -passout "$p
 # Legacy algorithms (RC2-40 certificates, 3DES key, SHA-1 MAC), as older exporters write.
 openssl pkcs12 -export -legacy -inkey rsa.key -in rsa.crt -passout "$pass" -iter 64 \
     -out "$out/rsa_legacy.p12"
-# No encryption and no MAC: changes inside still open, so the fuzzer reaches the key and
-# certificate parsing behind the bundle.
-openssl pkcs12 -export -inkey ec.key -in utf8.crt -passout "$pass" -keypbe NONE -certpbe NONE \
+# No encryption and no MAC, under the empty password (a bundle without a MAC opens only
+# under that one): changes inside still open, so the fuzzer reaches the key and certificate
+# parsing behind the bundle.
+openssl pkcs12 -export -inkey ec.key -in utf8.crt -passout pass: -keypbe NONE -certpbe NONE \
     -nomac -out "$out/ec_plain.p12"
 # A bundle with a certificate and no key: refused.
 openssl pkcs12 -export -nokeys -in ec.crt -passout "$pass" -iter 64 -out "$out/cert_only.p12"
