@@ -302,5 +302,32 @@ TEST_F(Operations, SelectLdapListsTheChildrenByName) {
               Fake().log_lines());
 }
 
+// A DN fits a record's 255-character name field or is refused before any search; a child DN
+// that does not fit is left empty in its element rather than cut into another name.
+TEST_F(Operations, NamesAtTheFieldBoundAreSearchedAndOneMoreIsRefused) {
+    std::string const at = "cn=" + std::string(245, 'a') + ",o=root";
+    std::string const over = "cn=" + std::string(246, 'a') + ",o=root";
+    ASSERT_EQ(255u, at.size());
+    ASSERT_EQ(256u, over.size());
+    tagAtt att;
+    std::memset(&att, 0, sizeof att);
+    EXPECT_EQ(QORLDAP_OK, op_->SelectLdapAtt(at.c_str(), att));
+    EXPECT_EQ(1, Fake().calls("ldap_search_ext_s"));
+    EXPECT_EQ(QORLDAP_E_FAILED, op_->SelectLdapAtt(over.c_str(), att));
+    tagDN* list = nullptr;
+    int count = 0;
+    EXPECT_EQ(QORLDAP_E_FAILED, op_->SelectLdap(over.c_str(), nullptr, list, count));
+    EXPECT_EQ(1, Fake().calls("ldap_search_ext_s"));
+
+    Fake().reset();
+    Fake().add_entry(at.c_str());
+    Fake().add_entry(over.c_str());
+    ASSERT_EQ(QORLDAP_OK, op_->SelectLdap(kSales, nullptr, list, count));
+    ASSERT_EQ(2, count);
+    EXPECT_EQ(at, list[0].dn);
+    EXPECT_STREQ("", list[1].dn);
+    op_->FreeDN(list, count);
+}
+
 }  // namespace
 }  // namespace fakeldap
