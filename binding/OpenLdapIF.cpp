@@ -10,8 +10,8 @@ namespace {
 // "libldap.so" comes only with the development package. Where only the run-time library is
 // installed, the versioned names that distributions ship are tried after it, in this order.
 char const* const kLibraryNames[] = {
-    LDAP_LIBRARY_FILE,   "libldap.so.2",       "libldap-2.5.so.0",
-    "libldap-2.6.so.0",  "libldap-2.4.so.2",   "libldap_r-2.4.so.2",
+    LDAP_LIBRARY_FILE,  "libldap.so.2",     "libldap-2.5.so.0",
+    "libldap-2.6.so.0", "libldap-2.4.so.2", "libldap_r-2.4.so.2",
 };
 
 void* LoadDirectoryLibrary() {
@@ -62,7 +62,9 @@ COpenLdapIF::COpenLdapIF()
 }
 
 // The library stays loaded and the connection open: nothing here ends a connection.
-COpenLdapIF::~COpenLdapIF() { pthread_mutex_destroy(&lock_.mutex); }
+COpenLdapIF::~COpenLdapIF() {
+    pthread_mutex_destroy(&lock_.mutex);
+}
 
 template <typename Fn>
 bool COpenLdapIF::Resolve(Fn& slot, char const* name) {
@@ -131,7 +133,9 @@ int COpenLdapIF::LdapSimpleBindS(ldap* ld, char const* who, char const* passwd) 
     return Call<int>(simpleBindS_, LDAP_SIMPLE_BIND_S_N, 0, ld, who, passwd);
 }
 
-int COpenLdapIF::LdapGetLastErr() { return Call<int>(getLastError_, LDAP_GET_LAST_ERROR, 0); }
+int COpenLdapIF::LdapGetLastErr() {
+    return Call<int>(getLastError_, LDAP_GET_LAST_ERROR, 0);
+}
 
 char const* COpenLdapIF::LdapErr2String(int err) {
     return Call<char const*>(err2String_, LDAP_ERR2STRING_N, nullptr, err);
@@ -141,8 +145,8 @@ int COpenLdapIF::LdapSearchExtS(ldap* ld, char const* base, int scope, char cons
                                 char** attrs, int attrsonly, ldapcontrol** serverctrls,
                                 ldapcontrol** clientctrls, timeval* timeout, int sizelimit,
                                 ldapmsg** res) {
-    return Call<int>(searchExtS_, LDAP_SEARCH_EXT_S_N, 0, ld, base, scope, filter, attrs,
-                     attrsonly, serverctrls, clientctrls, timeout, sizelimit, res);
+    return Call<int>(searchExtS_, LDAP_SEARCH_EXT_S_N, 0, ld, base, scope, filter, attrs, attrsonly,
+                     serverctrls, clientctrls, timeout, sizelimit, res);
 }
 
 ldapmsg* COpenLdapIF::LdapFirstEnry(ldap* ld, ldapmsg* chain) {
@@ -181,13 +185,17 @@ berval** COpenLdapIF::LdapGetValuesLen(ldap* ld, ldapmsg* entry, char const* tar
     return Call<berval**>(getValuesLen_, LDAP_GET_VALUES_LEN_N, nullptr, ld, entry, target);
 }
 
-void COpenLdapIF::LdapValueFree(char** vals) { CallVoid(valueFree_, LDAP_VALUE_FREE_N, vals); }
+void COpenLdapIF::LdapValueFree(char** vals) {
+    CallVoid(valueFree_, LDAP_VALUE_FREE_N, vals);
+}
 
 void COpenLdapIF::LdapValueFreeLen(berval** vals) {
     CallVoid(valueFreeLen_, LDAP_VALUE_FREE_LEN_N, vals);
 }
 
-void COpenLdapIF::LdapMemFree(void* p) { CallVoid(memFree_, LDAP_MEMFREE_N, p); }
+void COpenLdapIF::LdapMemFree(void* p) {
+    CallVoid(memFree_, LDAP_MEMFREE_N, p);
+}
 
 int COpenLdapIF::LdapAddS(ldap* ld, char const* dn, ldapmod** attrs) {
     return Call<int>(addS_, LDAP_ADD_S_N, 0, ld, dn, attrs);

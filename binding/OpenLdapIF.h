@@ -20,7 +20,7 @@ typedef BerElement berelement;
 typedef LDAPControl ldapcontrol;
 
 class COpenLdapIF {
-public:
+  public:
     COpenLdapIF();
     virtual ~COpenLdapIF();
     COpenLdapIF(COpenLdapIF const&) = delete;
@@ -70,7 +70,7 @@ public:
     void WatchConnection(bool on) { watch_.store(on); }
     bool ConnectionLost() const { return lost_.load(); }
 
-private:
+  private:
     typedef LDAP* (*InitFn)(char const*, int);
     typedef int (*SetOptionFn)(LDAP*, int, void const*);
     typedef int (*SimpleBindSFn)(LDAP*, char const*, char const*);

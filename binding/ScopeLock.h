@@ -16,7 +16,7 @@ struct LockPair {
 };
 
 class ScopeLock {
-public:
+  public:
     explicit ScopeLock(LockPair* pair) : pair_(pair) {
         pthread_t self = pthread_self();
         if (!pthread_equal(pair_->owner.load(), self)) {
@@ -33,7 +33,7 @@ public:
     ScopeLock(ScopeLock const&) = delete;
     ScopeLock& operator=(ScopeLock const&) = delete;
 
-private:
+  private:
     LockPair* pair_;
 };
 

@@ -107,8 +107,8 @@ bool CLdapOp::GetCondition(char const* name, std::string& condition, int& kind) 
     }
     char const* comma = std::strchr(name, ',');
     std::string first = comma == nullptr ? std::string(name) : std::string(name, comma);
-    if (!FromCNToName(first.c_str(), LDAP_COMMONNAME,
-                      templates_[templateCount_ - 1].namingAtt, condition)) {
+    if (!FromCNToName(first.c_str(), LDAP_COMMONNAME, templates_[templateCount_ - 1].namingAtt,
+                      condition)) {
         return false;
     }
     kind = 1;
@@ -117,8 +117,7 @@ bool CLdapOp::GetCondition(char const* name, std::string& condition, int& kind) 
 
 bool CLdapOp::FromCNToName(char const* component, char const* type, char const* namingAtt,
                            std::string& value) {
-    if (component == nullptr || component[0] == '\0' || type == nullptr ||
-        namingAtt == nullptr) {
+    if (component == nullptr || component[0] == '\0' || type == nullptr || namingAtt == nullptr) {
         return false;
     }
     char const* eq = std::strchr(component, '=');

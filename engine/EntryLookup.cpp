@@ -9,7 +9,9 @@ namespace {
 
 // A DN that does not fit the 255 characters of a record's name fields is refused before any
 // search: it could be neither stored nor handed back without being cut into another name.
-bool FitsNameField(char const* dn) { return strnlen(dn, sizeof(tagAtt::dn)) < sizeof(tagAtt::dn); }
+bool FitsNameField(char const* dn) {
+    return strnlen(dn, sizeof(tagAtt::dn)) < sizeof(tagAtt::dn);
+}
 
 }  // namespace
 

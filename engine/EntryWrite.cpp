@@ -10,9 +10,10 @@ namespace {
 // The text modifications of one request: a frame per candidate value, and a list with room for
 // every candidate, the binary values and the null slot. Frames are never moved once filled.
 class Request {
-public:
+  public:
     Request(int textSlots, int extraSlots)
-        : frames_(new CLdapOp::AttFrame[textSlots]), list_(new ldapmod*[textSlots + extraSlots]()) {}
+        : frames_(new CLdapOp::AttFrame[textSlots]),
+          list_(new ldapmod*[textSlots + extraSlots]()) {}
     ~Request() {
         for (int i = 0; i < filled_; ++i) {
             delete[] frames_[i].values[0];
@@ -32,7 +33,7 @@ public:
     void AddBinary(LDAPMod* mod) { list_[used_++] = mod; }
     ldapmod** List() { return list_.get(); }  // null-terminated: the list starts zero-filled
 
-private:
+  private:
     std::unique_ptr<CLdapOp::AttFrame[]> frames_;
     std::unique_ptr<ldapmod*[]> list_;
     int filled_ = 0;
@@ -61,7 +62,9 @@ bool PrepareBinary(BinaryValue& bin, char const* type, unsigned char* data, unsi
     return true;
 }
 
-int ItemCount(tagAtt const& att) { return att.items == nullptr || att.itemCount < 0 ? 0 : att.itemCount; }
+int ItemCount(tagAtt const& att) {
+    return att.items == nullptr || att.itemCount < 0 ? 0 : att.itemCount;
+}
 
 // Items, then objectClass, each with the given code. A caller's field that holds no NUL within
 // its width is not text and is skipped like an empty value, so nothing past a field is read.

@@ -57,9 +57,13 @@ int CLdapOp::ModifyCryptPublicKey(char const* dn, unsigned char const* key, unsi
     return ModifyKey(dn, certFlag_ ? LDAP_PERSON_EN_PUB_CER : LDAP_PERSON_EN_PUB, key, length);
 }
 
-int CLdapOp::DeleteSignPrivateKey(char const* dn) { return RemoveKey(dn, LDAP_PERSON_SIGN_PRI); }
+int CLdapOp::DeleteSignPrivateKey(char const* dn) {
+    return RemoveKey(dn, LDAP_PERSON_SIGN_PRI);
+}
 
-int CLdapOp::DeleteCryptPrivateKey(char const* dn) { return RemoveKey(dn, LDAP_PERSON_EN_PRI); }
+int CLdapOp::DeleteCryptPrivateKey(char const* dn) {
+    return RemoveKey(dn, LDAP_PERSON_EN_PRI);
+}
 
 int CLdapOp::GetSignPrivateKey(char const* dn, unsigned char*& key, unsigned int& length) {
     return GetKeyOP(dn, LDAP_PERSON_SIGN_PRI, key, length);

@@ -15,8 +15,10 @@ namespace {
 // reading stops at the first non-digit, and text without leading digits gives 0.
 int ReadPort(std::string const& text) {
     long port = std::strtol(text.c_str(), nullptr, 10);
-    if (port > INT_MAX) return INT_MAX;
-    if (port < INT_MIN) return INT_MIN;
+    if (port > INT_MAX)
+        return INT_MAX;
+    if (port < INT_MIN)
+        return INT_MIN;
     return static_cast<int>(port);
 }
 
@@ -149,7 +151,9 @@ int CLdapOp::Search(char const* base, int scope, char const* filter, ldapmsg*& r
     return rc;
 }
 
-void CLdapOp::GetLdapAtt(LdapInfo& info) { info = Settings(); }
+void CLdapOp::GetLdapAtt(LdapInfo& info) {
+    info = Settings();
+}
 
 void CLdapOp::SetLdapAtt(LdapInfo info) {
     std::lock_guard<std::mutex> guard(settingsLock_);
@@ -174,4 +178,6 @@ void CLdapOp::FreeAtt(tagAtt* att) {
     att->itemCount = 0;
 }
 
-void CLdapOp::FreeDN(tagDN* list, int /*count*/) { delete[] list; }
+void CLdapOp::FreeDN(tagDN* list, int /*count*/) {
+    delete[] list;
+}

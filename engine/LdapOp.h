@@ -22,7 +22,7 @@ struct DepartementAtt {
 };
 
 class CLdapOp {
-public:
+  public:
     // One prepared text modification. values[0] is the UTF-8 copy (array new) that the
     // request's sender releases; mod.mod_values points into this same frame, so a filled
     // frame is never moved or copied.
@@ -115,10 +115,10 @@ public:
                      unsigned char*& key, unsigned int& length, std::string& foundDn);
     int GetFullDN(char const* name, std::string& dn);
     int ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw);
-    int PublishP12(char const* pfx, unsigned long pfxLength, char const* pfxPsw,
-                   char const* keyPsw, bool sign, bool publicOnly);
+    int PublishP12(char const* pfx, unsigned long pfxLength, char const* pfxPsw, char const* keyPsw,
+                   bool sign, bool publicOnly);
 
-private:
+  private:
     // A copy of the settings in force, so that SetLdapAtt from another thread never tears a
     // text that an operation is reading.
     LdapInfo Settings() const {

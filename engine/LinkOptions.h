@@ -8,10 +8,10 @@
 struct LinkOptions {
     enum class Tls { kNone, kStartTls, kLdaps };
 
-    Tls tls = Tls::kNone;  // "tls": none (default), starttls, ldaps
-    std::string caCert;    // "tls_cacert": CA certificate file (PEM) the server must chain to
-    bool verify = true;    // "tls_verify": yes (default) demands a verified server certificate
-    int timeout = 0;       // "timeout": seconds for connecting and for each request; 0 = none
+    Tls tls = Tls::kNone;    // "tls": none (default), starttls, ldaps
+    std::string caCert;      // "tls_cacert": CA certificate file (PEM) the server must chain to
+    bool verify = true;      // "tls_verify": yes (default) demands a verified server certificate
+    int timeout = 0;         // "timeout": seconds for connecting and for each request; 0 = none
     bool reconnect = false;  // "reconnect": yes drops a lost connection so the next call redials
 
     // Reads the keys above from section of "soap.ini"; absent keys keep their defaults.

@@ -70,8 +70,7 @@ bool CLdapOp::InsertRootAtt(char const* dn, char const* name) {
         mods[used] = &frames[used].mod;
         ++used;
     }
-    if (GetParaAtt(LDAP_ORGANIMZATION_VALUE, QOR_MOD_ADD, LDAP_DEPART_OR_PER_TYPE,
-                   frames[used])) {
+    if (GetParaAtt(LDAP_ORGANIMZATION_VALUE, QOR_MOD_ADD, LDAP_DEPART_OR_PER_TYPE, frames[used])) {
         mods[used] = &frames[used].mod;
         ++used;
     }

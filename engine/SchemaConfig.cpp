@@ -11,7 +11,9 @@ namespace {
 
 // Counts and roles read as strtol with base 10: leading blanks and a sign allowed, reading stops
 // at the first non-digit, text without digits is 0.
-long ReadNumber(std::string const& text) { return std::strtol(text.c_str(), nullptr, 10); }
+long ReadNumber(std::string const& text) {
+    return std::strtol(text.c_str(), nullptr, 10);
+}
 
 std::string KeyName(long index) {
     char key[32];

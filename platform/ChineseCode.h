@@ -6,7 +6,7 @@
 #include <string>
 
 class CChineseCode {
-public:
+  public:
     CChineseCode() = default;
     CChineseCode(CChineseCode const&) = delete;
     CChineseCode& operator=(CChineseCode const&) = delete;
@@ -18,7 +18,7 @@ public:
     int GB2312ToUTF_8(char*& out, char* in, int length);
     int UTF_8ToGB2312(char*& out, char* in, int length);
 
-private:
+  private:
     int Convert(char const* from, char const* to, char*& out, char const* in, int length);
     std::string buffer_;
 };

@@ -44,11 +44,11 @@ constexpr unsigned int kEncryptOverhead = 256;
 // tools. Two contexts rather than a property query excluding the legacy provider: a query
 // string attached to a bundle object is never released by OpenSSL 3.0 and would leak per call.
 class Contexts {
-public:
+  public:
     static OSSL_LIB_CTX* Modern() { return Get().modern_; }
     static OSSL_LIB_CTX* Full() { return Get().full_; }
 
-private:
+  private:
     static Contexts const& Get() {
         static Contexts const instance;
         return instance;
@@ -76,7 +76,7 @@ private:
 
 // Keeps the errors raised during one call off the caller's error queue.
 class ErrorScope {
-public:
+  public:
     ErrorScope() { ERR_set_mark(); }
     ~ErrorScope() { ERR_pop_to_mark(); }
     ErrorScope(ErrorScope const&) = delete;
@@ -85,7 +85,7 @@ public:
 
 // Owns a buffer that OpenSSL allocated, wiping it on release when it holds secrets.
 class OsslBuffer {
-public:
+  public:
     explicit OsslBuffer(bool secret) : secret_(secret) {}
     ~OsslBuffer() {
         if (secret_)
@@ -100,7 +100,7 @@ public:
     unsigned char const* Data() const { return data_; }
     int len_ = 0;
 
-private:
+  private:
     unsigned char* data_ = nullptr;
     bool secret_;
 };
@@ -156,12 +156,14 @@ bool PbeWithinBound(X509_ALGOR const* alg) {
     }
     ASN1_TYPE const* param = alg->parameter;
     if (OBJ_obj2nid(oid) != NID_pbes2) {
-        auto* pbe = static_cast<PBEPARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBEPARAM), param));
+        auto* pbe =
+            static_cast<PBEPARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBEPARAM), param));
         bool ok = pbe != nullptr && IterationsWithinBound(pbe->iter);
         PBEPARAM_free(pbe);
         return ok;
     }
-    auto* pbe2 = static_cast<PBE2PARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBE2PARAM), param));
+    auto* pbe2 =
+        static_cast<PBE2PARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBE2PARAM), param));
     bool ok = false;
     if (pbe2 != nullptr && pbe2->keyfunc != nullptr &&
         OBJ_obj2nid(pbe2->keyfunc->algorithm) == NID_id_pbkdf2) {
@@ -255,9 +257,8 @@ bool GetKeyFromPfx(unsigned char const* pfx, int pfxLen, char const* psw, unsign
     EVP_PKEY* pkey = nullptr;
     X509* x509 = nullptr;
     STACK_OF(X509)* others = nullptr;
-    bool ok = BundleWithinBound(p12, psw) &&
-              PKCS12_parse(p12, psw, &pkey, &x509, &others) == 1 && pkey != nullptr &&
-              x509 != nullptr;
+    bool ok = BundleWithinBound(p12, psw) && PKCS12_parse(p12, psw, &pkey, &x509, &others) == 1 &&
+              pkey != nullptr && x509 != nullptr;
     PKCS12_free(p12);
     sk_X509_pop_free(others, X509_free);
 
@@ -346,8 +347,8 @@ bool GetCertInfo(unsigned char const* cert, int certLen, tagCERT& info) {
     return ok;
 }
 
-bool Convert2Key(unsigned char const* key, unsigned int keyLen, char const* psw,
-                 unsigned char* out, unsigned int& outLen) {
+bool Convert2Key(unsigned char const* key, unsigned int keyLen, char const* psw, unsigned char* out,
+                 unsigned int& outLen) {
     if (key == nullptr || keyLen == 0 || keyLen > INT_MAX - kEncryptOverhead || psw == nullptr)
         return false;
     size_t const pswLen = std::strlen(psw);
@@ -371,10 +372,10 @@ bool Convert2Key(unsigned char const* key, unsigned int keyLen, char const* psw,
     // store alike.
     X509_SIG* sig = nullptr;
     EVP_CIPHER* cipher = EVP_CIPHER_fetch(ctx, "AES-256-CBC", nullptr);
-    X509_ALGOR* pbe = cipher == nullptr ? nullptr
-                                        : PKCS5_pbe2_set_iv_ex(cipher, kPbkdf2Iterations, nullptr,
-                                                               kSaltLen, nullptr,
-                                                               NID_hmacWithSHA256, ctx);
+    X509_ALGOR* pbe = cipher == nullptr
+                          ? nullptr
+                          : PKCS5_pbe2_set_iv_ex(cipher, kPbkdf2Iterations, nullptr, kSaltLen,
+                                                 nullptr, NID_hmacWithSHA256, ctx);
     if (pbe != nullptr) {
         sig = PKCS8_set0_pbe_ex(psw, static_cast<int>(pswLen), p8, pbe, ctx, nullptr);
         if (sig == nullptr)

@@ -31,8 +31,8 @@ bool GetCertInfo(unsigned char const* cert, int certLen, tagCERT& info);
 // Protects an unencrypted PKCS#8 DER private key under psw as DER EncryptedPrivateKeyInfo
 // (PBES2, PBKDF2-HMAC-SHA256, AES-256-CBC). With out null, stores the size needed (an upper
 // bound) into outLen. With out, outLen holds the buffer's size and receives the length written.
-bool Convert2Key(unsigned char const* key, unsigned int keyLen, char const* psw,
-                 unsigned char* out, unsigned int& outLen);
+bool Convert2Key(unsigned char const* key, unsigned int keyLen, char const* psw, unsigned char* out,
+                 unsigned int& outLen);
 
 // Opens a stored key (as Convert2Key writes it) with psw, in place: data receives the
 // unencrypted PKCS#8 DER and len its new length. Returns 0 on success, non-zero when the key

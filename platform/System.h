@@ -5,7 +5,7 @@
 #include <string>
 
 class CSystem {
-public:
+  public:
     // Loads a shared library by file name; null when it cannot be loaded.
     static void* LoadLib(char const* file);
     // The address of an exported function; null when there is none (or handle is null).

@@ -46,7 +46,7 @@ int PublishP12(char const*, unsigned long, char const*, char const*, bool, bool)
 
 class CLdapOp;
 class CLdap {
-public:
+  public:
     CLdap();
     ~CLdap();
     int ConnectLdap();
@@ -73,7 +73,7 @@ public:
     void FreeAtt(tagAtt*);
     void FreeDN(tagDN*, int);
 
-private:
+  private:
     CLdapOp* engine;
     bool connected;
 };
@@ -88,16 +88,18 @@ static void Check(bool ok, char const* what) {
 
 int main() {
     // Every exported name must resolve: take each one's address.
-    void const* names[] = {
-        reinterpret_cast<void const*>(&ConnectLdap), reinterpret_cast<void const*>(&FreeKey),
-        reinterpret_cast<void const*>(&GetSignPrivateKey),
-        reinterpret_cast<void const*>(&GetSignPublicKey),
-        reinterpret_cast<void const*>(&GetCryptPrivateKey),
-        reinterpret_cast<void const*>(&GetCryptPublicKey),
-        reinterpret_cast<void const*>(&DeleteSignPrivateKey),
-        reinterpret_cast<void const*>(&DeleteCryptPrivateKey),
-        reinterpret_cast<void const*>(&ModifyPriKeyPsw), reinterpret_cast<void const*>(&PublishP12)};
-    for (void const* p : names) Check(p != nullptr, "exported function");
+    void const* names[] = {reinterpret_cast<void const*>(&ConnectLdap),
+                           reinterpret_cast<void const*>(&FreeKey),
+                           reinterpret_cast<void const*>(&GetSignPrivateKey),
+                           reinterpret_cast<void const*>(&GetSignPublicKey),
+                           reinterpret_cast<void const*>(&GetCryptPrivateKey),
+                           reinterpret_cast<void const*>(&GetCryptPublicKey),
+                           reinterpret_cast<void const*>(&DeleteSignPrivateKey),
+                           reinterpret_cast<void const*>(&DeleteCryptPrivateKey),
+                           reinterpret_cast<void const*>(&ModifyPriKeyPsw),
+                           reinterpret_cast<void const*>(&PublishP12)};
+    for (void const* p : names)
+        Check(p != nullptr, "exported function");
     int (CLdap::*members[])(char const*, unsigned char const*, unsigned int) = {
         &CLdap::ModifySignPrivateKey, &CLdap::ModifySignPublicKey, &CLdap::ModifyCryptPrivateKey,
         &CLdap::ModifyCryptPublicKey};

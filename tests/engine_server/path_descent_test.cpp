@@ -22,7 +22,7 @@ std::string const kThreeLevels =
     "[qorPerson]\nsum=3\nA0=cn,s,2\nA1=sn,s,1\nA2=mail,s,0\n";
 
 class EngineOnServer : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { ASSERT_TRUE(dir_.Ready()); }
 
     // An engine on the test directory with its own templates, working under base.

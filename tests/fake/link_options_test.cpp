@@ -7,7 +7,7 @@ namespace {
 using namespace fakeldap;
 
 class LinkKeys : public FakeTest {
-protected:
+  protected:
     void Soap(std::string const& extra) { dir_.Write("soap.ini", kSoapIni + extra); }
 };
 

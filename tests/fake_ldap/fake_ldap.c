@@ -27,39 +27,39 @@
 /* ---- Function table ----------------------------------------------------------------------- */
 
 /* name, whether fake_ldap_set_result accepts it */
-#define FK_FUNCTIONS(X)            \
-    X(ldap_init, 0)                \
-    X(ldap_initialize, 1)          \
-    X(ldap_set_option, 1)          \
-    X(ldap_get_option, 1)          \
-    X(ldap_simple_bind_s, 1)       \
-    X(ldap_start_tls_s, 1)         \
-    X(ldap_unbind_ext_s, 1)        \
-    X(ldap_search_ext_s, 1)        \
-    X(ldap_first_entry, 0)         \
-    X(ldap_next_entry, 0)          \
-    X(ldap_get_dn, 0)              \
-    X(ldap_count_entries, 0)       \
-    X(ldap_first_attribute, 0)     \
-    X(ldap_next_attribute, 0)      \
-    X(ldap_msgfree, 0)             \
-    X(ldap_get_values, 0)          \
-    X(ldap_get_values_len, 0)      \
-    X(ldap_value_free, 0)          \
-    X(ldap_value_free_len, 0)      \
-    X(ldap_memfree, 0)             \
-    X(ldap_add_s, 1)               \
-    X(ldap_delete_s, 1)            \
-    X(ldap_modify_s, 1)            \
-    X(ldap_add, 1)                 \
-    X(ldap_err2string, 0)          \
+#define FK_FUNCTIONS(X)        \
+    X(ldap_init, 0)            \
+    X(ldap_initialize, 1)      \
+    X(ldap_set_option, 1)      \
+    X(ldap_get_option, 1)      \
+    X(ldap_simple_bind_s, 1)   \
+    X(ldap_start_tls_s, 1)     \
+    X(ldap_unbind_ext_s, 1)    \
+    X(ldap_search_ext_s, 1)    \
+    X(ldap_first_entry, 0)     \
+    X(ldap_next_entry, 0)      \
+    X(ldap_get_dn, 0)          \
+    X(ldap_count_entries, 0)   \
+    X(ldap_first_attribute, 0) \
+    X(ldap_next_attribute, 0)  \
+    X(ldap_msgfree, 0)         \
+    X(ldap_get_values, 0)      \
+    X(ldap_get_values_len, 0)  \
+    X(ldap_value_free, 0)      \
+    X(ldap_value_free_len, 0)  \
+    X(ldap_memfree, 0)         \
+    X(ldap_add_s, 1)           \
+    X(ldap_delete_s, 1)        \
+    X(ldap_modify_s, 1)        \
+    X(ldap_add, 1)             \
+    X(ldap_err2string, 0)      \
     X(ber_free, 0)
 
 enum fk_fn {
 #define FK_ENUM(name, settable) FN_##name,
     FK_FUNCTIONS(FK_ENUM)
 #undef FK_ENUM
-    FN_COUNT
+        FN_COUNT
 };
 
 static const char* const fn_names[FN_COUNT] = {
@@ -78,7 +78,7 @@ static const unsigned char fn_settable[FN_COUNT] = {
 
 struct fk_answer {
     int calls;
-    int forced;           /* non-zero: forced_rc applies */
+    int forced; /* non-zero: forced_rc applies */
     int forced_rc;
     int queue[FK_QUEUE_MAX];
     int queue_head;
@@ -92,7 +92,8 @@ enum { DEAD_BLANK_HOST = 1, DEAD_SERVER_DOWN = 2 };
 struct ldap {
     int id;
     int version;
-    int dead; /* 0 alive; DEAD_BLANK_HOST from ldap_init(""); DEAD_SERVER_DOWN by fake_ldap_server_down */
+    int dead; /* 0 alive; DEAD_BLANK_HOST from ldap_init(""); DEAD_SERVER_DOWN by
+                 fake_ldap_server_down */
     int last_rc;
 };
 
@@ -122,7 +123,8 @@ struct berelement {
 /* ---- State -------------------------------------------------------------------------------- */
 
 enum fk_kind { K_MESSAGES, K_BVALUES, K_VALUES, K_STRINGS, K_BERS, K_HANDLES, K_COUNT };
-static const char* const kind_names[K_COUNT] = {"messages", "bvalues", "values", "strings", "bers", "handles"};
+static const char* const kind_names[K_COUNT] = {"messages", "bvalues", "values",
+                                                "strings",  "bers",    "handles"};
 
 struct fk_live {
     void* ptr;
@@ -203,7 +205,8 @@ static char* xstrdup(const char* s) {
 static void buf_put(struct fk_buf* b, const char* s, size_t n) {
     if (b->n + n + 1 > b->cap) {
         size_t cap = b->cap ? b->cap : 256;
-        while (b->n + n + 1 > cap) cap *= 2;
+        while (b->n + n + 1 > cap)
+            cap *= 2;
         b->p = xrealloc(b->p, cap);
         b->cap = cap;
     }
@@ -212,14 +215,16 @@ static void buf_put(struct fk_buf* b, const char* s, size_t n) {
     b->p[b->n] = '\0';
 }
 
-static void buf_printf(struct fk_buf* b, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+static void buf_printf(struct fk_buf* b, const char* fmt, ...)
+    __attribute__((format(printf, 2, 3)));
 static void buf_printf(struct fk_buf* b, const char* fmt, ...) {
     char small[256];
     va_list ap;
     va_start(ap, fmt);
     int n = vsnprintf(small, sizeof small, fmt, ap);
     va_end(ap);
-    if (n < 0) return;
+    if (n < 0)
+        return;
     if ((size_t)n < sizeof small) {
         buf_put(b, small, (size_t)n);
         return;
@@ -266,9 +271,11 @@ static void live_add(void* p, enum fk_kind kind) {
 }
 
 static int live_find(const void* p, enum fk_kind kind) {
-    if (p == NULL) return -1;
+    if (p == NULL)
+        return -1;
     for (size_t i = 0; i < g_nlive; ++i)
-        if (g_live[i].ptr == p && g_live[i].kind == kind) return (int)i;
+        if (g_live[i].ptr == p && g_live[i].kind == kind)
+            return (int)i;
     return -1;
 }
 
@@ -283,11 +290,14 @@ static struct ldap* handle_live(LDAP* ld) {
 
 /* The message p if it belongs to a chain not yet freed (compares addresses only). */
 static LDAPMessage* message_live(const LDAPMessage* p) {
-    if (p == NULL) return NULL;
+    if (p == NULL)
+        return NULL;
     for (size_t i = 0; i < g_nlive; ++i) {
-        if (g_live[i].kind != K_MESSAGES) continue;
+        if (g_live[i].kind != K_MESSAGES)
+            continue;
         for (LDAPMessage* m = g_live[i].ptr; m != NULL; m = m->next)
-            if (m == p) return m;
+            if (m == p)
+                return m;
     }
     return NULL;
 }
@@ -308,7 +318,8 @@ static void line_error(struct fk_buf* b, const char* why) {
 
 /* Ends the line: " ld=N" when handles are logged and ld is known, then into the log. */
 static void line_end(struct fk_buf* b, LDAP* ld) {
-    if (g_log_handles && handle_live(ld) != NULL) buf_printf(b, " ld=%d", ld->id);
+    if (g_log_handles && handle_live(ld) != NULL)
+        buf_printf(b, " ld=%d", ld->id);
     buf_put(b, "\n", 1);
     buf_put(&g_log, b->p, b->n);
     buf_free(b);
@@ -317,7 +328,8 @@ static void line_end(struct fk_buf* b, LDAP* ld) {
 /* Checks a handle argument; logs an error unless it is a live handle. */
 static struct ldap* check_handle(struct fk_buf* b, LDAP* ld) {
     struct ldap* h = handle_live(ld);
-    if (h == NULL) line_error(b, ld == NULL ? "null handle" : "not an open handle");
+    if (h == NULL)
+        line_error(b, ld == NULL ? "null handle" : "not an open handle");
     return h;
 }
 
@@ -334,9 +346,11 @@ static int take_result(enum fk_fn fn, int dflt) {
 }
 
 static int fn_lookup(const char* name) {
-    if (name == NULL) return -1;
+    if (name == NULL)
+        return -1;
     for (int i = 0; i < FN_COUNT; ++i)
-        if (strcmp(fn_names[i], name) == 0) return i;
+        if (strcmp(fn_names[i], name) == 0)
+            return i;
     return -1;
 }
 
@@ -344,7 +358,8 @@ static int fn_lookup(const char* name) {
 
 static void entry_free(struct fk_entry* e) {
     for (size_t i = 0; i < e->nattrs; ++i) {
-        for (size_t v = 0; v < e->attrs[i].nvals; ++v) free(e->attrs[i].vals[v].bv_val);
+        for (size_t v = 0; v < e->attrs[i].nvals; ++v)
+            free(e->attrs[i].vals[v].bv_val);
         free(e->attrs[i].vals);
         free(e->attrs[i].name);
     }
@@ -356,7 +371,8 @@ static void entry_free(struct fk_entry* e) {
 static void berval_copy(struct berval* to, const void* data, size_t len) {
     to->bv_len = len;
     to->bv_val = xmalloc(len);
-    if (len) memcpy(to->bv_val, data, len);
+    if (len)
+        memcpy(to->bv_val, data, len);
 }
 
 static void chain_free(LDAPMessage* m) {
@@ -379,7 +395,8 @@ static void entry_copy(struct fk_entry* to, const struct fk_entry* from) {
         ta->name = xstrdup(fa->name);
         ta->nvals = fa->nvals;
         ta->vals = xmalloc(fa->nvals * sizeof *ta->vals);
-        for (size_t v = 0; v < fa->nvals; ++v) berval_copy(&ta->vals[v], fa->vals[v].bv_val, fa->vals[v].bv_len);
+        for (size_t v = 0; v < fa->nvals; ++v)
+            berval_copy(&ta->vals[v], fa->vals[v].bv_val, fa->vals[v].bv_len);
     }
 }
 
@@ -405,20 +422,24 @@ static LDAPMessage* chain_build(const struct fk_set* set) {
 #endif
 
 static LDAPMessage* entry_from(LDAPMessage* m) {
-    while (m != NULL && m->type != LDAP_RES_SEARCH_ENTRY) m = m->next;
+    while (m != NULL && m->type != LDAP_RES_SEARCH_ENTRY)
+        m = m->next;
     return m;
 }
 
 static struct fk_attr* attr_find(struct fk_entry* e, const char* name) {
-    if (name == NULL) return NULL;
+    if (name == NULL)
+        return NULL;
     for (size_t i = 0; i < e->nattrs; ++i)
-        if (strcasecmp(e->attrs[i].name, name) == 0) return &e->attrs[i];
+        if (strcasecmp(e->attrs[i].name, name) == 0)
+            return &e->attrs[i];
     return NULL;
 }
 
 static struct fk_attr* attr_add(struct fk_entry* e, const char* name) {
     struct fk_attr* a = attr_find(e, name);
-    if (a != NULL) return a;
+    if (a != NULL)
+        return a;
     e->attrs = xrealloc(e->attrs, (e->nattrs + 1) * sizeof *e->attrs);
     a = &e->attrs[e->nattrs++];
     a->name = xstrdup(name);
@@ -443,7 +464,8 @@ static LDAPMessage* check_entry(struct fk_buf* b, LDAPMessage* entry) {
 
 static void script_free(void) {
     for (size_t s = 0; s < g_nsets; ++s) {
-        for (size_t i = 0; i < g_sets[s].n; ++i) entry_free(&g_sets[s].entries[i]);
+        for (size_t i = 0; i < g_sets[s].n; ++i)
+            entry_free(&g_sets[s].entries[i]);
         free(g_sets[s].entries);
     }
     free(g_sets);
@@ -452,7 +474,8 @@ static void script_free(void) {
 }
 
 static struct fk_entry* script_last_entry(void) {
-    if (g_nsets == 0 || g_sets[g_nsets - 1].n == 0) return NULL;
+    if (g_nsets == 0 || g_sets[g_nsets - 1].n == 0)
+        return NULL;
     return &g_sets[g_nsets - 1].entries[g_sets[g_nsets - 1].n - 1];
 }
 
@@ -460,7 +483,8 @@ static struct fk_entry* script_last_entry(void) {
 
 static void write_free(void) {
     for (size_t i = 0; i < g_nwrite; ++i) {
-        for (size_t v = 0; v < g_write[i].nvals; ++v) free(g_write[i].vals[v].bv_val);
+        for (size_t v = 0; v < g_write[i].nvals; ++v)
+            free(g_write[i].vals[v].bv_val);
         free(g_write[i].vals);
         free(g_write[i].type);
     }
@@ -473,9 +497,11 @@ static void write_free(void) {
 static void write_record(LDAPMod** mods) {
     write_free();
     g_have_write = 1;
-    if (mods == NULL) return;
+    if (mods == NULL)
+        return;
     size_t n = 0;
-    while (mods[n] != NULL) ++n;
+    while (mods[n] != NULL)
+        ++n;
     g_write = xmalloc(n * sizeof *g_write);
     g_nwrite = n;
     for (size_t i = 0; i < n; ++i) {
@@ -485,14 +511,18 @@ static void write_record(LDAPMod** mods) {
         r->nvals = 0;
         r->vals = NULL;
         if (m->mod_op & LDAP_MOD_BVALUES) {
-            if (m->mod_bvalues == NULL) continue;
-            while (m->mod_bvalues[r->nvals] != NULL) ++r->nvals;
+            if (m->mod_bvalues == NULL)
+                continue;
+            while (m->mod_bvalues[r->nvals] != NULL)
+                ++r->nvals;
             r->vals = xmalloc(r->nvals * sizeof *r->vals);
             for (size_t v = 0; v < r->nvals; ++v)
                 berval_copy(&r->vals[v], m->mod_bvalues[v]->bv_val, m->mod_bvalues[v]->bv_len);
         } else {
-            if (m->mod_values == NULL) continue;
-            while (m->mod_values[r->nvals] != NULL) ++r->nvals;
+            if (m->mod_values == NULL)
+                continue;
+            while (m->mod_values[r->nvals] != NULL)
+                ++r->nvals;
             r->vals = xmalloc(r->nvals * sizeof *r->vals);
             for (size_t v = 0; v < r->nvals; ++v)
                 berval_copy(&r->vals[v], m->mod_values[v], strlen(m->mod_values[v]));
@@ -520,10 +550,12 @@ static void log_mods(struct fk_buf* b, LDAPMod** mods) {
                 buf_put(b, "null", 4);
             } else {
                 size_t n = 0;
-                while (m->mod_bvalues[n] != NULL) ++n;
+                while (m->mod_bvalues[n] != NULL)
+                    ++n;
                 buf_printf(b, "%zu", n);
                 for (size_t v = 0; v < n; ++v)
-                    buf_printf(b, "%s%lu", v == 0 ? ":len=" : ",", (unsigned long)m->mod_bvalues[v]->bv_len);
+                    buf_printf(b, "%s%lu", v == 0 ? ":len=" : ",",
+                               (unsigned long)m->mod_bvalues[v]->bv_len);
             }
         } else {
             buf_put(b, " vals=", 6);
@@ -533,7 +565,8 @@ static void log_mods(struct fk_buf* b, LDAPMod** mods) {
                 buf_put(b, "[]", 2);
             } else {
                 for (size_t v = 0; m->mod_values[v] != NULL; ++v) {
-                    if (v) buf_put(b, "|", 1);
+                    if (v)
+                        buf_put(b, "|", 1);
                     buf_str(b, m->mod_values[v]);
                 }
             }
@@ -546,18 +579,22 @@ static void log_mods(struct fk_buf* b, LDAPMod** mods) {
  * LDAP_PARAM_ERROR for a NULL value array, LDAP_PROTOCOL_ERROR (the server's answer) for an
  * empty one. */
 static int add_mods_check(LDAPMod** mods) {
-    if (mods == NULL) return LDAP_PARAM_ERROR;
+    if (mods == NULL)
+        return LDAP_PARAM_ERROR;
     for (size_t i = 0; mods[i] != NULL; ++i) {
         const LDAPMod* m = mods[i];
         const void* first;
         if (m->mod_op & LDAP_MOD_BVALUES) {
-            if (m->mod_bvalues == NULL) return LDAP_PARAM_ERROR;
+            if (m->mod_bvalues == NULL)
+                return LDAP_PARAM_ERROR;
             first = m->mod_bvalues[0];
         } else {
-            if (m->mod_values == NULL) return LDAP_PARAM_ERROR;
+            if (m->mod_values == NULL)
+                return LDAP_PARAM_ERROR;
             first = m->mod_values[0];
         }
-        if (first == NULL) return LDAP_PROTOCOL_ERROR;
+        if (first == NULL)
+            return LDAP_PROTOCOL_ERROR;
     }
     return 0;
 }
@@ -578,14 +615,17 @@ static struct ldap* handle_new(void) {
  * -1 on a dead one, 0 when the script decides. */
 static int handle_gate(struct fk_buf* b, LDAP* ld) {
     struct ldap* h = check_handle(b, ld);
-    if (h == NULL) return LDAP_PARAM_ERROR;
-    if (h->dead) return LDAP_SERVER_DOWN;
+    if (h == NULL)
+        return LDAP_PARAM_ERROR;
+    if (h->dead)
+        return LDAP_SERVER_DOWN;
     return 0;
 }
 
 static void handle_note(LDAP* ld, int rc) {
     struct ldap* h = handle_live(ld);
-    if (h != NULL) h->last_rc = rc;
+    if (h != NULL)
+        h->last_rc = rc;
 }
 
 /* ---- Client functions --------------------------------------------------------------------- */
@@ -599,7 +639,8 @@ FK_EXPORT LDAP* ldap_init(LDAP_CONST char* host, int port) {
     struct ldap* h = NULL;
     if (!g_init_null) {
         h = handle_new();
-        if (host != NULL && host[0] == '\0') h->dead = DEAD_BLANK_HOST;
+        if (host != NULL && host[0] == '\0')
+            h->dead = DEAD_BLANK_HOST;
     }
     if (g_log_handles) {
         if (h != NULL)
@@ -624,7 +665,8 @@ FK_EXPORT int ldap_initialize(LDAP** ldp, LDAP_CONST char* url) {
     } else {
         rc = take_result(FN_ldap_initialize, LDAP_SUCCESS);
         struct ldap* h = NULL;
-        if (rc == LDAP_SUCCESS && !g_init_null) h = handle_new();
+        if (rc == LDAP_SUCCESS && !g_init_null)
+            h = handle_new();
         *ldp = h;
         if (g_log_handles) {
             if (h != NULL)
@@ -641,51 +683,52 @@ FK_EXPORT int ldap_initialize(LDAP** ldp, LDAP_CONST char* url) {
 static void log_option_value(struct fk_buf* b, int option, const void* value) {
     buf_put(b, " value=", 7);
     switch (option) {
-    case LDAP_OPT_REFERRALS:
-    case LDAP_OPT_RESTART:
-        buf_put(b, value != NULL ? "on" : "off", value != NULL ? 2 : 3);
-        return;
-    default:
-        break;
+        case LDAP_OPT_REFERRALS:
+        case LDAP_OPT_RESTART:
+            buf_put(b, value != NULL ? "on" : "off", value != NULL ? 2 : 3);
+            return;
+        default:
+            break;
     }
     if (value == NULL) {
         buf_put(b, "null", 4);
         return;
     }
     switch (option) {
-    case LDAP_OPT_PROTOCOL_VERSION:
-    case LDAP_OPT_DEREF:
-    case LDAP_OPT_SIZELIMIT:
-    case LDAP_OPT_TIMELIMIT:
-    case LDAP_OPT_RESULT_CODE:
-    case LDAP_OPT_X_TLS_REQUIRE_CERT:
-    case LDAP_OPT_X_TLS_NEWCTX:
-        buf_printf(b, "%d", *(const int*)value);
-        break;
-    case LDAP_OPT_TIMEOUT:
-    case LDAP_OPT_NETWORK_TIMEOUT: {
-        const struct timeval* tv = value;
-        buf_printf(b, "{%ld,%ld}", (long)tv->tv_sec, (long)tv->tv_usec);
-        break;
-    }
-    case LDAP_OPT_URI:
-    case LDAP_OPT_HOST_NAME:
-    case LDAP_OPT_X_TLS_CACERTFILE:
-    case LDAP_OPT_X_TLS_CACERTDIR:
-    case LDAP_OPT_X_TLS_CERTFILE:
-    case LDAP_OPT_X_TLS_KEYFILE:
-        buf_str(b, value);
-        break;
-    default:
-        buf_put(b, "ptr", 3);
-        break;
+        case LDAP_OPT_PROTOCOL_VERSION:
+        case LDAP_OPT_DEREF:
+        case LDAP_OPT_SIZELIMIT:
+        case LDAP_OPT_TIMELIMIT:
+        case LDAP_OPT_RESULT_CODE:
+        case LDAP_OPT_X_TLS_REQUIRE_CERT:
+        case LDAP_OPT_X_TLS_NEWCTX:
+            buf_printf(b, "%d", *(const int*)value);
+            break;
+        case LDAP_OPT_TIMEOUT:
+        case LDAP_OPT_NETWORK_TIMEOUT: {
+            const struct timeval* tv = value;
+            buf_printf(b, "{%ld,%ld}", (long)tv->tv_sec, (long)tv->tv_usec);
+            break;
+        }
+        case LDAP_OPT_URI:
+        case LDAP_OPT_HOST_NAME:
+        case LDAP_OPT_X_TLS_CACERTFILE:
+        case LDAP_OPT_X_TLS_CACERTDIR:
+        case LDAP_OPT_X_TLS_CERTFILE:
+        case LDAP_OPT_X_TLS_KEYFILE:
+            buf_str(b, value);
+            break;
+        default:
+            buf_put(b, "ptr", 3);
+            break;
     }
 }
 
 FK_EXPORT int ldap_set_option(LDAP* ld, int option, LDAP_CONST void* invalue) {
     pthread_mutex_lock(&g_mu);
     struct fk_buf b = line_begin(FN_ldap_set_option);
-    if (ld == NULL) buf_put(&b, " global", 7);
+    if (ld == NULL)
+        buf_put(&b, " global", 7);
     buf_printf(&b, " opt=%d", option);
     log_option_value(&b, option, invalue);
     int rc;
@@ -712,7 +755,8 @@ FK_EXPORT int ldap_set_option(LDAP* ld, int option, LDAP_CONST void* invalue) {
 FK_EXPORT int ldap_get_option(LDAP* ld, int option, void* outvalue) {
     pthread_mutex_lock(&g_mu);
     struct fk_buf b = line_begin(FN_ldap_get_option);
-    if (ld == NULL) buf_put(&b, " global", 7);
+    if (ld == NULL)
+        buf_put(&b, " global", 7);
     buf_printf(&b, " opt=%d", option);
     int rc;
     struct ldap* h = NULL;
@@ -763,7 +807,8 @@ FK_EXPORT int ldap_start_tls_s(LDAP* ld, LDAPControl** serverctrls, LDAPControl*
     pthread_mutex_lock(&g_mu);
     struct fk_buf b = line_begin(FN_ldap_start_tls_s);
     int rc = handle_gate(&b, ld);
-    if (rc == 0) rc = take_result(FN_ldap_start_tls_s, LDAP_SUCCESS);
+    if (rc == 0)
+        rc = take_result(FN_ldap_start_tls_s, LDAP_SUCCESS);
     handle_note(ld, rc);
     line_end(&b, ld);
     pthread_mutex_unlock(&g_mu);
@@ -792,13 +837,15 @@ FK_EXPORT int ldap_unbind_ext_s(LDAP* ld, LDAPControl** serverctrls, LDAPControl
 #ifndef FAKE_LDAP_OMIT_SEARCH_EXT_S
 static size_t count_ctrls(LDAPControl** c) {
     size_t n = 0;
-    while (c[n] != NULL) ++n;
+    while (c[n] != NULL)
+        ++n;
     return n;
 }
 
-FK_EXPORT int ldap_search_ext_s(LDAP* ld, LDAP_CONST char* base, int scope, LDAP_CONST char* filter, char** attrs,
-                                int attrsonly, LDAPControl** serverctrls, LDAPControl** clientctrls,
-                                struct timeval* timeout, int sizelimit, LDAPMessage** res) {
+FK_EXPORT int ldap_search_ext_s(LDAP* ld, LDAP_CONST char* base, int scope, LDAP_CONST char* filter,
+                                char** attrs, int attrsonly, LDAPControl** serverctrls,
+                                LDAPControl** clientctrls, struct timeval* timeout, int sizelimit,
+                                LDAPMessage** res) {
     pthread_mutex_lock(&g_mu);
     struct fk_buf b = line_begin(FN_ldap_search_ext_s);
     buf_put(&b, " base=", 6);
@@ -811,7 +858,8 @@ FK_EXPORT int ldap_search_ext_s(LDAP* ld, LDAP_CONST char* base, int scope, LDAP
     } else {
         buf_put(&b, "[", 1);
         for (size_t i = 0; attrs[i] != NULL; ++i) {
-            if (i) buf_put(&b, ",", 1);
+            if (i)
+                buf_put(&b, ",", 1);
             buf_str(&b, attrs[i]);
         }
         buf_put(&b, "]", 1);
@@ -840,10 +888,12 @@ FK_EXPORT int ldap_search_ext_s(LDAP* ld, LDAP_CONST char* base, int scope, LDAP
         rc = handle_gate(&b, ld);
         if (rc == 0) {
             const struct fk_set* set = NULL;
-            if (g_nsets > 0) set = &g_sets[g_searches_answered < g_nsets ? g_searches_answered : g_nsets - 1];
+            if (g_nsets > 0)
+                set = &g_sets[g_searches_answered < g_nsets ? g_searches_answered : g_nsets - 1];
             ++g_searches_answered;
             rc = take_result(FN_ldap_search_ext_s, LDAP_SUCCESS);
-            if (rc == LDAP_SUCCESS || (rc > 0 && g_result_on_error >= 1) || (rc < 0 && g_result_on_error >= 2))
+            if (rc == LDAP_SUCCESS || (rc > 0 && g_result_on_error >= 1) ||
+                (rc < 0 && g_result_on_error >= 2))
                 *res = chain_build(set);
         }
     }
@@ -878,7 +928,8 @@ FK_EXPORT LDAPMessage* ldap_next_entry(LDAP* ld, LDAPMessage* entry) {
     LDAPMessage* e = NULL;
     if (check_handle(&b, ld) != NULL) {
         LDAPMessage* m = check_entry(&b, entry);
-        if (m != NULL) e = entry_from(m->next);
+        if (m != NULL)
+            e = entry_from(m->next);
     }
     buf_put(&b, " -> ", 4);
     buf_str(&b, e ? e->entry.dn : NULL);
@@ -898,7 +949,8 @@ FK_EXPORT int ldap_count_entries(LDAP* ld, LDAPMessage* chain) {
         } else {
             n = 0;
             for (; m != NULL; m = m->next)
-                if (m->type == LDAP_RES_SEARCH_ENTRY) ++n;
+                if (m->type == LDAP_RES_SEARCH_ENTRY)
+                    ++n;
         }
     }
     buf_printf(&b, " -> %d", n);
@@ -938,7 +990,8 @@ FK_EXPORT char* ldap_first_attribute(LDAP* ld, LDAPMessage* entry, BerElement** 
            entry from it: it answers null and hands out no ber. The fake does the same. */
         LDAPMessage* live = message_live(entry);
         int final_result = live != NULL && live->type != LDAP_RES_SEARCH_ENTRY;
-        if (check_handle(&b, ld) != NULL && !final_result) m = check_entry(&b, entry);
+        if (check_handle(&b, ld) != NULL && !final_result)
+            m = check_entry(&b, entry);
         if (m != NULL) {
             BerElement* ber = xmalloc(sizeof *ber);
             ber->entry = m;
@@ -964,7 +1017,8 @@ FK_EXPORT char* ldap_next_attribute(LDAP* ld, LDAPMessage* entry, BerElement* be
     struct fk_buf b = line_begin(FN_ldap_next_attribute);
     char* name = NULL;
     LDAPMessage* m = NULL;
-    if (check_handle(&b, ld) != NULL) m = check_entry(&b, entry);
+    if (check_handle(&b, ld) != NULL)
+        m = check_entry(&b, entry);
     if (m != NULL) {
         if (live_find(ber, K_BERS) < 0) {
             line_error(&b, ber == NULL ? "ber is null" : "not a live ber");
@@ -1011,13 +1065,15 @@ FK_EXPORT char** ldap_get_values(LDAP* ld, LDAPMessage* entry, LDAP_CONST char* 
     buf_str(&b, target);
     char** vals = NULL;
     LDAPMessage* m = NULL;
-    if (check_handle(&b, ld) != NULL) m = check_entry(&b, entry);
+    if (check_handle(&b, ld) != NULL)
+        m = check_entry(&b, entry);
     struct fk_attr* a = m ? attr_find(&m->entry, target) : NULL;
     if (a != NULL && a->nvals > 0) {
         vals = xmalloc((a->nvals + 1) * sizeof *vals);
         for (size_t v = 0; v < a->nvals; ++v) {
             vals[v] = xmalloc(a->vals[v].bv_len + 1);
-            if (a->vals[v].bv_len) memcpy(vals[v], a->vals[v].bv_val, a->vals[v].bv_len);
+            if (a->vals[v].bv_len)
+                memcpy(vals[v], a->vals[v].bv_val, a->vals[v].bv_len);
             vals[v][a->vals[v].bv_len] = '\0';
         }
         vals[a->nvals] = NULL;
@@ -1031,14 +1087,16 @@ FK_EXPORT char** ldap_get_values(LDAP* ld, LDAPMessage* entry, LDAP_CONST char* 
     return vals;
 }
 
-FK_EXPORT struct berval** ldap_get_values_len(LDAP* ld, LDAPMessage* entry, LDAP_CONST char* target) {
+FK_EXPORT struct berval** ldap_get_values_len(LDAP* ld, LDAPMessage* entry,
+                                              LDAP_CONST char* target) {
     pthread_mutex_lock(&g_mu);
     struct fk_buf b = line_begin(FN_ldap_get_values_len);
     buf_put(&b, " attr=", 6);
     buf_str(&b, target);
     struct berval** vals = NULL;
     LDAPMessage* m = NULL;
-    if (check_handle(&b, ld) != NULL) m = check_entry(&b, entry);
+    if (check_handle(&b, ld) != NULL)
+        m = check_entry(&b, entry);
     struct fk_attr* a = m ? attr_find(&m->entry, target) : NULL;
     if (a != NULL && a->nvals > 0) {
         vals = xmalloc((a->nvals + 1) * sizeof *vals);
@@ -1069,7 +1127,8 @@ FK_EXPORT void ldap_value_free(char** vals) {
             line_error(&b, "not a live array from ldap_get_values");
         } else {
             live_remove(i);
-            for (size_t v = 0; vals[v] != NULL; ++v) free(vals[v]);
+            for (size_t v = 0; vals[v] != NULL; ++v)
+                free(vals[v]);
             free(vals);
         }
     }
@@ -1129,7 +1188,8 @@ FK_EXPORT void ber_free(BerElement* ber, int freebuf) {
             line_error(&b, "not a live ber");
         } else {
             /* the buffer belongs to the entry: freeing it would break the chain */
-            if (freebuf != 0) line_error(&b, "freebuf must be 0 for a ber from ldap_first_attribute");
+            if (freebuf != 0)
+                line_error(&b, "freebuf must be 0 for a ber from ldap_first_attribute");
             live_remove(i);
             free(ber);
         }
@@ -1146,8 +1206,10 @@ FK_EXPORT int ldap_add_s(LDAP* ld, LDAP_CONST char* dn, LDAPMod** attrs) {
     log_mods(&b, attrs);
     write_record(attrs);
     int rc = handle_gate(&b, ld);
-    if (rc == 0) rc = add_mods_check(attrs);
-    if (rc == 0) rc = take_result(FN_ldap_add_s, LDAP_SUCCESS);
+    if (rc == 0)
+        rc = add_mods_check(attrs);
+    if (rc == 0)
+        rc = take_result(FN_ldap_add_s, LDAP_SUCCESS);
     handle_note(ld, rc);
     line_end(&b, ld);
     pthread_mutex_unlock(&g_mu);
@@ -1164,7 +1226,8 @@ FK_EXPORT int ldap_add(LDAP* ld, LDAP_CONST char* dn, LDAPMod** attrs) {
     int msgid;
     int rc = handle_gate(&b, ld);
     /* an empty value array is refused by the server, in a result nobody reads here */
-    if (rc == 0 && add_mods_check(attrs) == LDAP_PARAM_ERROR) rc = LDAP_PARAM_ERROR;
+    if (rc == 0 && add_mods_check(attrs) == LDAP_PARAM_ERROR)
+        rc = LDAP_PARAM_ERROR;
     if (rc != 0) {
         handle_note(ld, rc);
         msgid = -1;
@@ -1186,7 +1249,8 @@ FK_EXPORT int ldap_modify_s(LDAP* ld, LDAP_CONST char* dn, LDAPMod** mods) {
     log_mods(&b, mods);
     write_record(mods);
     int rc = handle_gate(&b, ld);
-    if (rc == 0) rc = take_result(FN_ldap_modify_s, LDAP_SUCCESS);
+    if (rc == 0)
+        rc = take_result(FN_ldap_modify_s, LDAP_SUCCESS);
     handle_note(ld, rc);
     line_end(&b, ld);
     pthread_mutex_unlock(&g_mu);
@@ -1199,7 +1263,8 @@ FK_EXPORT int ldap_delete_s(LDAP* ld, LDAP_CONST char* dn) {
     buf_put(&b, " dn=", 4);
     buf_str(&b, dn);
     int rc = handle_gate(&b, ld);
-    if (rc == 0) rc = take_result(FN_ldap_delete_s, LDAP_SUCCESS);
+    if (rc == 0)
+        rc = take_result(FN_ldap_delete_s, LDAP_SUCCESS);
     handle_note(ld, rc);
     line_end(&b, ld);
     pthread_mutex_unlock(&g_mu);
@@ -1214,25 +1279,63 @@ FK_EXPORT char* ldap_err2string(int err) {
     pthread_mutex_unlock(&g_mu);
     const char* text;
     switch (err) {
-    case LDAP_SUCCESS: text = "Success"; break;
-    case LDAP_OPERATIONS_ERROR: text = "Operations error"; break;
-    case LDAP_PROTOCOL_ERROR: text = "Protocol error"; break;
-    case LDAP_SIZELIMIT_EXCEEDED: text = "Size limit exceeded"; break;
-    case LDAP_UNDEFINED_TYPE: text = "Undefined attribute type"; break;
-    case LDAP_INVALID_SYNTAX: text = "Invalid syntax"; break;
-    case LDAP_NO_SUCH_OBJECT: text = "No such object"; break;
-    case LDAP_INVALID_DN_SYNTAX: text = "Invalid DN syntax"; break;
-    case LDAP_INVALID_CREDENTIALS: text = "Invalid credentials"; break;
-    case LDAP_INSUFFICIENT_ACCESS: text = "Insufficient access"; break;
-    case LDAP_UNWILLING_TO_PERFORM: text = "Server is unwilling to perform"; break;
-    case LDAP_OBJECT_CLASS_VIOLATION: text = "Object class violation"; break;
-    case LDAP_NOT_ALLOWED_ON_NONLEAF: text = "Operation not allowed on non-leaf"; break;
-    case LDAP_ALREADY_EXISTS: text = "Already exists"; break;
-    case LDAP_SERVER_DOWN: text = "Can't contact LDAP server"; break;
-    case LDAP_TIMEOUT: text = "Timed out"; break;
-    case LDAP_PARAM_ERROR: text = "Bad parameter to an ldap routine"; break;
-    case LDAP_CONNECT_ERROR: text = "Connect error"; break;
-    default: text = "Unknown error"; break;
+        case LDAP_SUCCESS:
+            text = "Success";
+            break;
+        case LDAP_OPERATIONS_ERROR:
+            text = "Operations error";
+            break;
+        case LDAP_PROTOCOL_ERROR:
+            text = "Protocol error";
+            break;
+        case LDAP_SIZELIMIT_EXCEEDED:
+            text = "Size limit exceeded";
+            break;
+        case LDAP_UNDEFINED_TYPE:
+            text = "Undefined attribute type";
+            break;
+        case LDAP_INVALID_SYNTAX:
+            text = "Invalid syntax";
+            break;
+        case LDAP_NO_SUCH_OBJECT:
+            text = "No such object";
+            break;
+        case LDAP_INVALID_DN_SYNTAX:
+            text = "Invalid DN syntax";
+            break;
+        case LDAP_INVALID_CREDENTIALS:
+            text = "Invalid credentials";
+            break;
+        case LDAP_INSUFFICIENT_ACCESS:
+            text = "Insufficient access";
+            break;
+        case LDAP_UNWILLING_TO_PERFORM:
+            text = "Server is unwilling to perform";
+            break;
+        case LDAP_OBJECT_CLASS_VIOLATION:
+            text = "Object class violation";
+            break;
+        case LDAP_NOT_ALLOWED_ON_NONLEAF:
+            text = "Operation not allowed on non-leaf";
+            break;
+        case LDAP_ALREADY_EXISTS:
+            text = "Already exists";
+            break;
+        case LDAP_SERVER_DOWN:
+            text = "Can't contact LDAP server";
+            break;
+        case LDAP_TIMEOUT:
+            text = "Timed out";
+            break;
+        case LDAP_PARAM_ERROR:
+            text = "Bad parameter to an ldap routine";
+            break;
+        case LDAP_CONNECT_ERROR:
+            text = "Connect error";
+            break;
+        default:
+            text = "Unknown error";
+            break;
     }
     /* ldap.h declares a non-const result; callers must not write to it */
     return (char*)text;
@@ -1260,12 +1363,15 @@ FK_EXPORT void fake_ldap_reset(void) {
     int max_id = 0;
     for (size_t i = 0; i < g_nlive; ++i) {
         g_live[i].counted = 0;
-        if (g_live[i].kind != K_HANDLES) continue;
+        if (g_live[i].kind != K_HANDLES)
+            continue;
         struct ldap* h = g_live[i].ptr;
-        if (h->id > max_id) max_id = h->id;
+        if (h->id > max_id)
+            max_id = h->id;
         /* the code under test may keep one handle for the whole process: a later test must not
          * inherit an earlier test's outage */
-        if (h->dead == DEAD_SERVER_DOWN) h->dead = 0;
+        if (h->dead == DEAD_SERVER_DOWN)
+            h->dead = 0;
     }
     g_next_handle_id = max_id + 1;
     pthread_mutex_unlock(&g_mu);
@@ -1274,7 +1380,8 @@ FK_EXPORT void fake_ldap_reset(void) {
 FK_EXPORT void fake_ldap_clear_log(void) {
     pthread_mutex_lock(&g_mu);
     buf_free(&g_log);
-    for (int i = 0; i < FN_COUNT; ++i) g_answers[i].calls = 0;
+    for (int i = 0; i < FN_COUNT; ++i)
+        g_answers[i].calls = 0;
     pthread_mutex_unlock(&g_mu);
 }
 
@@ -1289,7 +1396,8 @@ FK_EXPORT const char* fake_ldap_log(void) {
 
 FK_EXPORT int fake_ldap_calls(const char* function) {
     int fn = fn_lookup(function);
-    if (fn < 0) return -1;
+    if (fn < 0)
+        return -1;
     pthread_mutex_lock(&g_mu);
     int n = g_answers[fn].calls;
     pthread_mutex_unlock(&g_mu);
@@ -1298,7 +1406,8 @@ FK_EXPORT int fake_ldap_calls(const char* function) {
 
 FK_EXPORT int fake_ldap_set_result(const char* function, int rc) {
     int fn = fn_lookup(function);
-    if (fn < 0 || !fn_settable[fn]) return -1;
+    if (fn < 0 || !fn_settable[fn])
+        return -1;
     pthread_mutex_lock(&g_mu);
     g_answers[fn].forced = 1;
     g_answers[fn].forced_rc = rc;
@@ -1308,7 +1417,8 @@ FK_EXPORT int fake_ldap_set_result(const char* function, int rc) {
 
 FK_EXPORT int fake_ldap_push_result(const char* function, int rc) {
     int fn = fn_lookup(function);
-    if (fn < 0 || !fn_settable[fn]) return -1;
+    if (fn < 0 || !fn_settable[fn])
+        return -1;
     int ok = -1;
     pthread_mutex_lock(&g_mu);
     struct fk_answer* a = &g_answers[fn];
@@ -1364,7 +1474,8 @@ FK_EXPORT void fake_ldap_new_result_set(void) {
 }
 
 FK_EXPORT int fake_ldap_add_entry(const char* dn) {
-    if (dn == NULL) return -1;
+    if (dn == NULL)
+        return -1;
     pthread_mutex_lock(&g_mu);
     if (g_nsets == 0) {
         g_sets = xrealloc(g_sets, sizeof *g_sets);
@@ -1383,7 +1494,8 @@ FK_EXPORT int fake_ldap_add_entry(const char* dn) {
 }
 
 FK_EXPORT int fake_ldap_add_attr(const char* attr) {
-    if (attr == NULL) return -1;
+    if (attr == NULL)
+        return -1;
     int rc = -1;
     pthread_mutex_lock(&g_mu);
     struct fk_entry* e = script_last_entry();
@@ -1396,7 +1508,8 @@ FK_EXPORT int fake_ldap_add_attr(const char* attr) {
 }
 
 FK_EXPORT int fake_ldap_add_value(const char* attr, const void* data, unsigned len) {
-    if (attr == NULL || (data == NULL && len != 0)) return -1;
+    if (attr == NULL || (data == NULL && len != 0))
+        return -1;
     int rc = -1;
     pthread_mutex_lock(&g_mu);
     struct fk_entry* e = script_last_entry();
@@ -1414,7 +1527,8 @@ FK_EXPORT int fake_ldap_outstanding(void) {
     int n = 0;
     pthread_mutex_lock(&g_mu);
     for (size_t i = 0; i < g_nlive; ++i)
-        if (g_live[i].counted && g_live[i].kind != K_HANDLES) ++n;
+        if (g_live[i].counted && g_live[i].kind != K_HANDLES)
+            ++n;
     pthread_mutex_unlock(&g_mu);
     return n;
 }
@@ -1423,9 +1537,11 @@ FK_EXPORT const char* fake_ldap_outstanding_summary(void) {
     int n[K_COUNT] = {0};
     pthread_mutex_lock(&g_mu);
     for (size_t i = 0; i < g_nlive; ++i)
-        if (g_live[i].counted) ++n[g_live[i].kind];
+        if (g_live[i].counted)
+            ++n[g_live[i].kind];
     struct fk_buf b = {NULL, 0, 0};
-    for (int k = 0; k < K_COUNT; ++k) buf_printf(&b, "%s%s=%d", k ? " " : "", kind_names[k], n[k]);
+    for (int k = 0; k < K_COUNT; ++k)
+        buf_printf(&b, "%s%s=%d", k ? " " : "", kind_names[k], n[k]);
     free(g_summary_snapshot);
     g_summary_snapshot = b.p;
     const char* s = g_summary_snapshot;
@@ -1437,7 +1553,8 @@ FK_EXPORT int fake_ldap_open_handles(void) {
     int n = 0;
     pthread_mutex_lock(&g_mu);
     for (size_t i = 0; i < g_nlive; ++i)
-        if (g_live[i].counted && g_live[i].kind == K_HANDLES) ++n;
+        if (g_live[i].counted && g_live[i].kind == K_HANDLES)
+            ++n;
     pthread_mutex_unlock(&g_mu);
     return n;
 }
@@ -1450,9 +1567,11 @@ FK_EXPORT int fake_ldap_errors(void) {
 }
 
 static const struct fk_mod_rec* written_find(const char* attr) {
-    if (attr == NULL || !g_have_write) return NULL;
+    if (attr == NULL || !g_have_write)
+        return NULL;
     for (size_t i = 0; i < g_nwrite; ++i)
-        if (strcasecmp(g_write[i].type, attr) == 0) return &g_write[i];
+        if (strcasecmp(g_write[i].type, attr) == 0)
+            return &g_write[i];
     return NULL;
 }
 
@@ -1470,7 +1589,8 @@ FK_EXPORT const void* fake_ldap_written_value(const char* attr, unsigned index, 
     const struct fk_mod_rec* r = written_find(attr);
     if (r != NULL && index < r->nvals) {
         data = r->vals[index].bv_val;
-        if (len) *len = (unsigned)r->vals[index].bv_len;
+        if (len)
+            *len = (unsigned)r->vals[index].bv_len;
     }
     pthread_mutex_unlock(&g_mu);
     return data;

@@ -215,12 +215,15 @@ const void* fake_ldap_written_value(const char* attr, unsigned index, unsigned* 
  *     ... run the code under test with QORLDAP_LDAP_LIBRARY=FAKE_LDAP_PATH ...
  *     EXPECT_EQ(fake.outstanding(), 0) << fake.outstanding_summary();
  * The library is opened with RTLD_NODELETE, so its state lives as long as the process even when
- * every handle on it is closed. Throws std::runtime_error when the file or a function is missing. */
+ * every handle on it is closed. Throws std::runtime_error when the file or a function is missing.
+ */
 struct FakeLdap {
-    explicit FakeLdap(const char* path) : handle_(dlopen(path, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE)) {
+    explicit FakeLdap(const char* path)
+        : handle_(dlopen(path, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE)) {
         if (handle_ == nullptr) {
             const char* why = dlerror();
-            throw std::runtime_error(std::string("cannot load fake libldap: ") + (why ? why : path));
+            throw std::runtime_error(std::string("cannot load fake libldap: ") +
+                                     (why ? why : path));
         }
         bind(reset_, "fake_ldap_reset");
         bind(clear_log_, "fake_ldap_clear_log");
@@ -255,23 +258,33 @@ struct FakeLdap {
         std::vector<std::string> lines;
         const std::string text = log();
         std::string::size_type start = 0;
-        for (std::string::size_type nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1)
+        for (std::string::size_type nl; (nl = text.find('\n', start)) != std::string::npos;
+             start = nl + 1)
             lines.push_back(text.substr(start, nl - start));
         return lines;
     }
     int calls(const char* function) const { return calls_(function); }
     /* These throw std::invalid_argument for a name the fake does not accept (a typo in a test). */
-    void set_result(const char* function, int rc) const { check(set_result_(function, rc), function); }
-    void push_result(const char* function, int rc) const { check(push_result_(function, rc), function); }
+    void set_result(const char* function, int rc) const {
+        check(set_result_(function, rc), function);
+    }
+    void push_result(const char* function, int rc) const {
+        check(push_result_(function, rc), function);
+    }
     void set_init_null(bool on) const { set_init_null_(on ? 1 : 0); }
     void set_search_result_on_error(int mode) const { set_search_result_on_error_(mode); }
     void server_down() const { server_down_(); }
     void set_log_handles(bool on) const { set_log_handles_(on ? 1 : 0); }
     void new_result_set() const { new_result_set_(); }
-    void add_entry(const std::string& dn) const { check(add_entry_(dn.c_str()), "fake_ldap_add_entry"); }
-    void add_attr(const std::string& attr) const { check(add_attr_(attr.c_str()), "fake_ldap_add_attr"); }
+    void add_entry(const std::string& dn) const {
+        check(add_entry_(dn.c_str()), "fake_ldap_add_entry");
+    }
+    void add_attr(const std::string& attr) const {
+        check(add_attr_(attr.c_str()), "fake_ldap_add_attr");
+    }
     void add_value(const std::string& attr, const std::string& bytes) const {
-        check(add_value_(attr.c_str(), bytes.data(), static_cast<unsigned>(bytes.size())), "fake_ldap_add_value");
+        check(add_value_(attr.c_str(), bytes.data(), static_cast<unsigned>(bytes.size())),
+              "fake_ldap_add_value");
     }
     int outstanding() const { return outstanding_(); }
     std::string outstanding_summary() const { return std::string(outstanding_summary_()); }
@@ -282,11 +295,12 @@ struct FakeLdap {
     std::string written_value(const char* attr, unsigned index = 0) const {
         unsigned len = 0;
         const void* data = written_value_(attr, index, &len);
-        if (data == nullptr) throw std::out_of_range(std::string("no written value for ") + attr);
+        if (data == nullptr)
+            throw std::out_of_range(std::string("no written value for ") + attr);
         return std::string(static_cast<const char*>(data), len);
     }
 
-private:
+  private:
     template <typename F>
     void bind(F& fn, const char* name) {
         fn = reinterpret_cast<F>(dlsym(handle_, name));
@@ -296,7 +310,9 @@ private:
         }
     }
     static void check(int rc, const char* what) {
-        if (rc != 0) throw std::invalid_argument(std::string("fake libldap refused ") + (what ? what : "null"));
+        if (rc != 0)
+            throw std::invalid_argument(std::string("fake libldap refused ") +
+                                        (what ? what : "null"));
     }
 
     void* handle_;

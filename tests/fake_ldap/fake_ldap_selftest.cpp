@@ -42,7 +42,8 @@ struct Client {
     decltype(&ber_free) ber_free_;
 
     explicit Client(const char* path) : handle(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
-        if (handle == nullptr) throw std::runtime_error(dlerror());
+        if (handle == nullptr)
+            throw std::runtime_error(dlerror());
 #define FK_RESOLVE(field, name) field = reinterpret_cast<decltype(field)>(resolve(#name))
         FK_RESOLVE(init, ldap_init);
         FK_RESOLVE(initialize, ldap_initialize);
@@ -69,13 +70,14 @@ struct Client {
     }
     void* resolve(const char* name) {
         void* p = dlsym(handle, name);
-        if (p == nullptr) throw std::runtime_error(std::string("missing ") + name);
+        if (p == nullptr)
+            throw std::runtime_error(std::string("missing ") + name);
         return p;
     }
 };
 
 class FakeLdapTest : public ::testing::Test {
-protected:
+  protected:
     static FakeLdap& fake() {
         static FakeLdap instance(FAKE_LDAP_PATH);
         return instance;
@@ -93,8 +95,8 @@ protected:
         return ld;
     }
     int search(LDAP* ld, LDAPMessage** res) {
-        return c().search_ext_s(ld, "o=b", LDAP_SCOPE_ONELEVEL, "(objectClass=*)", nullptr, 0, nullptr, nullptr,
-                                nullptr, 0, res);
+        return c().search_ext_s(ld, "o=b", LDAP_SCOPE_ONELEVEL, "(objectClass=*)", nullptr, 0,
+                                nullptr, nullptr, nullptr, 0, res);
     }
 };
 
@@ -114,27 +116,28 @@ TEST_F(FakeLdapTest, LogRecordsASessionLineByLine) {
     LDAPMessage* res = nullptr;
     char a0[] = "signPubcer;binary";
     char* attrs[] = {a0, nullptr};
-    EXPECT_EQ(c().search_ext_s(ld, "cn=a,o=b", LDAP_SCOPE_BASE, "(signPubcer;binary=*)", nullptr, 0, nullptr,
-                               nullptr, nullptr, 0, &res),
+    EXPECT_EQ(c().search_ext_s(ld, "cn=a,o=b", LDAP_SCOPE_BASE, "(signPubcer;binary=*)", nullptr, 0,
+                               nullptr, nullptr, nullptr, 0, &res),
               0);
     c().msgfree(res);
-    c().search_ext_s(ld, "o=b", LDAP_SCOPE_ONELEVEL, "(cn=*)", attrs, 1, nullptr, nullptr, &tv, 10, &res);
+    c().search_ext_s(ld, "o=b", LDAP_SCOPE_ONELEVEL, "(cn=*)", attrs, 1, nullptr, nullptr, &tv, 10,
+                     &res);
     c().msgfree(res);
     c().unbind_ext_s(ld, nullptr, nullptr);
 
     EXPECT_EQ(fake().log_lines(),
-              (Lines{"ldap_init host=127.0.0.1 port=389",
-                     "ldap_set_option opt=17 value=3",
+              (Lines{"ldap_init host=127.0.0.1 port=389", "ldap_set_option opt=17 value=3",
                      "ldap_set_option opt=20485 value={5,0}",
                      "ldap_set_option global opt=24578 value=/etc/ca.pem",
                      "ldap_simple_bind_s dn=cn=admin,o=root pw=secret",
-                     "ldap_search_ext_s base=cn=a,o=b scope=0 filter=(signPubcer;binary=*) attrs=null attrsonly=0 "
+                     "ldap_search_ext_s base=cn=a,o=b scope=0 filter=(signPubcer;binary=*) "
+                     "attrs=null attrsonly=0 "
                      "sctrls=null cctrls=null timeout=null sizelimit=0",
                      "ldap_msgfree",
-                     "ldap_search_ext_s base=o=b scope=1 filter=(cn=*) attrs=[signPubcer;binary] attrsonly=1 "
+                     "ldap_search_ext_s base=o=b scope=1 filter=(cn=*) attrs=[signPubcer;binary] "
+                     "attrsonly=1 "
                      "sctrls=null cctrls=null timeout={5,0} sizelimit=10",
-                     "ldap_msgfree",
-                     "ldap_unbind_ext_s"}));
+                     "ldap_msgfree", "ldap_unbind_ext_s"}));
     EXPECT_EQ(fake().calls("ldap_set_option"), 3);
     EXPECT_EQ(fake().calls("ldap_delete_s"), 0);
     EXPECT_EQ(fake().calls("ldap_serch_ext_s"), -1);
@@ -146,7 +149,8 @@ TEST_F(FakeLdapTest, LogListsEveryModAndKeepsTheBytesWritten) {
     const char key[] = {'k', '\0', 'e', 'y', '\x7f'};
     berval bv{sizeof key, const_cast<char*>(key)};
     berval* bvals[] = {&bv, nullptr};
-    char t_key[] = "signPubcer;binary", t_ou[] = "ou", t_del[] = "encPubcer;binary", sales[] = "Sales", mkt[] = "Mkt";
+    char t_key[] = "signPubcer;binary", t_ou[] = "ou", t_del[] = "encPubcer;binary",
+         sales[] = "Sales", mkt[] = "Mkt";
     char* ou_vals[] = {sales, mkt, nullptr};
     LDAPMod m_key{LDAP_MOD_REPLACE | LDAP_MOD_BVALUES, t_key, {nullptr}};
     m_key.mod_bvalues = bvals;
@@ -158,10 +162,11 @@ TEST_F(FakeLdapTest, LogListsEveryModAndKeepsTheBytesWritten) {
 
     EXPECT_EQ(c().modify_s(ld, "cn=a\n,o=b", mods), 0);
     EXPECT_EQ(c().modify_s(ld, "cn=a,o=b", none), 0);
-    EXPECT_EQ(fake().log_lines(),
-              (Lines{"ldap_modify_s dn=cn=a\\x0a,o=b mods=[op=0x82 type=signPubcer;binary bvals=1:len=5]"
-                     "[op=0x2 type=ou vals=Sales|Mkt][op=0x82 type=encPubcer;binary bvals=null]",
-                     "ldap_modify_s dn=cn=a,o=b mods=(empty)"}));
+    EXPECT_EQ(
+        fake().log_lines(),
+        (Lines{"ldap_modify_s dn=cn=a\\x0a,o=b mods=[op=0x82 type=signPubcer;binary bvals=1:len=5]"
+               "[op=0x2 type=ou vals=Sales|Mkt][op=0x82 type=encPubcer;binary bvals=null]",
+               "ldap_modify_s dn=cn=a,o=b mods=(empty)"}));
 
     c().modify_s(ld, "cn=a,o=b", mods);
     EXPECT_EQ(fake().written_value("SIGNPUBCER;binary"), std::string(key, sizeof key));
@@ -186,8 +191,9 @@ TEST_F(FakeLdapTest, HandleNumbersAppearOnRequest) {
     EXPECT_NE(a, b);
     c().unbind_ext_s(b, nullptr, nullptr);
     c().unbind_ext_s(a, nullptr, nullptr);
-    EXPECT_EQ(fake().log_lines(), (Lines{"ldap_init host=h port=1 -> ld=1", "ldap_init host=h port=2 -> ld=2",
-                                         "ldap_unbind_ext_s ld=2", "ldap_unbind_ext_s ld=1"}));
+    EXPECT_EQ(fake().log_lines(),
+              (Lines{"ldap_init host=h port=1 -> ld=1", "ldap_init host=h port=2 -> ld=2",
+                     "ldap_unbind_ext_s ld=2", "ldap_unbind_ext_s ld=1"}));
 }
 
 // ---- Scripted searches ---------------------------------------------------------------------
@@ -247,14 +253,27 @@ TEST_F(FakeLdapTest, SearchWalkSeesTheScriptedEntriesInOrder) {
     EXPECT_EQ(fake().errors(), 0) << fake().log();
     const Lines lines = fake().log_lines();
     EXPECT_EQ(Lines(lines.begin() + 1, lines.end()),
-              (Lines{"ldap_count_entries -> 2", "ldap_first_entry -> cn=a,o=b", "ldap_get_dn -> cn=a,o=b",
-                     "ldap_memfree", "ldap_first_attribute -> signPubcer;binary",
-                     "ldap_get_values_len attr=SignPubCer;Binary -> 2", "ldap_value_free_len", "ldap_memfree",
-                     "ldap_next_attribute -> cn", "ldap_get_values attr=cn -> 1", "ldap_value_free",
-                     "ldap_memfree", "ldap_next_attribute -> null", "ber_free freebuf=0",
-                     "ldap_next_entry -> cn=b,o=b", "ldap_first_attribute -> encPubcer;binary",
-                     "ldap_get_values_len attr=encPubcer;binary -> null", "ldap_memfree", "ber_free freebuf=0",
-                     "ldap_next_entry -> null", "ldap_msgfree"}));
+              (Lines{"ldap_count_entries -> 2",
+                     "ldap_first_entry -> cn=a,o=b",
+                     "ldap_get_dn -> cn=a,o=b",
+                     "ldap_memfree",
+                     "ldap_first_attribute -> signPubcer;binary",
+                     "ldap_get_values_len attr=SignPubCer;Binary -> 2",
+                     "ldap_value_free_len",
+                     "ldap_memfree",
+                     "ldap_next_attribute -> cn",
+                     "ldap_get_values attr=cn -> 1",
+                     "ldap_value_free",
+                     "ldap_memfree",
+                     "ldap_next_attribute -> null",
+                     "ber_free freebuf=0",
+                     "ldap_next_entry -> cn=b,o=b",
+                     "ldap_first_attribute -> encPubcer;binary",
+                     "ldap_get_values_len attr=encPubcer;binary -> null",
+                     "ldap_memfree",
+                     "ber_free freebuf=0",
+                     "ldap_next_entry -> null",
+                     "ldap_msgfree"}));
     c().unbind_ext_s(ld, nullptr, nullptr);
 }
 
@@ -289,7 +308,8 @@ TEST_F(FakeLdapTest, OutstandingCountsEachObjectUntilReleased) {
     char** vals = c().get_values(ld, e, "cn");
     char* dn = c().get_dn(ld, e);
     EXPECT_EQ(fake().outstanding(), 6);
-    EXPECT_EQ(fake().outstanding_summary(), "messages=1 bvalues=1 values=1 strings=2 bers=1 handles=1");
+    EXPECT_EQ(fake().outstanding_summary(),
+              "messages=1 bvalues=1 values=1 strings=2 bers=1 handles=1");
     EXPECT_EQ(fake().open_handles(), 1);
 
     c().memfree(dn);
@@ -340,12 +360,13 @@ TEST_F(FakeLdapTest, MisuseIsLoggedAndCountedInsteadOfCrashing) {
     c().unbind_ext_s(ld, nullptr, nullptr);
     EXPECT_EQ(c().simple_bind_s(ld, "cn=x", "y"), LDAP_PARAM_ERROR);
     EXPECT_EQ(fake().errors(), 5) << fake().log();
-    EXPECT_EQ(fake().log_lines(),
-              (Lines{"ber_free freebuf=1 ERROR(freebuf must be 0 for a ber from ldap_first_attribute)",
-                     "ldap_msgfree ERROR(not the head of a chain)", "ldap_msgfree",
-                     "ldap_msgfree ERROR(not a live chain)",
-                     "ldap_first_entry ERROR(not a message of a live chain) -> null", "ldap_unbind_ext_s",
-                     "ldap_simple_bind_s dn=cn=x pw=y ERROR(not an open handle)"}));
+    EXPECT_EQ(
+        fake().log_lines(),
+        (Lines{"ber_free freebuf=1 ERROR(freebuf must be 0 for a ber from ldap_first_attribute)",
+               "ldap_msgfree ERROR(not the head of a chain)", "ldap_msgfree",
+               "ldap_msgfree ERROR(not a live chain)",
+               "ldap_first_entry ERROR(not a message of a live chain) -> null", "ldap_unbind_ext_s",
+               "ldap_simple_bind_s dn=cn=x pw=y ERROR(not an open handle)"}));
     EXPECT_EQ(fake().outstanding(), 0);
 }
 
@@ -405,7 +426,8 @@ TEST_F(FakeLdapTest, HandlesBehaveAsLibldapDoes) {
     EXPECT_EQ(res, nullptr);
     LDAP* fresh = c().init("127.0.0.1", 389);
     EXPECT_EQ(c().simple_bind_s(fresh, "cn=a", "p"), 0);
-    for (LDAP* ld : {v2, v3, blank, fresh}) EXPECT_EQ(c().unbind_ext_s(ld, nullptr, nullptr), 0);
+    for (LDAP* ld : {v2, v3, blank, fresh})
+        EXPECT_EQ(c().unbind_ext_s(ld, nullptr, nullptr), 0);
 
     fake().set_init_null(true);
     EXPECT_EQ(c().init("127.0.0.1", 389), nullptr);
@@ -428,7 +450,8 @@ TEST_F(FakeLdapTest, ConcurrentCallersLoseNoLogLineAndNoCount) {
                 c().unbind_ext_s(ld, nullptr, nullptr);
             }
         });
-    for (auto& t : threads) t.join();
+    for (auto& t : threads)
+        t.join();
     EXPECT_EQ(fake().calls("ldap_simple_bind_s"), kThreads * kRounds);
     EXPECT_EQ(fake().log_lines().size(), static_cast<size_t>(1 + 3 * kThreads * kRounds));
     EXPECT_EQ(fake().open_handles(), 0);

@@ -51,9 +51,10 @@ constexpr int kSanitizerFactor = 1;
 // connection sees end-of-file at once: such a call takes well under a millisecond; PublishP12,
 // which opens the bundle before it goes to the server, takes tens of milliseconds, about 2 s in
 // the AddressSanitizer build (which records a stack at every allocation OpenSSL makes). On a
-// frozen server with timeout=2 a call takes the two seconds. The test prints every figure. Ten seconds (thirty in a sanitizer build) leaves room for a loaded
-// machine and is still far below what a caller would wait for: a call that takes longer is
-// waiting on the network with no limit, the fault this guards against.
+// frozen server with timeout=2 a call takes the two seconds. The test prints every figure. Ten
+// seconds (thirty in a sanitizer build) leaves room for a loaded machine and is still far below
+// what a caller would wait for: a call that takes longer is waiting on the network with no limit,
+// the fault this guards against.
 constexpr int kCallBoundSeconds = 10 * kSanitizerFactor;
 // Calls on a working connection are not what is measured here; they are bounded only so that a
 // hang ends the test. A password change converts two keys (PBKDF2), up to a minute in the
@@ -62,7 +63,7 @@ constexpr int kWorkingCallBoundSeconds = 300;
 
 // Aborts the process when an armed call has not returned within its bound.
 class Watchdog {
-public:
+  public:
     Watchdog() : thread_([this] { Watch(); }) {}
     ~Watchdog() {
         {
@@ -89,7 +90,7 @@ public:
         wake_.notify_all();
     }
 
-private:
+  private:
     void Watch() {
         std::unique_lock<std::mutex> lock(mutex_);
         while (!quit_) {
@@ -118,7 +119,7 @@ private:
 
 // The directory of this run, driven through scripts/directory.
 class Server {
-public:
+  public:
     Server(std::string dir, int port) : dir_(std::move(dir)), port_(port) {}
     bool Stop() const { return Sh("stop --dir '" + dir_ + "'"); }
     // The same folder and port; the start wipes the database.
@@ -126,7 +127,7 @@ public:
         return Sh("start --dir '" + dir_ + "' --port " + std::to_string(port_) + " --nosync");
     }
 
-private:
+  private:
     static bool Sh(std::string const& args) {
         std::string cmd = std::string("'") + QORLDAP_DIRECTORY_SCRIPT + "' " + args + " >&2";
         return std::system(cmd.c_str()) == 0;
@@ -154,10 +155,12 @@ std::string Hex(int rc) {
 char const kBundlePw[] = "fault-bundle";
 char const kKeyPw[] = "fault-key";
 // The DN a bundle for /C=CN/O=Acme/OU=Fault/CN=Fault User is published at.
-std::string PublishedDn(std::string const& base) { return "cn=fault user, ou=fault, " + base; }
+std::string PublishedDn(std::string const& base) {
+    return "cn=fault user, ou=fault, " + base;
+}
 
 class Faults : public ::testing::Test {
-protected:
+  protected:
     static void SetUpTestSuite() { pki_ = new qortest::Pki(); }
     static void TearDownTestSuite() {
         delete pki_;
@@ -171,14 +174,16 @@ protected:
     }
     void TearDown() override {
         // Whatever happened, the next run finds the directory running again, as it found it.
-        if (stopped_) server_.Start();
+        if (stopped_)
+            server_.Start();
         std::printf("\nCalls, in order (result code, time):\n");
         Timing const* slowest = nullptr;
         for (Timing const& t : timings_) {
             std::printf("  %-62s %-11s %8.2f ms\n", t.what.c_str(), Hex(t.rc).c_str(), t.ms);
-            bool working = t.what.compare(0, 4, "up: ") == 0 ||
-                           t.what.compare(0, 15, "restarted: new ") == 0;
-            if (!working && (slowest == nullptr || t.ms > slowest->ms)) slowest = &t;
+            bool working =
+                t.what.compare(0, 4, "up: ") == 0 || t.what.compare(0, 15, "restarted: new ") == 0;
+            if (!working && (slowest == nullptr || t.ms > slowest->ms))
+                slowest = &t;
         }
         if (slowest != nullptr) {
             std::printf("Slowest call on a lost or frozen connection: %.2f ms (%s); bound %d s\n",
@@ -192,13 +197,15 @@ protected:
     // on a lost one; each kind has its bound.
     template <typename Call>
     int Timed(std::string const& what, Call call) {
-        bool working = what.compare(0, 4, "up: ") == 0 || what.compare(0, 15, "restarted: new ") == 0;
+        bool working =
+            what.compare(0, 4, "up: ") == 0 || what.compare(0, 15, "restarted: new ") == 0;
         watchdog_.Arm(what, working ? kWorkingCallBoundSeconds : kCallBoundSeconds);
         auto start = std::chrono::steady_clock::now();
         int rc = call();
         auto end = std::chrono::steady_clock::now();
         watchdog_.Disarm();
-        timings_.push_back({what, rc, std::chrono::duration<double, std::milli>(end - start).count()});
+        timings_.push_back(
+            {what, rc, std::chrono::duration<double, std::milli>(end - start).count()});
         return rc;
     }
 
@@ -221,7 +228,8 @@ protected:
         if (out != nullptr) {
             *out = key != nullptr ? std::string(reinterpret_cast<char*>(key), length) : "";
         }
-        if (key != nullptr) FreeKey(key);
+        if (key != nullptr)
+            FreeKey(key);
         return rc;
     }
 
@@ -256,10 +264,11 @@ protected:
         EXPECT_EQ(nullptr, key);
         ldap.FreeKey(key);
         std::string value = "written while the server is down";
-        ExpectFailure(Timed(who + " ModifySignPublicKey", [&] {
-                          return ldap.ModifySignPublicKey(user.c_str(), U(value),
-                                                          unsigned(value.size()));
-                      }),
+        ExpectFailure(Timed(who + " ModifySignPublicKey",
+                            [&] {
+                                return ldap.ModifySignPublicKey(user.c_str(), U(value),
+                                                                unsigned(value.size()));
+                            }),
                       neverConnected);
         ExpectFailure(Timed(who + " DeleteSignPrivateKey",
                             [&] { return ldap.DeleteSignPrivateKey(user.c_str()); }),
@@ -268,8 +277,8 @@ protected:
         // reports a missing entry: 0 with itemCount 0, so a caller cannot tell the outage from
         // an entry that is not there. What must hold either way: nothing is handed out.
         tagAtt att = {};
-        int rc = Timed(who + " SelectLdap (entry)",
-                       [&] { return ldap.SelectLdap(user.c_str(), att); });
+        int rc =
+            Timed(who + " SelectLdap (entry)", [&] { return ldap.SelectLdap(user.c_str(), att); });
         if (neverConnected) {
             EXPECT_EQ(QORLDAP_E_FAILED, rc);
         }
@@ -287,14 +296,14 @@ protected:
         std::string down = "cn=Down," + unit;
         ExpectFailure(Timed(who + " InsertLdap",
                             [&] {
-                                return ldap.InsertLdap(down.c_str(), person.att, false, nullptr,
-                                                       0, nullptr, 0, nullptr, 0);
+                                return ldap.InsertLdap(down.c_str(), person.att, false, nullptr, 0,
+                                                       nullptr, 0, nullptr, 0);
                             }),
                       neverConnected, QORLDAP_E_FAILED);
         qortest::Record change("qorPerson", {{"sn", "Changed"}});
-        ExpectFailure(Timed(who + " ModifyLdap",
-                            [&] { return ldap.ModifyLdap(user.c_str(), change.att); }),
-                      neverConnected);
+        ExpectFailure(
+            Timed(who + " ModifyLdap", [&] { return ldap.ModifyLdap(user.c_str(), change.att); }),
+            neverConnected);
         ExpectFailure(Timed(who + " DeleteLdap", [&] { return ldap.DeleteLdap(user.c_str()); }),
                       neverConnected);
         ExpectFailure(Timed(who + " ModifyPriKeyPsw",
@@ -316,8 +325,8 @@ protected:
                       false);
         ExpectFailure(Timed(who + " PublishP12",
                             [&] {
-                                return PublishP12(bundle_.data(), bundle_.size(), kBundlePw,
-                                                  kKeyPw, true, false);
+                                return PublishP12(bundle_.data(), bundle_.size(), kBundlePw, kKeyPw,
+                                                  true, false);
                             }),
                       false);
         ExpectFailure(Timed(who + " ModifyPriKeyPsw",
@@ -347,8 +356,8 @@ TEST_F(Faults, StoppedServerFailsEveryCallPromptlyAndOnlyANewEngineRecovers) {
     std::string const user = qortest::MakeUser(old, base, "FaultUnit", "Fault Keeper");
     std::string const before = "certificate before the outage";
     ASSERT_EQ(0, Timed("up: old CLdap ModifySignPublicKey", [&] {
-        return old.ModifySignPublicKey(user.c_str(), U(before), unsigned(before.size()));
-    }));
+                  return old.ModifySignPublicKey(user.c_str(), U(before), unsigned(before.size()));
+              }));
     std::string got;
     ASSERT_EQ(0, ReadMember(old, "up: old CLdap GetSignPublicKey", user, &got));
     EXPECT_EQ(before, got);
@@ -357,11 +366,12 @@ TEST_F(Faults, StoppedServerFailsEveryCallPromptlyAndOnlyANewEngineRecovers) {
     EXPECT_EQ(before, got);
     // Both pairs, so that the password change has both keys to convert.
     ASSERT_EQ(0, Timed("up: free PublishP12 (signing)", [&] {
-        return PublishP12(bundle_.data(), bundle_.size(), kBundlePw, kKeyPw, true, false);
-    }));
+                  return PublishP12(bundle_.data(), bundle_.size(), kBundlePw, kKeyPw, true, false);
+              }));
     ASSERT_EQ(0, Timed("up: free PublishP12 (encryption)", [&] {
-        return PublishP12(bundle_.data(), bundle_.size(), kBundlePw, kKeyPw, false, false);
-    }));
+                  return PublishP12(bundle_.data(), bundle_.size(), kBundlePw, kKeyPw, false,
+                                    false);
+              }));
     ASSERT_EQ(0, Timed("up: free ModifyPriKeyPsw",
                        [] { return ModifyPriKeyPsw("cn=fault user", kKeyPw, kKeyPw); }));
 
@@ -372,7 +382,8 @@ TEST_F(Faults, StoppedServerFailsEveryCallPromptlyAndOnlyANewEngineRecovers) {
     // Connected engines: a connection is made once, so their ConnectLdap keeps answering 0 at
     // once without going to the server (as documented); everything that does go to the server
     // fails.
-    EXPECT_EQ(0, Timed("down: old CLdap ConnectLdap (connected)", [&] { return old.ConnectLdap(); }));
+    EXPECT_EQ(0,
+              Timed("down: old CLdap ConnectLdap (connected)", [&] { return old.ConnectLdap(); }));
     EXPECT_EQ(0, Timed("down: free ConnectLdap (connected)", [] { return ConnectLdap(); }));
     EveryMemberOperationFails(old, "down: old CLdap", user, unit, false);
     EveryFreeFunctionFails("down: free", user);
@@ -380,8 +391,8 @@ TEST_F(Faults, StoppedServerFailsEveryCallPromptlyAndOnlyANewEngineRecovers) {
     {
         CLdap fresh;
         EveryMemberOperationFails(fresh, "down: new CLdap", user, unit, true);
-        EXPECT_EQ(QORLDAP_E_FAILED,
-                  Timed("down: new CLdap ConnectLdap (again)", [&] { return fresh.ConnectLdap(); }));
+        EXPECT_EQ(QORLDAP_E_FAILED, Timed("down: new CLdap ConnectLdap (again)",
+                                          [&] { return fresh.ConnectLdap(); }));
     }
 
     // 3. The server comes back on the same port, with an empty database.
@@ -392,8 +403,9 @@ TEST_F(Faults, StoppedServerFailsEveryCallPromptlyAndOnlyANewEngineRecovers) {
     ASSERT_EQ(user, qortest::MakeUser(renewed, base, "FaultUnit", "Fault Keeper"));
     std::string const after = "certificate after the restart";
     EXPECT_EQ(0, Timed("restarted: new CLdap ModifySignPublicKey", [&] {
-        return renewed.ModifySignPublicKey(user.c_str(), U(after), unsigned(after.size()));
-    }));
+                  return renewed.ModifySignPublicKey(user.c_str(), U(after),
+                                                     unsigned(after.size()));
+              }));
     EXPECT_EQ(0, ReadMember(renewed, "restarted: new CLdap GetSignPublicKey", user, &got));
     EXPECT_EQ(after, got);
     EXPECT_EQ(std::vector<std::string>{after}, dir_.Values(user, "signPubcer;binary"));
@@ -419,8 +431,8 @@ TEST_F(Faults, StoppedServerFailsEveryCallPromptlyAndOnlyANewEngineRecovers) {
 TEST_F(Faults, WithATimeoutACallOnAFrozenServerFailsWithinTheBound) {
     constexpr int kTimeoutSeconds = 2;
     qortest::ScratchDir conf;
-    conf.Write("soap.ini", qortest::ReadFile(dir_.ConfDir() + "/soap.ini") + "timeout=" +
-                               std::to_string(kTimeoutSeconds) + "\n");
+    conf.Write("soap.ini", qortest::ReadFile(dir_.ConfDir() + "/soap.ini") +
+                               "timeout=" + std::to_string(kTimeoutSeconds) + "\n");
     conf.Write("ldap.ini", qortest::ReadFile(dir_.ConfDir() + "/ldap.ini"));
     std::unique_ptr<CLdap> ldap;
     {
@@ -431,8 +443,8 @@ TEST_F(Faults, WithATimeoutACallOnAFrozenServerFailsWithinTheBound) {
     std::string const user = qortest::MakeUser(*ldap, dir_.Base(), "FaultUnit", "Frozen");
     std::string const value = "certificate before the freeze";
     ASSERT_EQ(0, Timed("up: CLdap (timeout=2) ModifySignPublicKey", [&] {
-        return ldap->ModifySignPublicKey(user.c_str(), U(value), unsigned(value.size()));
-    }));
+                  return ldap->ModifySignPublicKey(user.c_str(), U(value), unsigned(value.size()));
+              }));
     std::string got;
     ASSERT_EQ(0, ReadMember(*ldap, "up: CLdap (timeout=2) GetSignPublicKey", user, &got));
     ASSERT_EQ(value, got);
@@ -448,8 +460,8 @@ TEST_F(Faults, WithATimeoutACallOnAFrozenServerFailsWithinTheBound) {
     EXPECT_EQ(QORLDAP_E_KEY_SEARCH,
               ReadMember(*ldap, "frozen: CLdap (timeout=2) GetSignPublicKey", user));
     EXPECT_NE(0, Timed("frozen: CLdap (timeout=2) ModifySignPublicKey", [&] {
-        return ldap->ModifySignPublicKey(user.c_str(), U(value), unsigned(value.size()));
-    }));
+                  return ldap->ModifySignPublicKey(user.c_str(), U(value), unsigned(value.size()));
+              }));
 }
 
 }  // namespace

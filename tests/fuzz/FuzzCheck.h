@@ -10,12 +10,12 @@
 #include <string>
 
 // A broken invariant aborts, so libFuzzer records the input as a crash artifact.
-#define FUZZ_CHECK(cond)                                                                  \
-    do {                                                                                  \
-        if (!(cond)) {                                                                    \
+#define FUZZ_CHECK(cond)                                                                      \
+    do {                                                                                      \
+        if (!(cond)) {                                                                        \
             std::fprintf(stderr, "%s:%d: invariant broken: %s\n", __FILE__, __LINE__, #cond); \
-            std::abort();                                                                 \
-        }                                                                                 \
+            std::abort();                                                                     \
+        }                                                                                     \
     } while (0)
 
 namespace qorfuzz {

@@ -32,7 +32,8 @@ bool IsSuffix(std::string const& part, std::string const& whole) {
 
 std::string Lower(std::string text) {
     for (char& c : text) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + ('a' - 'A'));
+        if (c >= 'A' && c <= 'Z')
+            c = static_cast<char>(c + ('a' - 'A'));
     }
     return text;
 }
@@ -185,9 +186,10 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
             std::string::size_type start = 0;
             while (start <= subject.size()) {
                 std::string::size_type lf = subject.find('\n', start);
-                out.push_back(subject.substr(start, lf == std::string::npos ? std::string::npos
-                                                                            : lf - start));
-                if (lf == std::string::npos) break;
+                out.push_back(subject.substr(
+                    start, lf == std::string::npos ? std::string::npos : lf - start));
+                if (lf == std::string::npos)
+                    break;
                 start = lf + 1;
             }
             return out;

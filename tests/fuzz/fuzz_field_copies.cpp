@@ -26,7 +26,8 @@ unsigned char const kFill = 0xa5;
 
 bool AllFill(unsigned char const* p, size_t n) {
     for (size_t i = 0; i < n; ++i) {
-        if (p[i] != kFill) return false;
+        if (p[i] != kFill)
+            return false;
     }
     return true;
 }
@@ -54,7 +55,8 @@ Source MakeSource(FuzzedDataProvider& in, size_t limit) {
     if (in.ConsumeBool() && text.size() >= limit && limit > 0) {
         src.bytes.assign(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(limit));
         for (char& c : src.bytes) {
-            if (c == '\0') c = 'x';
+            if (c == '\0')
+                c = 'x';
         }
     } else {
         src.bytes.assign(text.begin(), text.end());
@@ -64,7 +66,9 @@ Source MakeSource(FuzzedDataProvider& in, size_t limit) {
 }
 
 // strnlen over the source as the copy sees it.
-size_t Length(Source const& src, size_t limit) { return strnlen(src.Get(), limit); }
+size_t Length(Source const& src, size_t limit) {
+    return strnlen(src.Get(), limit);
+}
 
 void CheckCutCopyRuntime(FuzzedDataProvider& in) {
     size_t const size = in.ConsumeIntegralInRange<size_t>(0, 1100);
@@ -194,9 +198,11 @@ bool IsUtf8(unsigned char const* s, size_t n) {
         } else {
             return false;
         }
-        if (i + extra >= n) return false;
+        if (i + extra >= n)
+            return false;
         for (size_t k = 1; k <= extra; ++k) {
-            if ((s[i + k] & 0xc0) != 0x80) return false;
+            if ((s[i + k] & 0xc0) != 0x80)
+                return false;
             cp = (cp << 6) | (s[i + k] & 0x3f);
         }
         if ((extra == 2 && cp < 0x800) || (extra == 3 && cp < 0x10000) || cp > 0x10ffff ||
@@ -300,10 +306,18 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
             break;
         case 1:
             switch (in.ConsumeIntegralInRange<int>(0, 3)) {
-                case 0: CheckFixed<1>(in); break;
-                case 1: CheckFixed<33>(in); break;
-                case 2: CheckFixed<256>(in); break;
-                default: CheckFixed<1024>(in); break;
+                case 0:
+                    CheckFixed<1>(in);
+                    break;
+                case 1:
+                    CheckFixed<33>(in);
+                    break;
+                case 2:
+                    CheckFixed<256>(in);
+                    break;
+                default:
+                    CheckFixed<1024>(in);
+                    break;
             }
             break;
         case 2:

@@ -21,22 +21,30 @@ namespace {
 std::string const kUntouched = "\x01<untouched>\x02";
 char const* const kFiles[] = {"fuzz.ini"};
 
-bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
+bool IsBlank(char c) {
+    return c == ' ' || c == '\t' || c == '\r';
+}
 
 std::string Strip(std::string const& text) {
     size_t begin = 0;
     size_t end = text.size();
-    while (begin < end && IsBlank(text[begin])) ++begin;
-    while (end > begin && IsBlank(text[end - 1])) --end;
+    while (begin < end && IsBlank(text[begin]))
+        ++begin;
+    while (end > begin && IsBlank(text[end - 1]))
+        --end;
     return text.substr(begin, end - begin);
 }
 
-char Fold(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
+char Fold(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
+}
 
 bool SameFolded(std::string const& a, std::string const& b) {
-    if (a.size() != b.size()) return false;
+    if (a.size() != b.size())
+        return false;
     for (size_t i = 0; i < a.size(); ++i) {
-        if (Fold(a[i]) != Fold(b[i])) return false;
+        if (Fold(a[i]) != Fold(b[i]))
+            return false;
     }
     return true;
 }
@@ -46,7 +54,8 @@ std::vector<std::string> Lines(std::string const& text) {
     size_t start = 0;
     while (start < text.size()) {
         size_t lf = text.find('\n', start);
-        if (lf == std::string::npos) lf = text.size();
+        if (lf == std::string::npos)
+            lf = text.size();
         lines.push_back(text.substr(start, lf - start));
         start = lf + 1;
     }
@@ -62,7 +71,8 @@ bool Expected(std::vector<std::string> const& lines, std::string const& section,
     bool inside = false;
     for (std::string const& raw : lines) {
         std::string const line = Strip(raw);
-        if (line.empty() || line[0] == ';' || line[0] == '#') continue;
+        if (line.empty() || line[0] == ';' || line[0] == '#')
+            continue;
         if (line[0] == '[') {
             size_t close = line.find(']');
             inside = close != std::string::npos &&
@@ -70,7 +80,8 @@ bool Expected(std::vector<std::string> const& lines, std::string const& section,
             continue;
         }
         size_t eq = line.find('=');
-        if (!inside || eq == std::string::npos) continue;
+        if (!inside || eq == std::string::npos)
+            continue;
         if (SameFolded(Strip(line.substr(0, eq)), wantedKey)) {
             value = Strip(line.substr(eq + 1));
             return true;
@@ -90,8 +101,8 @@ std::string FlipCase(std::string text) {
     return text;
 }
 
-void Ask(std::string const& file, std::vector<std::string> const& lines,
-         std::string const& section, std::string const& key) {
+void Ask(std::string const& file, std::vector<std::string> const& lines, std::string const& section,
+         std::string const& key) {
     std::string value = kUntouched;
     bool const found = CSystem::GetProfileStrValue(section, key, file, value);
     std::string expected;
@@ -137,7 +148,8 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
             continue;
         }
         size_t const eq = line.find('=');
-        if (eq == std::string::npos || asked == 8) continue;
+        if (eq == std::string::npos || asked == 8)
+            continue;
         std::string const key = line.substr(0, eq);
         questions.emplace_back(section, key);
         questions.emplace_back(" \t" + FlipCase(section) + "\t ", FlipCase(key) + " ");

@@ -42,7 +42,8 @@ struct Guarded {
     unsigned char* Data() { return bytes.data(); }
     bool GuardIntact() const {
         for (size_t i = size; i < bytes.size(); ++i) {
-            if (bytes[i] != kFill) return false;
+            if (bytes[i] != kFill)
+                return false;
         }
         return true;
     }
@@ -64,14 +65,17 @@ void CheckCertInfo(unsigned char const* cert, size_t len) {
     bool const ok = GetCertInfo(cert, static_cast<int>(len), info);
     unsigned char const* raw = reinterpret_cast<unsigned char const*>(&info);
     if (!ok) {
-        for (size_t i = 0; i < sizeof info; ++i) FUZZ_CHECK(raw[i] == 0);
+        for (size_t i = 0; i < sizeof info; ++i)
+            FUZZ_CHECK(raw[i] == 0);
         return;
     }
-    for (unsigned char b : info.reserved) FUZZ_CHECK(b == 0);
+    for (unsigned char b : info.reserved)
+        FUZZ_CHECK(b == 0);
     void const* nul = std::memchr(info.subject, '\0', sizeof info.subject);
     FUZZ_CHECK(nul != nullptr);
     size_t const used = static_cast<size_t>(static_cast<char const*>(nul) - info.subject);
-    for (size_t i = used; i < sizeof info.subject; ++i) FUZZ_CHECK(info.subject[i] == '\0');
+    for (size_t i = used; i < sizeof info.subject; ++i)
+        FUZZ_CHECK(info.subject[i] == '\0');
     // Lines are "type=value": a type is a short name or a dotted OID, never empty.
     size_t start = 0;
     while (start < used) {
@@ -81,7 +85,8 @@ void CheckCertInfo(unsigned char const* cert, size_t len) {
         FUZZ_CHECK(std::memchr(line, '\n', static_cast<size_t>(eq - line)) == nullptr);
         char const* lf = static_cast<char const*>(
             std::memchr(eq, '\n', used - static_cast<size_t>(eq - info.subject)));
-        if (lf == nullptr) break;
+        if (lf == nullptr)
+            break;
         start = static_cast<size_t>(lf - info.subject) + 1;
     }
 }
@@ -113,8 +118,8 @@ void CheckRoundTrip(std::vector<unsigned char> const& key) {
         return;
     }
     unsigned int need = 0;
-    FUZZ_CHECK(Convert2Key(key.data(), static_cast<unsigned int>(key.size()), kPassword, nullptr,
-                           need));
+    FUZZ_CHECK(
+        Convert2Key(key.data(), static_cast<unsigned int>(key.size()), kPassword, nullptr, need));
     Guarded stored(need);
     unsigned int storedLen = need;
     FUZZ_CHECK(Convert2Key(key.data(), static_cast<unsigned int>(key.size()), kPassword,
@@ -135,8 +140,8 @@ bool OpenBundle(uint8_t const* data, size_t size, char const* password, bool leg
                 std::vector<unsigned char>& cert, std::vector<unsigned char>& key) {
     unsigned int certNeed = 0x5a5a5a5a;
     unsigned int keyNeed = 0x5a5a5a5a;
-    if (!GetKeyFromPfx(data, static_cast<int>(size), password, nullptr, certNeed, nullptr,
-                       keyNeed, legacy)) {
+    if (!GetKeyFromPfx(data, static_cast<int>(size), password, nullptr, certNeed, nullptr, keyNeed,
+                       legacy)) {
         return false;  // the lengths may hold anything now
     }
     FUZZ_CHECK(certNeed > 0 && keyNeed > 0);
@@ -176,7 +181,8 @@ bool OpenBundle(uint8_t const* data, size_t size, char const* password, bool leg
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
-    if (size > 64 * 1024) return 0;
+    if (size > 64 * 1024)
+        return 0;
     // Exactly the input's bytes on the heap (libFuzzer's own copy is too, but say so here).
     std::vector<uint8_t> const input(data, data + size);
     uint8_t const* bytes = input.empty() ? nullptr : input.data();

@@ -33,7 +33,8 @@ bool HoldsNul(char const (&field)[N]) {
 template <size_t N>
 bool AllZero(char const (&field)[N]) {
     for (char c : field) {
-        if (c != '\0') return false;
+        if (c != '\0')
+            return false;
     }
     return true;
 }
@@ -48,8 +49,8 @@ void CheckSeparateData(CLdapOp& engine, std::string const& text) {
     int role = kUntouchedRole;
     bool const ok = engine.SeparateData(text, name, code, role);
     std::string::size_type const first = text.find(',');
-    bool const refuse = text.empty() || first == 0 ||
-                        (first != std::string::npos && first + 1 == text.size());
+    bool const refuse =
+        text.empty() || first == 0 || (first != std::string::npos && first + 1 == text.size());
     if (!ok) {
         FUZZ_CHECK(refuse);
         FUZZ_CHECK(name == kUntouched && code == kUntouched && role == kUntouchedRole);
@@ -77,7 +78,9 @@ void CheckSeparateData(CLdapOp& engine, std::string const& text) {
     }
 }
 
-std::string Key(long index) { return "A" + std::to_string(index); }
+std::string Key(long index) {
+    return "A" + std::to_string(index);
+}
 
 struct ExpectedTemplate {
     std::string objectClass;
@@ -94,15 +97,20 @@ bool Get(std::string const& section, std::string const& key, std::string& value)
 // name must fit its 255 characters. Any broken template refuses the whole file.
 bool ExpectedTable(CLdapOp& engine, std::vector<ExpectedTemplate>& table) {
     std::string text;
-    if (!Get("base", "sum", text)) return false;
+    if (!Get("base", "sum", text))
+        return false;
     long const count = std::strtol(text.c_str(), nullptr, 10);
-    if (count < 1 || count > 1000) return false;
+    if (count < 1 || count > 1000)
+        return false;
     for (long i = 0; i < count; ++i) {
         std::string section;
-        if (!Get("base", Key(i), section) || section.empty()) return false;
-        if (!Get(section, "sum", text)) return false;
+        if (!Get("base", Key(i), section) || section.empty())
+            return false;
+        if (!Get(section, "sum", text))
+            return false;
         long const definitions = std::strtol(text.c_str(), nullptr, 10);
-        if (definitions < 1) return false;
+        if (definitions < 1)
+            return false;
         ExpectedTemplate tmpl;
         int naming = 0;
         for (long j = 0; j < definitions; ++j) {
@@ -115,11 +123,13 @@ bool ExpectedTable(CLdapOp& engine, std::vector<ExpectedTemplate>& table) {
                 return false;
             }
             if (role == 2) {
-                if (++naming > 3 || std::strlen(name.c_str()) > 255) return false;
+                if (++naming > 3 || std::strlen(name.c_str()) > 255)
+                    return false;
                 tmpl.namingAtt = name.c_str();
             }
         }
-        if (std::strlen(section.c_str()) > 255) return false;
+        if (std::strlen(section.c_str()) > 255)
+            return false;
         tmpl.objectClass = section.c_str();
         table.push_back(tmpl);
     }
@@ -176,8 +186,8 @@ void CheckCondition(CLdapOp& engine, char const* name) {
     if (ok) {
         FUZZ_CHECK(engine.TemplateCount() > 0);
         FUZZ_CHECK(strcasecmp(engine.Templates()[engine.TemplateCount() - 1].namingAtt, "cn") == 0);
-        FUZZ_CHECK(std::strncmp(name, "cn", 2) == 0 && (name[2] == '\0' || name[2] == ',' ||
-                                                        name[2] == '='));
+        FUZZ_CHECK(std::strncmp(name, "cn", 2) == 0 &&
+                   (name[2] == '\0' || name[2] == ',' || name[2] == '='));
     }
 }
 
@@ -191,9 +201,10 @@ void CheckSettings(CLdapOp& engine) {
     struct {
         char const* key;
         char const* field;
-    } const texts[] = {
-        {"host", info.host}, {"basedn", info.basedn}, {"managerdn", info.managerdn},
-        {"psw", info.psw}};
+    } const texts[] = {{"host", info.host},
+                       {"basedn", info.basedn},
+                       {"managerdn", info.managerdn},
+                       {"psw", info.psw}};
     for (auto const& t : texts) {
         std::string value;
         if (CSystem::GetProfileStrValue("ldap", t.key, SOAP_INI, value)) {
@@ -222,14 +233,15 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     std::string::size_type start = 0;
     for (int lines = 0; lines < 64 && start < text.size(); ++lines) {
         std::string::size_type lf = text.find('\n', start);
-        std::string line = text.substr(start, lf == std::string::npos ? std::string::npos
-                                                                       : lf - start);
+        std::string line =
+            text.substr(start, lf == std::string::npos ? std::string::npos : lf - start);
         CheckSeparateData(engine, line);
         std::string::size_type eq = line.find('=');
         if (eq != std::string::npos) {
             CheckSeparateData(engine, line.substr(eq + 1));
         }
-        if (lf == std::string::npos) break;
+        if (lf == std::string::npos)
+            break;
         start = lf + 1;
     }
 

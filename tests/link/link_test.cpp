@@ -26,7 +26,7 @@ std::string Script() {
 
 // A throwaway slapd of the test's own, stopped when the object goes.
 class Server {
-public:
+  public:
     explicit Server(std::string const& options) : options_(options) { Start(); }
     ~Server() { Stop(); }
     bool Start(std::string const& extra = "") {
@@ -38,7 +38,8 @@ public:
         std::string line;
         while (std::getline(in, line)) {
             std::string::size_type eq = line.find('=');
-            if (eq != std::string::npos && line[0] != '#') env_[line.substr(0, eq)] = line.substr(eq + 1);
+            if (eq != std::string::npos && line[0] != '#')
+                env_[line.substr(0, eq)] = line.substr(eq + 1);
         }
         return status == 0;
     }
@@ -46,7 +47,7 @@ public:
     std::string Env(std::string const& k) { return env_[k]; }
     int Port() { return std::atoi(env_["LDAP_PORT"].c_str()); }
 
-private:
+  private:
     ScratchDir dir_;
     std::string options_;
     std::map<std::string, std::string> env_;
@@ -54,10 +55,10 @@ private:
 
 // soap.ini and ldap.ini for one CLdap; the object reads them when it is built.
 class Config {
-public:
+  public:
     explicit Config(std::string const& ldapSection) {
-        dir_.Write("soap.ini", "[ldap]\nbasedn=o=root\nmanagerdn=cn=admin,o=root\npsw=secret\n" +
-                                   ldapSection);
+        dir_.Write("soap.ini",
+                   "[ldap]\nbasedn=o=root\nmanagerdn=cn=admin,o=root\npsw=secret\n" + ldapSection);
         dir_.Write("ldap.ini",
                    "[base]\nsum=2\nA0=organizationalUnit\nA1=qorPerson\n"
                    "[organizationalUnit]\nsum=1\nA0=ou,s,2\n[qorPerson]\nsum=1\nA0=cn,s,2\n");
@@ -67,7 +68,7 @@ public:
         return new CLdap();
     }
 
-private:
+  private:
     ScratchDir dir_;
 };
 
@@ -119,7 +120,8 @@ TEST(Link, ClearBindsAreRefusedWhereTheServerDemandsTlsAndAWrongCaNeverBinds) {
     qortest::Run("cd '" + other.Path() +
                  "' && openssl req -x509 -newkey rsa:2048 -nodes -keyout k -out ca.crt -days 1"
                  " -subj /CN=Other >/dev/null 2>&1");
-    Config wrong(Hosted(server, server.Port()) + "tls=starttls\ntls_cacert=" + other.File("ca.crt") + "\n");
+    Config wrong(Hosted(server, server.Port()) +
+                 "tls=starttls\ntls_cacert=" + other.File("ca.crt") + "\n");
     std::unique_ptr<CLdap> refused(wrong.Make());
     EXPECT_EQ(QORLDAP_E_FAILED, refused->ConnectLdap());
     Config wrongLdaps(Hosted(server, std::atoi(server.Env("LDAPS_PORT").c_str())) +
@@ -130,7 +132,7 @@ TEST(Link, ClearBindsAreRefusedWhereTheServerDemandsTlsAndAWrongCaNeverBinds) {
 
 // A socket that accepts connections into its backlog and never answers.
 class SilentListener {
-public:
+  public:
     SilentListener() {
         fd_ = socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in addr = {};
@@ -145,7 +147,7 @@ public:
     ~SilentListener() { close(fd_); }
     int Port() const { return port_; }
 
-private:
+  private:
     int fd_ = -1;
     int port_ = 0;
 };
@@ -156,7 +158,8 @@ TEST(Link, ATimeoutBoundsTheWaitForASilentServer) {
     std::unique_ptr<CLdap> ldap(config.Make());
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(QORLDAP_E_FAILED, ldap->ConnectLdap());
-    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("connect to a silent server with timeout=2 returned after %.2f s\n", seconds);
     EXPECT_LT(seconds, 4.0);  // the bound plus a little; without a timeout it would never return
 }
@@ -168,8 +171,8 @@ TEST(Link, TheSecondHostOfTheListTakesOverWhenTheFirstIsDown) {
         SilentListener placeholder;  // a port that was just ours and is closed again
         closedPort = placeholder.Port();
     }
-    Config config("host=127.0.0.1:" + std::to_string(closedPort) + " 127.0.0.1:" +
-                  std::to_string(server.Port()) + "\nport=389\n");
+    Config config("host=127.0.0.1:" + std::to_string(closedPort) +
+                  " 127.0.0.1:" + std::to_string(server.Port()) + "\nport=389\n");
     std::unique_ptr<CLdap> ldap(config.Make());
     EXPECT_EQ(0, ldap->ConnectLdap());
     WriteAndRead(*ldap, "Failover");

@@ -65,26 +65,27 @@ std::string ReadBoth(CLdap& ldap, std::string const& dn, FreeGet freeGet, Member
     std::string b = viaMember ? std::string(reinterpret_cast<char*>(viaMember), memberLength) : "";
     FreeKey(viaFree);
     ldap.FreeKey(viaMember);
-    bool ok = Check(rcFree == 0 && rcMember == 0 && !a.empty() && a == b,
-                    std::string("read ") + name + " (free and CLdap)",
-                    "free " + Code(rcFree) + " with " + std::to_string(a.size()) +
-                        " bytes, CLdap " + Code(rcMember) + " with " + std::to_string(b.size()) +
-                        " bytes");
+    bool ok =
+        Check(rcFree == 0 && rcMember == 0 && !a.empty() && a == b,
+              std::string("read ") + name + " (free and CLdap)",
+              "free " + Code(rcFree) + " with " + std::to_string(a.size()) + " bytes, CLdap " +
+                  Code(rcMember) + " with " + std::to_string(b.size()) + " bytes");
     return ok ? a : std::string();
 }
 
 int Scenario() {
     qortest::Directory dir;
-    if (!Check(dir.Ready(), "test directory env found (QORLDAP_TEST_DIR)")) return 1;
+    if (!Check(dir.Ready(), "test directory env found (QORLDAP_TEST_DIR)"))
+        return 1;
     std::string const base = dir.Base();
     std::string const unitDn = "ou=mem," + base;
     // The levels are named after the certificate subject, lower case, joined with ", ".
     std::string const userDn = "cn=mem user, ou=mem, " + base;
 
     qortest::Pki pki;
-    std::string bundle = pki.Ok() ? pki.Bundle("mem", "rsa", "/C=CN/O=Acme/OU=Mem/CN=Mem User",
-                                               kBundlePw)
-                                  : std::string();
+    std::string bundle =
+        pki.Ok() ? pki.Bundle("mem", "rsa", "/C=CN/O=Acme/OU=Mem/CN=Mem User", kBundlePw)
+                 : std::string();
     if (!Check(!bundle.empty(), "openssl made an RSA bundle for /C=CN/O=Acme/OU=Mem/CN=Mem User")) {
         return 1;
     }
@@ -102,18 +103,18 @@ int Scenario() {
     CheckRc(PublishP12(bundle.data(), bundle.size(), "wrong", kKeyPw, true, false),
             QORLDAP_E_PKCS12, "PublishP12 with the wrong bundle password is refused");
     std::string half = bundle.substr(0, bundle.size() / 2);
-    CheckRc(PublishP12(half.data(), half.size(), kBundlePw, kKeyPw, true, false),
-            QORLDAP_E_PKCS12, "PublishP12 of a cut bundle is refused");
+    CheckRc(PublishP12(half.data(), half.size(), kBundlePw, kKeyPw, true, false), QORLDAP_E_PKCS12,
+            "PublishP12 of a cut bundle is refused");
 
     // Every key, both ways.
     std::string signKey = ReadBoth(ldap, userDn, &GetSignPrivateKey, &CLdap::GetSignPrivateKey,
                                    "signing private key");
-    std::string signCert = ReadBoth(ldap, userDn, &GetSignPublicKey, &CLdap::GetSignPublicKey,
-                                    "signing certificate");
-    std::string cryptKey = ReadBoth(ldap, userDn, &GetCryptPrivateKey,
-                                    &CLdap::GetCryptPrivateKey, "encryption private key");
-    std::string cryptCert = ReadBoth(ldap, userDn, &GetCryptPublicKey,
-                                     &CLdap::GetCryptPublicKey, "encryption certificate");
+    std::string signCert =
+        ReadBoth(ldap, userDn, &GetSignPublicKey, &CLdap::GetSignPublicKey, "signing certificate");
+    std::string cryptKey = ReadBoth(ldap, userDn, &GetCryptPrivateKey, &CLdap::GetCryptPrivateKey,
+                                    "encryption private key");
+    std::string cryptCert = ReadBoth(ldap, userDn, &GetCryptPublicKey, &CLdap::GetCryptPublicKey,
+                                     "encryption certificate");
     Check(signCert == certificate && cryptCert == certificate,
           "both certificates are the bundle's certificate");
     Check(pki.OpensWith(signKey, kKeyPw) && pki.OpensWith(cryptKey, kKeyPw),
@@ -138,8 +139,8 @@ int Scenario() {
     tagAtt att = {};
     CheckRc(ldap.SelectLdap(userDn.c_str(), att), 0, "SelectLdap of the user");
     Check(att.itemCount > 0 && att.items != nullptr && std::string(att.objectClass) == "qorPerson",
-          "the user is found with its template", "itemCount " + std::to_string(att.itemCount) +
-                                                   ", objectClass '" + att.objectClass + "'");
+          "the user is found with its template",
+          "itemCount " + std::to_string(att.itemCount) + ", objectClass '" + att.objectClass + "'");
     ldap.FreeAtt(&att);
     tagAtt missing = {};
     CheckRc(ldap.SelectLdap(("cn=ghost," + unitDn).c_str(), missing), 0,
@@ -148,13 +149,15 @@ int Scenario() {
 
     tagDN* list = nullptr;
     int count = 0;
-    CheckRc(ldap.SelectLdap(unitDn.c_str(), nullptr, list, count), 0, "SelectLdap list of the unit");
+    CheckRc(ldap.SelectLdap(unitDn.c_str(), nullptr, list, count), 0,
+            "SelectLdap list of the unit");
     bool listed = false;
     for (int i = 0; i < count; ++i) {
         listed = listed || std::string(list[i].dn).find("mem user") != std::string::npos;
     }
     Check(count >= 1 && listed, "the unit lists the user", "count " + std::to_string(count));
-    if (count > 0) ldap.FreeDN(list, count);
+    if (count > 0)
+        ldap.FreeDN(list, count);
 
     // An extra entry with password and both key values, changed and deleted again.
     std::string const extraDn = "cn=Mem Extra," + unitDn;

@@ -12,7 +12,7 @@ namespace {
 using qortest::Directory;
 
 class Connect : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { ASSERT_TRUE(dir_.Ready()) << "no test directory"; }
     LdapInfo Settings() {
         LdapInfo info;

@@ -14,13 +14,12 @@ using qortest::Directory;
 using qortest::Record;
 
 class Entries : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         ASSERT_TRUE(dir_.Ready());
         ASSERT_EQ(0, ldap_.ConnectLdap());
         unit_ = std::string("ou=") +
-                ::testing::UnitTest::GetInstance()->current_test_info()->name() + "," +
-                dir_.Base();
+                ::testing::UnitTest::GetInstance()->current_test_info()->name() + "," + dir_.Base();
         Record ou("organizationalUnit", {{"ou", unit_.substr(3, unit_.find(',') - 3)}});
         ldap_.InsertLdap(unit_.c_str(), ou.att, false, nullptr, 0, nullptr, 0, nullptr, 0);
     }
@@ -55,7 +54,7 @@ TEST_F(Entries, SelectGivesAttributeNamesTemplateAndParent) {
     EXPECT_EQ(nullptr, att.items);
     EXPECT_EQ(0, att.itemCount);
     EXPECT_STREQ("qorPerson", att.objectClass);  // the names stay
-    ldap_.FreeAtt(&att);                          // twice is harmless
+    ldap_.FreeAtt(&att);                         // twice is harmless
 
     // A missing DN: 0 with nothing found; a DN beginning with "=" or too long: refused.
     tagAtt none = {};
@@ -95,7 +94,8 @@ TEST_F(Entries, ChildrenAreListedWithTheirBase) {
     EXPECT_EQ(0, count);
     EXPECT_EQ(reinterpret_cast<tagDN*>(8), untouched);
     count = -1;
-    EXPECT_EQ(QORLDAP_E_FAILED, ldap_.SelectLdap(("ou=ghost," + unit_).c_str(), nullptr, untouched, count));
+    EXPECT_EQ(QORLDAP_E_FAILED,
+              ldap_.SelectLdap(("ou=ghost," + unit_).c_str(), nullptr, untouched, count));
     EXPECT_EQ(-1, count);
     EXPECT_EQ(QORLDAP_E_FAILED, ldap_.SelectLdap("", nullptr, untouched, count));
 }
@@ -117,23 +117,26 @@ TEST_F(Entries, InsertStoresItemsPasswordAndKeyAndRefusesAnExistingEntry) {
     EXPECT_NE(std::string::npos, ldif.find("sn: S")) << ldif;
     EXPECT_EQ(std::string::npos, ldif.find("description")) << ldif;  // empty values skipped
 
-    EXPECT_EQ(QORLDAP_E_FAILED, ldap_.InsertLdap(dn.c_str(), person.att, false, nullptr, 0,
-                                                  nullptr, 0, nullptr, 0));
+    EXPECT_EQ(QORLDAP_E_FAILED,
+              ldap_.InsertLdap(dn.c_str(), person.att, false, nullptr, 0, nullptr, 0, nullptr, 0));
     // A one-byte value counts as none.
     std::string dn2 = "cn=Short Key," + unit_;
     Record other("qorPerson", {{"cn", "Short Key"}, {"sn", "S"}});
-    ASSERT_EQ(0, ldap_.InsertLdap(dn2.c_str(), other.att, false, nullptr, 0, nullptr, 0, u(priv), 1));
+    ASSERT_EQ(0,
+              ldap_.InsertLdap(dn2.c_str(), other.att, false, nullptr, 0, nullptr, 0, u(priv), 1));
     EXPECT_TRUE(dir_.Values(dn2, "signPrikey;binary").empty());
-    EXPECT_EQ(QORLDAP_E_FAILED, ldap_.InsertLdap(nullptr, other.att, false, nullptr, 0, nullptr, 0,
-                                                  nullptr, 0));
+    EXPECT_EQ(QORLDAP_E_FAILED,
+              ldap_.InsertLdap(nullptr, other.att, false, nullptr, 0, nullptr, 0, nullptr, 0));
 }
 
 TEST_F(Entries, ModifyAndDeleteReturnTheDirectorysCodes) {
     std::string dn = "cn=Changing," + unit_;
     Record person("qorPerson", {{"cn", "Changing"}, {"sn", "Before"}, {"mail", "a@b"}});
-    ASSERT_EQ(0, ldap_.InsertLdap(dn.c_str(), person.att, false, nullptr, 0, nullptr, 0, nullptr, 0));
+    ASSERT_EQ(0,
+              ldap_.InsertLdap(dn.c_str(), person.att, false, nullptr, 0, nullptr, 0, nullptr, 0));
     // GB2312 text goes to the directory as UTF-8.
-    Record change("qorPerson", {{"sn", "After"}, {"description", "\xd6\xd0\xce\xc4"}, {"mail", ""}});
+    Record change("qorPerson",
+                  {{"sn", "After"}, {"description", "\xd6\xd0\xce\xc4"}, {"mail", ""}});
     EXPECT_EQ(0, ldap_.ModifyLdap(dn.c_str(), change.att));
     std::string ldif = dir_.Search(dn, "base", "(objectClass=*)", "sn mail description");
     EXPECT_NE(std::string::npos, ldif.find("sn: After")) << ldif;

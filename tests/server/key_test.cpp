@@ -16,7 +16,8 @@ using qortest::Directory;
 std::string Bytes(size_t n, unsigned seed) {
     std::mt19937 gen(seed);
     std::string s(n, '\0');
-    for (char& c : s) c = static_cast<char>(gen() & 0xff);
+    for (char& c : s)
+        c = static_cast<char>(gen() & 0xff);
     return s;
 }
 
@@ -25,7 +26,7 @@ unsigned char const* U(std::string const& s) {
 }
 
 class Keys : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         ASSERT_TRUE(dir_.Ready());
         ASSERT_EQ(0, ldap_.ConnectLdap());
@@ -50,7 +51,8 @@ protected:
         FreeKey(key2);
         EXPECT_EQ(r, r2);
         EXPECT_EQ(viaMember, viaFree);
-        if (rc) *rc = r;
+        if (rc)
+            *rc = r;
         return viaMember;
     }
     Directory dir_;
@@ -83,7 +85,8 @@ TEST_F(Keys, EachKeyRoundTripsByteExactAndASecondWriteReplacesTheFirst) {
         EXPECT_EQ("<null>", Read(k.get, k.freeGet, &rc));  // absent: 0 with null and 0
         EXPECT_EQ(0, rc);
         for (std::string const& value : {withZeros, oneByte, big}) {
-            ASSERT_EQ(0, (ldap_.*k.put)(user_.c_str(), U(value), static_cast<unsigned>(value.size())));
+            ASSERT_EQ(0,
+                      (ldap_.*k.put)(user_.c_str(), U(value), static_cast<unsigned>(value.size())));
             EXPECT_EQ(value, Read(k.get, k.freeGet));
             std::vector<std::string> stored = dir_.Values(user_, k.attribute);
             ASSERT_EQ(1u, stored.size());  // the replace leaves one value

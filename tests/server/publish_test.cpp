@@ -23,7 +23,7 @@ int Publish(std::string const& bundle, char const* p12Pw, char const* keyPw, boo
 }
 
 class Publication : public ::testing::Test {
-protected:
+  protected:
     static void SetUpTestSuite() { pki_ = new Pki(); }
     static void TearDownTestSuite() {
         delete pki_;
@@ -48,16 +48,16 @@ TEST_F(Publication, BundlesOfEachKeyKindCreateThePathAndStoreCertificateAndKey) 
         char const* kind;
         bool legacy;
         bool sign;
-    } const cases[] = {{"rsa", false, true}, {"ec", false, false}, {"sm2", false, true},
-                       {"rsa", true, false}};
+    } const cases[] = {
+        {"rsa", false, true}, {"ec", false, false}, {"sm2", false, true}, {"rsa", true, false}};
     int n = 0;
     for (auto const& c : cases) {
         ++n;
         std::string name = std::string("user ") + c.kind + std::to_string(n);
         SCOPED_TRACE(name);
         std::string file = std::string(c.kind) + std::to_string(n);
-        std::string bundle = pki_->Bundle(file, c.kind, "/C=CN/O=Acme/OU=PubUnit/CN=" + name,
-                                          kP12Pw, c.legacy);
+        std::string bundle =
+            pki_->Bundle(file, c.kind, "/C=CN/O=Acme/OU=PubUnit/CN=" + name, kP12Pw, c.legacy);
         ASSERT_FALSE(bundle.empty());
         ASSERT_EQ(0, Publish(bundle, kP12Pw, kKeyPw, c.sign, false));
         std::string dn = UserDn("pubunit", name);
@@ -96,10 +96,12 @@ TEST_F(Publication, PublicOnlyAndRepeatedPublicationReplaceOnlyWhatTheyStore) {
 TEST_F(Publication, BadBundlesAreRefusedBeforeAnythingIsWritten) {
     std::string bundle = pki_->Bundle("refused", "rsa", "/C=CN/O=Acme/OU=Never/CN=Refused", kP12Pw);
     EXPECT_EQ(QORLDAP_E_PKCS12, Publish(bundle, "wrong", kKeyPw, true, false));
-    EXPECT_EQ(QORLDAP_E_PKCS12, Publish(bundle.substr(0, bundle.size() / 2), kP12Pw, kKeyPw, true, false));
+    EXPECT_EQ(QORLDAP_E_PKCS12,
+              Publish(bundle.substr(0, bundle.size() / 2), kP12Pw, kKeyPw, true, false));
     std::string noise(2048, '\0');
     std::mt19937 gen(1);
-    for (char& ch : noise) ch = static_cast<char>(gen());
+    for (char& ch : noise)
+        ch = static_cast<char>(gen());
     EXPECT_EQ(QORLDAP_E_PKCS12, Publish(noise, kP12Pw, kKeyPw, true, false));
     EXPECT_EQ(QORLDAP_E_PKCS12, PublishP12("", 0, kP12Pw, kKeyPw, true, false));
     EXPECT_EQ(QORLDAP_E_PKCS12, PublishP12(nullptr, 10, kP12Pw, kKeyPw, true, false));
@@ -136,7 +138,8 @@ TEST_F(PasswordChange, BothKeysAreReprotectedAndAWrongOldPasswordChangesNothing)
 }
 
 TEST_F(PasswordChange, AMissingKeyIsReportedAfterTheOtherOneIsDone) {
-    std::string bundle = pki_->Bundle("halfcrypt", "rsa", "/C=CN/O=Acme/OU=Half/CN=Half Crypt", kP12Pw);
+    std::string bundle =
+        pki_->Bundle("halfcrypt", "rsa", "/C=CN/O=Acme/OU=Half/CN=Half Crypt", kP12Pw);
     ASSERT_EQ(0, Publish(bundle, kP12Pw, "old", false, false));  // encryption key only
     EXPECT_EQ(QORLDAP_E_OLD_PASSWORD, ModifyPriKeyPsw("cn=half crypt", "old", "new"));
     std::string dn = UserDn("half", "half crypt");

@@ -42,13 +42,14 @@ constexpr int kHangBoundSeconds = 600;
 int Rounds() {
     char const* text = std::getenv("QORLDAP_STRESS_ROUNDS");
     int rounds = text != nullptr ? std::atoi(text) : 200;
-    if (rounds < 1) return 200;
+    if (rounds < 1)
+        return 200;
     return rounds > 5000 ? 5000 : rounds;
 }
 
 // Aborts the process when the guarded scope is still running after its bound.
 class HangGuard {
-public:
+  public:
     HangGuard(std::string what, int seconds)
         : what_(std::move(what)), thread_([this, seconds] { Watch(seconds); }) {}
     ~HangGuard() {
@@ -62,12 +63,12 @@ public:
     HangGuard(HangGuard const&) = delete;
     HangGuard& operator=(HangGuard const&) = delete;
 
-private:
+  private:
     void Watch(int seconds) {
         std::unique_lock<std::mutex> lock(mutex_);
         if (!wake_.wait_for(lock, std::chrono::seconds(seconds), [this] { return done_; })) {
-            std::fprintf(stderr, "%s: still running after %d s, taken as a hang\n",
-                         what_.c_str(), seconds);
+            std::fprintf(stderr, "%s: still running after %d s, taken as a hang\n", what_.c_str(),
+                         seconds);
             std::abort();
         }
     }
@@ -80,7 +81,7 @@ private:
 
 // Holds every thread until all have arrived, then lets them go together.
 class StartGate {
-public:
+  public:
     explicit StartGate(int parties) : waiting_(parties) {}
     void ArriveAndWait() {
         std::unique_lock<std::mutex> lock(mutex_);
@@ -91,7 +92,7 @@ public:
         open_.wait(lock, [this] { return waiting_ == 0; });
     }
 
-private:
+  private:
     std::mutex mutex_;
     std::condition_variable open_;
     int waiting_;
@@ -108,7 +109,8 @@ std::string MakeValue(char kind, char family, int thread, int round) {
     std::mt19937 gen(seed);
     std::string value(header);
     size_t extra = 3 + gen() % 4096;
-    for (size_t i = 0; i < extra; ++i) value.push_back(static_cast<char>(gen() & 0xff));
+    for (size_t i = 0; i < extra; ++i)
+        value.push_back(static_cast<char>(gen() & 0xff));
     return value;
 }
 
@@ -117,7 +119,8 @@ bool IsWholeValue(std::string const& value, char kind, char family, int thread) 
     if (value.size() < 13 || value[0] != kind || value[1] != family || value[12] != '|') {
         return false;
     }
-    if (std::atoi(value.substr(2, 2).c_str()) != thread) return false;
+    if (std::atoi(value.substr(2, 2).c_str()) != thread)
+        return false;
     return value == MakeValue(kind, family, thread, std::atoi(value.substr(4, 8).c_str()));
 }
 
@@ -126,7 +129,8 @@ unsigned char const* U(std::string const& s) {
 }
 
 std::string Show(std::string const& value) {
-    if (value.empty()) return "<none>";
+    if (value.empty())
+        return "<none>";
     return "'" + value.substr(0, 12) + "...' (" + std::to_string(value.size()) + " bytes)";
 }
 
@@ -157,7 +161,8 @@ bool ReadFree(FreeGet get, std::string const& dn, std::string& out, std::string&
     unsigned int length = 7;
     int rc = get(dn.c_str(), key, length);
     bool ok = Took(rc, key, length, out, err);
-    if (key != nullptr) FreeKey(key);
+    if (key != nullptr)
+        FreeKey(key);
     return ok;
 }
 
@@ -181,7 +186,7 @@ struct Outcome {
 };
 
 class Stress : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         ASSERT_TRUE(dir_.Ready()) << "no test directory (QORLDAP_TEST_DIR)";
         ASSERT_EQ(0, setup_.ConnectLdap());
@@ -282,15 +287,17 @@ TEST_F(Stress, SharedEngineAndOwnEnginesReadBackTheirLastWritesUnderLoad) {
             std::string neighbourDn = UserDn(dir_, 'F', (i + 1) % kThreads);
             CLdap writer;
             auto write = [&writer](char kind, std::string const& d, std::string const& v) {
-                return kind == 'S' ? writer.ModifySignPublicKey(d.c_str(), U(v), unsigned(v.size()))
-                                   : writer.ModifyCryptPublicKey(d.c_str(), U(v), unsigned(v.size()));
+                return kind == 'S'
+                           ? writer.ModifySignPublicKey(d.c_str(), U(v), unsigned(v.size()))
+                           : writer.ModifyCryptPublicKey(d.c_str(), U(v), unsigned(v.size()));
             };
             auto read = [](char kind, std::string const& d, std::string& got, std::string& err) {
                 return ReadFree(kind == 'S' ? &GetSignPublicKey : &GetCryptPublicKey, d, got, err);
             };
             gate.ArriveAndWait();
             for (int r = 1; r <= rounds; ++r) {
-                if (!Round(r, 'F', i, dn, neighbourDn, out, write, read)) break;
+                if (!Round(r, 'F', i, dn, neighbourDn, out, write, read))
+                    break;
             }
         });
         threads.emplace_back([&, i] {
@@ -304,17 +311,19 @@ TEST_F(Stress, SharedEngineAndOwnEnginesReadBackTheirLastWritesUnderLoad) {
             };
             auto read = [&ldap](char kind, std::string const& d, std::string& got,
                                 std::string& err) {
-                return ReadMember(ldap, kind == 'S' ? &CLdap::GetSignPublicKey
-                                                    : &CLdap::GetCryptPublicKey,
-                                  d, got, err);
+                return ReadMember(
+                    ldap, kind == 'S' ? &CLdap::GetSignPublicKey : &CLdap::GetCryptPublicKey, d,
+                    got, err);
             };
             gate.ArriveAndWait();
             for (int r = 1; r <= rounds; ++r) {
-                if (!Round(r, 'O', i, dn, neighbourDn, out, write, read)) break;
+                if (!Round(r, 'O', i, dn, neighbourDn, out, write, read))
+                    break;
             }
         });
     }
-    for (std::thread& t : threads) t.join();
+    for (std::thread& t : threads)
+        t.join();
 
     for (int i = 0; i < kThreads; ++i) {
         EXPECT_EQ("", freeOut[i].error) << "free-function thread " << i;
@@ -344,13 +353,16 @@ TEST_F(Stress, EightNewObjectsConnectAtTheSameMoment) {
             gate.ArriveAndWait();
             connectRc[i] = ldap.ConnectLdap();
             std::string got;
-            if (!ReadMember(ldap, &CLdap::GetSignPublicKey, UserDn(dir_, 'O', i), got, readErr[i])) {
+            if (!ReadMember(ldap, &CLdap::GetSignPublicKey, UserDn(dir_, 'O', i), got,
+                            readErr[i])) {
                 return;
             }
-            if (!IsWholeValue(got, 'S', 'O', i)) readErr[i] = "read " + Show(got);
+            if (!IsWholeValue(got, 'S', 'O', i))
+                readErr[i] = "read " + Show(got);
         });
     }
-    for (std::thread& t : threads) t.join();
+    for (std::thread& t : threads)
+        t.join();
     for (int i = 0; i < kThreads; ++i) {
         EXPECT_EQ(0, connectRc[i]) << "thread " << i;
         EXPECT_EQ("", readErr[i]) << "thread " << i;
@@ -377,7 +389,8 @@ void ConnectSharedEngineFromEightThreads(std::string const& dn, bool explicitCon
             }
         });
     }
-    for (std::thread& t : threads) t.join();
+    for (std::thread& t : threads)
+        t.join();
     int bad = 0;
     for (int i = 0; i < kThreads; ++i) {
         if (connectRc[i] != 0 || !readErr[i].empty()) {
@@ -386,13 +399,14 @@ void ConnectSharedEngineFromEightThreads(std::string const& dn, bool explicitCon
             ++bad;
         }
     }
-    if (bad == 0) std::fprintf(stderr, "all 8 threads connected\n");
+    if (bad == 0)
+        std::fprintf(stderr, "all 8 threads connected\n");
     std::fflush(stderr);
     std::exit(bad == 0 ? 0 : 1);
 }
 
 class FreshSharedEngine : public Stress {
-protected:
+  protected:
     void SetUp() override {
         Stress::SetUp();
         // The child starts this program afresh (a new process image, whichever threads this

@@ -14,7 +14,7 @@
 namespace qortest {
 
 class Directory {
-public:
+  public:
     Directory() {
         char const* dir = std::getenv("QORLDAP_TEST_DIR");
         dir_ = dir != nullptr ? dir : "";
@@ -22,7 +22,8 @@ public:
         std::string line;
         while (std::getline(in, line)) {
             std::string::size_type eq = line.find('=');
-            if (line.empty() || line[0] == '#' || eq == std::string::npos) continue;
+            if (line.empty() || line[0] == '#' || eq == std::string::npos)
+                continue;
             std::string value = line.substr(eq + 1);
             if (value.size() >= 2 && value.front() == '\'' && value.back() == '\'') {
                 value = value.substr(1, value.size() - 2);
@@ -41,15 +42,16 @@ public:
     int Port() const { return std::atoi(Var("LDAP_PORT").c_str()); }
 
     // ldapsearch bound as the manager, output as LDIF without wrapping.
-    std::string Search(std::string const& base, std::string const& scope,
-                       std::string const& filter, std::string const& attrs,
-                       int* status = nullptr) const {
+    std::string Search(std::string const& base, std::string const& scope, std::string const& filter,
+                       std::string const& attrs, int* status = nullptr) const {
         std::string quoted;
         std::string::size_type start = 0;
         while (start < attrs.size()) {
             std::string::size_type end = attrs.find(' ', start);
-            if (end == std::string::npos) end = attrs.size();
-            if (end > start) quoted += " '" + attrs.substr(start, end - start) + "'";
+            if (end == std::string::npos)
+                end = attrs.size();
+            if (end > start)
+                quoted += " '" + attrs.substr(start, end - start) + "'";
             start = end + 1;
         }
         return Run("ldapsearch -x -LLL -o ldif-wrap=no -H '" + Uri() + "' -D '" +
@@ -61,10 +63,10 @@ public:
     // The raw values of one attribute of one entry, read by ldapsearch into files.
     std::vector<std::string> Values(std::string const& dn, std::string const& attr) const {
         ScratchDir tmp;
-        std::string out = Run("ldapsearch -x -LLL -tt -T '" + tmp.Path() + "' -o ldif-wrap=no -H '" +
-                              Uri() + "' -D '" + Var("LDAP_BINDDN") + "' -w '" +
-                              Var("LDAP_BINDPW") + "' -b '" + dn +
-                              "' -s base '(objectClass=*)' '" + attr + "' 2>/dev/null");
+        std::string out =
+            Run("ldapsearch -x -LLL -tt -T '" + tmp.Path() + "' -o ldif-wrap=no -H '" + Uri() +
+                "' -D '" + Var("LDAP_BINDDN") + "' -w '" + Var("LDAP_BINDPW") + "' -b '" + dn +
+                "' -s base '(objectClass=*)' '" + attr + "' 2>/dev/null");
         std::vector<std::string> values;
         std::string::size_type pos = 0;
         std::string const marker = ":< file://";
@@ -87,7 +89,7 @@ public:
         return status;
     }
 
-private:
+  private:
     std::string dir_;
     std::map<std::string, std::string> vars_;
 };

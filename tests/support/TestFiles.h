@@ -14,7 +14,7 @@
 namespace qortest {
 
 class ScratchDir {
-public:
+  public:
     ScratchDir() {
         char pattern[] = "/tmp/qorldap-test-XXXXXX";
         char* made = mkdtemp(pattern);
@@ -36,17 +36,18 @@ public:
         return File(name);
     }
 
-private:
+  private:
     std::string path_;
 };
 
 // Points the INI reader at a folder for the life of the object.
 class ConfDir {
-public:
+  public:
     explicit ConfDir(std::string const& dir) {
         char const* old = getenv("QORLDAP_CONF_DIR");
         had_ = old != nullptr;
-        if (had_) old_ = old;
+        if (had_)
+            old_ = old;
         setenv("QORLDAP_CONF_DIR", dir.c_str(), 1);
     }
     ~ConfDir() {
@@ -57,7 +58,7 @@ public:
         }
     }
 
-private:
+  private:
     bool had_ = false;
     std::string old_;
 };
@@ -67,7 +68,8 @@ inline std::string Run(std::string const& cmd, int* status = nullptr) {
     std::string out;
     FILE* pipe = popen(cmd.c_str(), "r");
     if (pipe == nullptr) {
-        if (status) *status = -1;
+        if (status)
+            *status = -1;
         return out;
     }
     char buf[4096];
@@ -76,7 +78,8 @@ inline std::string Run(std::string const& cmd, int* status = nullptr) {
         out.append(buf, n);
     }
     int rc = pclose(pipe);
-    if (status) *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+    if (status)
+        *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
     return out;
 }
 

@@ -17,7 +17,8 @@ std::string Get(std::string const& file, std::string const& section, std::string
                 bool* found = nullptr) {
     std::string value = "<untouched>";
     bool ok = CSystem::GetProfileStrValue(section, key, file, value);
-    if (found) *found = ok;
+    if (found)
+        *found = ok;
     return value;
 }
 
@@ -32,10 +33,12 @@ TEST(IniReader, MatchesNamesBlindToCaseAndKeepsValuesWhole) {
                                  "psw = p;a#s=s w\n"
                                  "empty=\n"
                                  "noequals\n"
-                                 "long=" + longValue + "\n"
-                                 "host=second\n"
-                                 "[ other ]\n"
-                                 "psw=nope\n");
+                                 "long=" +
+                                     longValue +
+                                     "\n"
+                                     "host=second\n"
+                                     "[ other ]\n"
+                                     "psw=nope\n");
     bool found = false;
     EXPECT_EQ("127.0.0.1 ldap2", Get(file, "ldap", "HOST"));
     EXPECT_EQ("p;a#s=s w", Get(file, "ldap", "psw"));
@@ -66,8 +69,8 @@ TEST(Settings, ReadFromSoapIniCutToTheirFieldsWithStrtolPorts) {
     struct {
         char const* port;
         int expected;
-    } const ports[] = {{"389", 389}, {"   389", 389}, {"389abc", 389}, {"abc", 0}, {"0x1F", 0},
-                       {"-5", -5}};
+    } const ports[] = {{"389", 389}, {"   389", 389}, {"389abc", 389},
+                       {"abc", 0},   {"0x1F", 0},     {"-5", -5}};
     for (auto const& p : ports) {
         dir.Write("soap.ini", std::string("[ldap]\nport=") + p.port + "\n");
         CLdapOp op;
@@ -115,7 +118,7 @@ TEST(Settings, EnginesKeepTheirOwnCopies) {
 }
 
 class Schema : public ::testing::Test {
-protected:
+  protected:
     // Loads an ldap.ini holding text; returns the template count.
     int Load(std::string const& text) {
         dir_.Write("ldap.ini", text);
@@ -161,12 +164,12 @@ TEST_F(Schema, RefusesBrokenFilesWhole) {
         "[base]\nsum=0\n",
         "[base]\nsum=-1\n",
         "[base]\nsum=abc\n",
-        "[base]\nsum=2\nA0=ou\n[ou]\nsum=1\nA0=ou,s,2\n",              // A1 missing
-        "[base]\nsum=1\nA1=ou\n[ou]\nsum=1\nA1=ou,s,2\n",              // numbered from 1
-        "[base]\nsum=1\nA0=ou\n",                                      // no template section
+        "[base]\nsum=2\nA0=ou\n[ou]\nsum=1\nA0=ou,s,2\n",  // A1 missing
+        "[base]\nsum=1\nA1=ou\n[ou]\nsum=1\nA1=ou,s,2\n",  // numbered from 1
+        "[base]\nsum=1\nA0=ou\n",                          // no template section
         "[base]\nsum=1\nA0=p\n[p]\nsum=4\nA0=ou,s,2\nA1=o,s,2\nA2=cn,s,2\nA3=sn,s,2\n",
-        "[base]\nsum=1\nA0=p\n[p]\nsum=1\nA0=,s,2\n",                  // does not split
-        "[base]\nsum=1\nA0=p\n[p]\nsum=1\nA0=cn,\n",                   // does not split
+        "[base]\nsum=1\nA0=p\n[p]\nsum=1\nA0=,s,2\n",  // does not split
+        "[base]\nsum=1\nA0=p\n[p]\nsum=1\nA0=cn,\n",   // does not split
         "[base]\nsum=1\nA0=" + std::string(256, 'c') + "\n[" + std::string(256, 'c') +
             "]\nsum=1\nA0=cn,s,2\n",
     };

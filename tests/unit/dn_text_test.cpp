@@ -18,7 +18,8 @@ struct FilterCase {
 TEST(DnText, GetFilterTakesOneComponentWithoutEscapingOrTrimming) {
     std::string fifty_one;
     for (int i = 0; i <= 50; ++i) {
-        fifty_one += (i ? "," : "") + std::string("c") + std::to_string(i) + "=v" + std::to_string(i);
+        fifty_one +=
+            (i ? "," : "") + std::string("c") + std::to_string(i) + "=v" + std::to_string(i);
     }
     FilterCase const cases[] = {
         {"cn=Li Lei,ou=Sales,o=Acme", 0, true, "cn", "Li Lei"},
@@ -78,12 +79,12 @@ TEST(DnText, ParseSubjectMatchesLinePrefixesAndFoldsCase) {
         {"C=CN\nO=Acme\nOU=Sales\nCN=Li Lei", "o", true, "acme"},
         {"C=CN\nO=Acme\nOU=Sales\nCN=Li Lei", "OU", true, "sales"},
         {"C=CN\nO=Acme\nOU=Sales\nCN=Li Lei", "cn", true, "li lei"},
-        {"CN=Li\nO=Acme", "cn", true, "li"},         // the first line only when no other matches
-        {"o=Acme\nou=Sales", "o", true, "sales"},     // a later line wins over the first
+        {"CN=Li\nO=Acme", "cn", true, "li"},       // the first line only when no other matches
+        {"o=Acme\nou=Sales", "o", true, "sales"},  // a later line wins over the first
         {"cn=user1\no=org1", "ou", false, "-"},
-        {"cn=a\r\no=b", "cn", true, "a\r"},           // a carriage return is ordinary text
-        {"cn = x", "cn", true, " x"},                 // blanks around "=" stay
-        {"C=CN\ncnx", "cn", true, "c=cn\ncnx"},       // no "=" after the match: whole subject
+        {"cn=a\r\no=b", "cn", true, "a\r"},      // a carriage return is ordinary text
+        {"cn = x", "cn", true, " x"},            // blanks around "=" stay
+        {"C=CN\ncnx", "cn", true, "c=cn\ncnx"},  // no "=" after the match: whole subject
         {"", "cn", false, "-"},
     };
     for (auto const& c : cases) {

@@ -9,14 +9,15 @@
 
 namespace {
 
-std::string const kGbZhongWen = "\xd6\xd0\xce\xc4";          // GB2312 "中文"
+std::string const kGbZhongWen = "\xd6\xd0\xce\xc4";            // GB2312 "中文"
 std::string const kUtf8ZhongWen = "\xe4\xb8\xad\xe6\x96\x87";  // UTF-8 "中文"
 
 std::string ToUtf8(std::string gb, int* rc = nullptr) {
     CChineseCode code;
     char* out = nullptr;
     int n = code.GB2312ToUTF_8(out, &gb[0], static_cast<int>(gb.size()));
-    if (rc) *rc = n;
+    if (rc)
+        *rc = n;
     return out ? std::string(out, static_cast<size_t>(n)) : "<null>";
 }
 
@@ -24,7 +25,8 @@ std::string ToGb(std::string utf8, int* rc = nullptr) {
     CChineseCode code;
     char* out = nullptr;
     int n = code.UTF_8ToGB2312(out, &utf8[0], static_cast<int>(utf8.size()));
-    if (rc) *rc = n;
+    if (rc)
+        *rc = n;
     return out ? std::string(out, static_cast<size_t>(n)) : "<null>";
 }
 
@@ -50,7 +52,7 @@ TEST(ModificationRecord, FramesHoldAUtf8CopyAndRefuseEmptyOrUnconvertibleValues)
     EXPECT_FALSE(CLdapOp::GetParaAtt(nullptr, 2, "ou", frame));
     EXPECT_FALSE(CLdapOp::GetParaAtt("x", 2, nullptr, frame));
     EXPECT_FALSE(CLdapOp::GetParaAtt("\xd6", 2, "ou", frame));  // cannot be converted
-    EXPECT_EQ(0, std::memcmp(&before, &frame, sizeof frame));  // untouched on refusal
+    EXPECT_EQ(0, std::memcmp(&before, &frame, sizeof frame));   // untouched on refusal
 
     char const type[] = "ou";
     ASSERT_TRUE(CLdapOp::GetParaAtt(kGbZhongWen.c_str(), 2, type, frame));

@@ -12,7 +12,7 @@
 class CLdapOp;
 
 class QORLDAP_API CLdap {
-public:
+  public:
     CLdap();
     ~CLdap();
     CLdap(CLdap const&) = delete;
@@ -58,10 +58,10 @@ public:
     // Deletes one entry (a leaf); the directory's result code.
     int DeleteLdap(char const* dn);
 
-    void FreeAtt(tagAtt* att);          // releases items; itemCount becomes 0
+    void FreeAtt(tagAtt* att);            // releases items; itemCount becomes 0
     void FreeDN(tagDN* list, int count);  // releases a child list; count is not used
 
-private:
+  private:
     QORLDAP_LOCAL int Connected();
 
     CLdapOp* engine;

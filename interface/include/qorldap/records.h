@@ -17,9 +17,9 @@ struct LdapInfo {
 
 // One attribute of an entry record.
 struct tagAttItem {
-    char type[256];    // attribute type name, such as "ou"
-    char value[1024];  // value as GB2312 text (converted to UTF-8 on writes)
-    char syntax[256];  // value-kind code, "s" for text; not read by the library
+    char type[256];      // attribute type name, such as "ou"
+    char value[1024];    // value as GB2312 text (converted to UTF-8 on writes)
+    char syntax[256];    // value-kind code, "s" for text; not read by the library
     uint8_t valueKnown;  // 1 when the value came from a certificate subject
 };
 
