@@ -35,7 +35,7 @@ step() { printf '\n==> %s\n' "$*"; }
 step "building the benchmarks (Release, $build/)"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DQORLDAP_BUILD_BENCH=ON \
     -DQORLDAP_BUILD_TESTS=OFF -DQORLDAP_BUILD_TOOLS=OFF >/dev/null
-cmake --build "$build" -j"$jobs" --target qorldap_bench qorldap_bench_engine
+cmake --build "$build" -j"$jobs" --target qorldap_bench qorldap_bench_engine qorldap_alloc_probe
 
 work=$(mktemp -d /tmp/qorldap-bench.XXXXXX)
 cleanup() {
@@ -73,6 +73,8 @@ step "engine: GetFullDN vs raw libldap"
 "${run[@]}" "$build/bench/qorldap_bench_engine" "${flags[@]}" --benchmark_out="$work/engine.json"
 step "memory: $memory_rounds key reads and $memory_rounds key writes in one process"
 "${run[@]}" "$build/bench/qorldap_bench" --memory "$memory_rounds" | tee "$work/memory.txt"
+step "heap use per operation"
+"$build/bench/qorldap_alloc_probe" | tee "$work/alloc.md"
 load_after=$(cut -d' ' -f1-3 /proc/loadavg)
 
 cpu=$(sed -n 's/^model name[[:space:]]*:[[:space:]]*//p' /proc/cpuinfo | head -n1)
@@ -93,3 +95,12 @@ python3 bench/results.py --api "$work/api.json" --engine "$work/engine.json" \
     --meta "Build: Release (-O3); Google Benchmark $(dpkg-query -W -f='${Version}' libbenchmark-dev 2>/dev/null || echo '?'), ${repetitions} repetitions of ${min_time} s each, shuffled across all benchmarks (paired ones 1 s each)" \
     --meta "Load average (1/5/15 min): ${load_before} before, ${load_after} after; ${priority} (slapd and the benchmarks share the machine's cores)"
 echo
+{
+    echo
+    echo "## Heap use per operation"
+    echo
+    echo "Bytes the library took with operator new during one call (libldap's own allocations are"
+    echo "not counted), against what the call hands back."
+    echo
+    cat "$work/alloc.md"
+} >>bench/RESULTS.md
