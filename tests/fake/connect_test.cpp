@@ -24,7 +24,7 @@ TEST_F(Connect, BindsChecksTheBaseOnceAndThenMakesNoCall) {
     CLdapOp op;
     ASSERT_EQ(QORLDAP_OK, op.ConnectLdap());
     EXPECT_EQ(kInit + kOptionAndBind + kBaseCheck, Fake().log_lines());
-    EXPECT_EQ(0, Fake().outstanding()) << Fake().outstanding_summary();
+    EXPECT_EQ(0, Fake().outstanding()) << Fake().log();
 
     Fake().clear_log();
     EXPECT_EQ(QORLDAP_OK, op.ConnectLdap());
@@ -39,7 +39,7 @@ TEST_F(Connect, MissingBaseEntryIsCreatedAsAnOrganization) {
                           "ldap_add_s dn=o=root mods=[op=0x0 type=o vals=root]"
                           "[op=0x0 type=objectClass vals=organization]"};
     EXPECT_EQ(kInit + kOptionAndBind + create, Fake().log_lines());
-    EXPECT_EQ(0, Fake().outstanding()) << Fake().outstanding_summary();
+    EXPECT_EQ(0, Fake().outstanding()) << Fake().log();
 }
 
 TEST_F(Connect, RefusedCreationFailsAndTheNextAttemptReusesTheHandle) {

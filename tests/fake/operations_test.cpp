@@ -40,7 +40,7 @@ TEST_F(Operations, KeyReadSearchesTheEntryAndReturnsTheValueByteForByte) {
                        AttrRead("signPubcer;binary", 1, true) +
                        Lines{"ldap_next_attribute -> null", "ber_free freebuf=0", "ldap_msgfree"};
     EXPECT_EQ(Lines{SearchLine(kUser, 0, "(signPubcer;binary=*)")} + walk, Fake().log_lines());
-    EXPECT_EQ(baseline, Fake().outstanding()) << Fake().outstanding_summary();
+    EXPECT_EQ(baseline, Fake().outstanding()) << Fake().log();
 }
 
 TEST_F(Operations, KeyReadTakesOnlyTheExactAttributeNameAndItsFirstValue) {
@@ -67,7 +67,7 @@ TEST_F(Operations, KeyReadTakesOnlyTheExactAttributeNameAndItsFirstValue) {
             EXPECT_EQ(0u, length) << c.what;
         }
         op_->FreeKey(key);
-        EXPECT_EQ(0, Fake().outstanding()) << c.what << ": " << Fake().outstanding_summary();
+        EXPECT_EQ(0, Fake().outstanding()) << c.what << ":\n" << Fake().log();
         EXPECT_EQ(0, Fake().errors()) << c.what << ":\n" << Fake().log();
     }
 }
@@ -82,7 +82,7 @@ TEST_F(Operations, KeyReadWithAFailedSearchReleasesTheResultAndReportsTheSearch)
     EXPECT_EQ(0u, length);
     EXPECT_EQ((Lines{SearchLine(kUser, 0, "(signPubcer;binary=*)"), "ldap_msgfree"}),
               Fake().log_lines());
-    EXPECT_EQ(0, Fake().outstanding()) << Fake().outstanding_summary();
+    EXPECT_EQ(0, Fake().outstanding()) << Fake().log();
 }
 
 TEST_F(Operations, RefusedNamesAreNeverSearched) {
@@ -224,7 +224,7 @@ TEST_F(Operations, SelectLdapAttWalksTwiceAndTakesTheLastNamedTemplate) {
         std::memset(&att, 0, sizeof att);
         ASSERT_EQ(QORLDAP_OK, op_->SelectLdapAtt(kUser, att));
         EXPECT_EQ(expected, Fake().log_lines());
-        EXPECT_EQ(0, Fake().outstanding()) << Fake().outstanding_summary();
+        EXPECT_EQ(0, Fake().outstanding()) << Fake().log();
         ASSERT_EQ(2, att.itemCount);
         EXPECT_STREQ("cn", att.items[0].type);
         EXPECT_STREQ("objectClass", att.items[1].type);
@@ -266,7 +266,7 @@ TEST_F(Operations, SearchWithoutEntryEndsTheWalkAtOnce) {
     EXPECT_EQ(QORLDAP_OK, op_->SelectLdapAtt(kUser, att));
     EXPECT_EQ(0, att.itemCount);
     EXPECT_EQ(nullptr, att.items);
-    EXPECT_EQ(0, Fake().outstanding()) << Fake().outstanding_summary();
+    EXPECT_EQ(0, Fake().outstanding()) << Fake().log();
 }
 
 TEST_F(Operations, SelectLdapListsTheChildrenByName) {
@@ -288,7 +288,7 @@ TEST_F(Operations, SelectLdapListsTheChildrenByName) {
                "ldap_get_dn -> cn=B,ou=Sales,o=root", "ldap_memfree", "ldap_next_entry -> null",
                "ldap_msgfree"}),
         Fake().log_lines());
-    EXPECT_EQ(0, Fake().outstanding()) << Fake().outstanding_summary();
+    EXPECT_EQ(0, Fake().outstanding()) << Fake().log();
 
     Fake().reset();
     tagDN untouched[1];

@@ -6,8 +6,9 @@
  * Built twice: as libldap.so, and with FAKE_LDAP_OMIT_SEARCH_EXT_S defined as libldap_missing.so,
  * which lacks ldap_search_ext_s.
  *
- * One mutex guards all state. Exported functions never call each other, so a process that also
- * has another libldap loaded cannot redirect our internal calls.
+ * One mutex guards all state; a client function holds it from the start of its log line to the
+ * end. Exported functions never call each other, so a process that also has another libldap
+ * loaded cannot redirect our internal calls.
  */
 #define LDAP_DEPRECATED 1
 #include <lber.h>
@@ -22,85 +23,19 @@
 
 #include "fake_ldap.h"
 
-#define FK_EXPORT __attribute__((visibility("default")))
+#define EXPORT __attribute__((visibility("default")))
 
-/* ---- Function table ----------------------------------------------------------------------- */
-
-/* name, whether fake_ldap_set_result accepts it */
-#define FK_FUNCTIONS(X)        \
-    X(ldap_init, 0)            \
-    X(ldap_initialize, 1)      \
-    X(ldap_set_option, 1)      \
-    X(ldap_get_option, 1)      \
-    X(ldap_simple_bind_s, 1)   \
-    X(ldap_start_tls_s, 1)     \
-    X(ldap_unbind_ext_s, 1)    \
-    X(ldap_search_ext_s, 1)    \
-    X(ldap_first_entry, 0)     \
-    X(ldap_next_entry, 0)      \
-    X(ldap_get_dn, 0)          \
-    X(ldap_count_entries, 0)   \
-    X(ldap_first_attribute, 0) \
-    X(ldap_next_attribute, 0)  \
-    X(ldap_msgfree, 0)         \
-    X(ldap_get_values, 0)      \
-    X(ldap_get_values_len, 0)  \
-    X(ldap_value_free, 0)      \
-    X(ldap_value_free_len, 0)  \
-    X(ldap_memfree, 0)         \
-    X(ldap_add_s, 1)           \
-    X(ldap_delete_s, 1)        \
-    X(ldap_modify_s, 1)        \
-    X(ldap_add, 1)             \
-    X(ldap_err2string, 0)      \
-    X(ber_free, 0)
-
-enum fk_fn {
-#define FK_ENUM(name, settable) FN_##name,
-    FK_FUNCTIONS(FK_ENUM)
-#undef FK_ENUM
-        FN_COUNT
-};
-
-static const char* const fn_names[FN_COUNT] = {
-#define FK_NAME(name, settable) #name,
-    FK_FUNCTIONS(FK_NAME)
-#undef FK_NAME
-};
-
-static const unsigned char fn_settable[FN_COUNT] = {
-#define FK_SETTABLE(name, settable) settable,
-    FK_FUNCTIONS(FK_SETTABLE)
-#undef FK_SETTABLE
-};
-
-#define FK_QUEUE_MAX 64
-
-struct fk_answer {
-    int calls;
-    int forced; /* non-zero: forced_rc applies */
-    int forced_rc;
-    int queue[FK_QUEUE_MAX];
-    int queue_head;
-    int queue_len;
-};
-
-/* ---- Private types behind the opaque ldap.h types ------------------------------------------ */
-
-enum { DEAD_BLANK_HOST = 1, DEAD_SERVER_DOWN = 2 };
+/* ---- Types -------------------------------------------------------------------------------- */
 
 struct ldap {
-    int id;
     int version;
-    int dead; /* 0 alive; DEAD_BLANK_HOST from ldap_init(""); DEAD_SERVER_DOWN by
-                 fake_ldap_server_down */
-    int last_rc;
+    int dead; /* set by fake_ldap_server_down */
 };
 
 struct fk_attr {
     char* name;
     size_t nvals;
-    struct berval* vals; /* bv_val owned, exactly bv_len bytes (at least 1 allocated) */
+    struct berval* vals; /* each exactly bv_len bytes */
 };
 
 struct fk_entry {
@@ -109,10 +44,10 @@ struct fk_entry {
     struct fk_attr* attrs;
 };
 
+/* A chain is one array: its entries, then the final result (entry NULL). */
 struct ldapmsg {
-    ber_tag_t type; /* LDAP_RES_SEARCH_ENTRY or LDAP_RES_SEARCH_RESULT */
     struct ldapmsg* next;
-    struct fk_entry entry; /* only for entries */
+    struct fk_entry* entry;
 };
 
 struct berelement {
@@ -120,458 +55,287 @@ struct berelement {
     size_t next_attr;
 };
 
+#define QUEUE_MAX 16
+
+/* The answers of a function a test may script: a queued code first, then the forced one. */
+struct answer {
+    const char* fn;
+    int forced, forced_rc;
+    int queue[QUEUE_MAX];
+    int queued;
+};
+
+enum kind { K_MESSAGES, K_BVALUES, K_VALUES, K_STRINGS, K_BERS, K_HANDLES };
+
+/* An object handed out and not yet released; counted: handed out since the last reset. */
+struct live {
+    void* ptr;
+    enum kind kind;
+    int counted;
+};
+
 /* ---- State -------------------------------------------------------------------------------- */
 
-enum fk_kind { K_MESSAGES, K_BVALUES, K_VALUES, K_STRINGS, K_BERS, K_HANDLES, K_COUNT };
-static const char* const kind_names[K_COUNT] = {"messages", "bvalues", "values",
-                                                "strings",  "bers",    "handles"};
+/* Every client function this library can export, for fake_ldap_calls to tell a typo. */
+static const char k_exported[] =
+    " ldap_init ldap_initialize ldap_set_option ldap_simple_bind_s ldap_start_tls_s"
+    " ldap_unbind_ext_s ldap_search_ext_s ldap_first_entry ldap_next_entry ldap_get_dn"
+    " ldap_count_entries ldap_first_attribute ldap_next_attribute ldap_msgfree ldap_get_values"
+    " ldap_get_values_len ldap_value_free ldap_value_free_len ldap_memfree ldap_add_s"
+    " ldap_delete_s ldap_modify_s ldap_add ldap_err2string ber_free ";
 
-struct fk_live {
-    void* ptr;
-    enum fk_kind kind;
-    int counted; /* handed out since the last reset */
+static struct answer g_answers[] = {
+    {.fn = "ldap_initialize"},  {.fn = "ldap_set_option"},   {.fn = "ldap_simple_bind_s"},
+    {.fn = "ldap_start_tls_s"}, {.fn = "ldap_unbind_ext_s"}, {.fn = "ldap_search_ext_s"},
+    {.fn = "ldap_add_s"},       {.fn = "ldap_delete_s"},     {.fn = "ldap_modify_s"},
+    {.fn = "ldap_add"},
 };
-
-struct fk_set {
-    size_t n;
-    struct fk_entry* entries;
-};
-
-struct fk_mod_rec {
-    char* type;
-    size_t nvals;
-    struct berval* vals;
-};
-
-struct fk_buf {
-    char* p;
-    size_t n;
-    size_t cap;
-};
+#define N_ANSWERS (sizeof g_answers / sizeof g_answers[0])
 
 static pthread_mutex_t g_mu = PTHREAD_MUTEX_INITIALIZER;
-
-static struct fk_answer g_answers[FN_COUNT];
-static struct fk_buf g_log;
-static char* g_log_snapshot;
-static char* g_summary_snapshot;
-
-static struct fk_live* g_live;
+static char* g_log; /* complete lines while the mutex is free */
+static size_t g_log_len, g_log_cap;
+static char* g_log_copy;
+static struct live* g_live;
 static size_t g_nlive, g_live_cap;
 
-static struct fk_set* g_sets;
-static size_t g_nsets;
-static size_t g_searches_answered;
-
-static struct fk_mod_rec* g_write;
-static size_t g_nwrite;
-static int g_have_write;
+/* Scripted entries are kept until the process ends, so a chain the code under test still holds
+ * after a reset points at valid entries. The script is g_entries[g_script_from .. g_nentries). */
+static struct fk_entry** g_entries;
+static size_t g_nentries, g_script_from;
+static struct fk_entry g_written; /* the mods of the last write, as attributes */
 
 static int g_init_null;
-static int g_result_on_error = 1;
-static int g_log_handles;
-static int g_default_version = LDAP_VERSION2;
 static int g_errors;
 static int g_next_msgid = 1;
-static int g_next_handle_id = 1;
 
-/* ---- Small helpers ------------------------------------------------------------------------ */
-
-static void* xmalloc(size_t n) {
-    void* p = malloc(n ? n : 1);
-    if (p == NULL) {
-        fputs("fake libldap: out of memory\n", stderr);
-        abort();
-    }
-    return p;
-}
+/* ---- Helpers ------------------------------------------------------------------------------ */
 
 static void* xrealloc(void* old, size_t n) {
     void* p = realloc(old, n ? n : 1);
-    if (p == NULL) {
-        fputs("fake libldap: out of memory\n", stderr);
+    if (p == NULL)
         abort();
-    }
     return p;
 }
 
 static char* xstrdup(const char* s) {
     size_t n = strlen(s) + 1;
-    char* p = xmalloc(n);
-    memcpy(p, s, n);
-    return p;
+    return memcpy(xrealloc(NULL, n), s, n);
 }
 
-static void buf_put(struct fk_buf* b, const char* s, size_t n) {
-    if (b->n + n + 1 > b->cap) {
-        size_t cap = b->cap ? b->cap : 256;
-        while (b->n + n + 1 > cap)
-            cap *= 2;
-        b->p = xrealloc(b->p, cap);
-        b->cap = cap;
-    }
-    memcpy(b->p + b->n, s, n);
-    b->n += n;
-    b->p[b->n] = '\0';
-}
-
-static void buf_printf(struct fk_buf* b, const char* fmt, ...)
-    __attribute__((format(printf, 2, 3)));
-static void buf_printf(struct fk_buf* b, const char* fmt, ...) {
-    char small[256];
-    va_list ap;
-    va_start(ap, fmt);
-    int n = vsnprintf(small, sizeof small, fmt, ap);
-    va_end(ap);
-    if (n < 0)
-        return;
-    if ((size_t)n < sizeof small) {
-        buf_put(b, small, (size_t)n);
-        return;
-    }
-    char* big = xmalloc((size_t)n + 1);
-    va_start(ap, fmt);
-    vsnprintf(big, (size_t)n + 1, fmt, ap);
-    va_end(ap);
-    buf_put(b, big, (size_t)n);
-    free(big);
-}
-
-/* A caller's string: "null" for NULL, control bytes as \xNN so one call stays on one line. */
-static void buf_str(struct fk_buf* b, const char* s) {
-    if (s == NULL) {
-        buf_put(b, "null", 4);
-        return;
-    }
-    for (const unsigned char* c = (const unsigned char*)s; *c; ++c) {
-        if (*c < 0x20 || *c == 0x7f)
-            buf_printf(b, "\\x%02x", *c);
-        else
-            buf_put(b, (const char*)c, 1);
-    }
-}
-
-static void buf_free(struct fk_buf* b) {
-    free(b->p);
-    b->p = NULL;
-    b->n = b->cap = 0;
-}
-
-/* ---- Registry of objects handed out ------------------------------------------------------- */
-
-static void live_add(void* p, enum fk_kind kind) {
-    if (g_nlive == g_live_cap) {
-        g_live_cap = g_live_cap ? g_live_cap * 2 : 64;
-        g_live = xrealloc(g_live, g_live_cap * sizeof *g_live);
-    }
-    g_live[g_nlive].ptr = p;
-    g_live[g_nlive].kind = kind;
-    g_live[g_nlive].counted = 1;
-    ++g_nlive;
-}
-
-static int live_find(const void* p, enum fk_kind kind) {
-    if (p == NULL)
-        return -1;
-    for (size_t i = 0; i < g_nlive; ++i)
-        if (g_live[i].ptr == p && g_live[i].kind == kind)
-            return (int)i;
-    return -1;
-}
-
-static void live_remove(int index) {
-    g_live[index] = g_live[g_nlive - 1];
-    --g_nlive;
-}
-
-static struct ldap* handle_live(LDAP* ld) {
-    return live_find(ld, K_HANDLES) >= 0 ? ld : NULL;
-}
-
-/* The message p if it belongs to a chain not yet freed (compares addresses only). */
-static LDAPMessage* message_live(const LDAPMessage* p) {
-    if (p == NULL)
-        return NULL;
-    for (size_t i = 0; i < g_nlive; ++i) {
-        if (g_live[i].kind != K_MESSAGES)
-            continue;
-        for (LDAPMessage* m = g_live[i].ptr; m != NULL; m = m->next)
-            if (m == p)
-                return m;
-    }
-    return NULL;
-}
-
-/* ---- Logging ------------------------------------------------------------------------------ */
-
-static struct fk_buf line_begin(enum fk_fn fn) {
-    struct fk_buf b = {NULL, 0, 0};
-    ++g_answers[fn].calls;
-    buf_put(&b, fn_names[fn], strlen(fn_names[fn]));
+static struct berval berval_copy(const void* data, size_t len) {
+    struct berval b = {len, xrealloc(NULL, len)};
+    if (len)
+        memcpy(b.bv_val, data, len);
     return b;
 }
 
-static void line_error(struct fk_buf* b, const char* why) {
-    buf_printf(b, " ERROR(%s)", why);
+static void out(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+static void out(const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    size_t n = (size_t)vsnprintf(NULL, 0, fmt, ap);
+    va_end(ap);
+    if (g_log_len + n + 1 > g_log_cap) {
+        g_log_cap = (g_log_len + n + 1) * 2;
+        g_log = xrealloc(g_log, g_log_cap);
+    }
+    va_start(ap, fmt);
+    vsnprintf(g_log + g_log_len, n + 1, fmt, ap);
+    va_end(ap);
+    g_log_len += n;
+}
+
+/* prefix, then a caller's string: "null" for NULL, control bytes as \xNN (one call, one line). */
+static void out_str(const char* prefix, const char* s) {
+    out("%s%s", prefix, s == NULL ? "null" : "");
+    for (const unsigned char* c = (const unsigned char*)s; c != NULL && *c; ++c)
+        out(*c < 0x20 || *c == 0x7f ? "\\x%02x" : "%c", *c);
+}
+
+/* Starts the log line of the client function fn, holding the mutex until end(). */
+static void begin(const char* fn) {
+    pthread_mutex_lock(&g_mu);
+    out("%s", fn);
+}
+
+static void end(void) {
+    out("\n");
+    pthread_mutex_unlock(&g_mu);
+}
+
+static void misuse(const char* why) {
+    out(" ERROR(%s)", why);
     ++g_errors;
 }
 
-/* Ends the line: " ld=N" when handles are logged and ld is known, then into the log. */
-static void line_end(struct fk_buf* b, LDAP* ld) {
-    if (g_log_handles && handle_live(ld) != NULL)
-        buf_printf(b, " ld=%d", ld->id);
-    buf_put(b, "\n", 1);
-    buf_put(&g_log, b->p, b->n);
-    buf_free(b);
+static struct answer* answer_for(const char* fn) {
+    for (size_t i = 0; fn != NULL && i < N_ANSWERS; ++i)
+        if (strcmp(g_answers[i].fn, fn) == 0)
+            return &g_answers[i];
+    return NULL;
 }
 
-/* Checks a handle argument; logs an error unless it is a live handle. */
-static struct ldap* check_handle(struct fk_buf* b, LDAP* ld) {
-    struct ldap* h = handle_live(ld);
-    if (h == NULL)
-        line_error(b, ld == NULL ? "null handle" : "not an open handle");
-    return h;
-}
-
-/* The code for one answered call: a queued one first, then the forced one, then dflt. */
-static int take_result(enum fk_fn fn, int dflt) {
-    struct fk_answer* a = &g_answers[fn];
-    if (a->queue_len > 0) {
-        int rc = a->queue[a->queue_head];
-        a->queue_head = (a->queue_head + 1) % FK_QUEUE_MAX;
-        --a->queue_len;
+/* The code for one answered call of fn: a queued one first, then the forced one, then dflt. */
+static int take_result(const char* fn, int dflt) {
+    struct answer* a = answer_for(fn);
+    if (a->queued > 0) {
+        int rc = a->queue[0];
+        memmove(a->queue, a->queue + 1, (size_t)--a->queued * sizeof a->queue[0]);
         return rc;
     }
     return a->forced ? a->forced_rc : dflt;
 }
 
-static int fn_lookup(const char* name) {
-    if (name == NULL)
-        return -1;
-    for (int i = 0; i < FN_COUNT; ++i)
-        if (strcmp(fn_names[i], name) == 0)
-            return i;
+/* ---- Objects handed out ------------------------------------------------------------------- */
+
+static void* live_add(void* p, enum kind kind) {
+    if (g_nlive == g_live_cap) {
+        g_live_cap = g_live_cap ? g_live_cap * 2 : 64;
+        g_live = xrealloc(g_live, g_live_cap * sizeof *g_live);
+    }
+    g_live[g_nlive++] = (struct live){p, kind, 1};
+    return p;
+}
+
+static int live_find(const void* p, enum kind kind) {
+    for (size_t i = 0; p != NULL && i < g_nlive; ++i)
+        if (g_live[i].ptr == p && g_live[i].kind == kind)
+            return (int)i;
     return -1;
 }
 
-/* ---- Entries and messages ----------------------------------------------------------------- */
-
-static void entry_free(struct fk_entry* e) {
-    for (size_t i = 0; i < e->nattrs; ++i) {
-        for (size_t v = 0; v < e->attrs[i].nvals; ++v)
-            free(e->attrs[i].vals[v].bv_val);
-        free(e->attrs[i].vals);
-        free(e->attrs[i].name);
+/* For the free functions: logs " null" for NULL, the misuse `why` for p not live as `kind`,
+ * else forgets and frees p (a value array with its values). Returns whether p was freed. */
+static int release(void* p, enum kind kind, const char* why) {
+    int i = live_find(p, kind);
+    if (p == NULL)
+        out(" null");
+    else if (i < 0)
+        misuse(why);
+    if (i < 0)
+        return 0;
+    g_live[i] = g_live[--g_nlive];
+    for (void** v = p; (kind == K_VALUES || kind == K_BVALUES) && *v != NULL; ++v) {
+        if (kind == K_BVALUES)
+            free(((struct berval*)*v)->bv_val);
+        free(*v);
     }
-    free(e->attrs);
-    free(e->dn);
-    memset(e, 0, sizeof *e);
+    free(p);
+    return 1;
 }
 
-static void berval_copy(struct berval* to, const void* data, size_t len) {
-    to->bv_len = len;
-    to->bv_val = xmalloc(len);
-    if (len)
-        memcpy(to->bv_val, data, len);
+/* The message p if it belongs to a chain not yet freed. */
+static LDAPMessage* message_live(const LDAPMessage* p) {
+    for (size_t i = 0; p != NULL && i < g_nlive; ++i)
+        if (g_live[i].kind == K_MESSAGES)
+            for (LDAPMessage* m = g_live[i].ptr; m != NULL; m = m->next)
+                if (m == p)
+                    return m;
+    return NULL;
 }
 
-static void chain_free(LDAPMessage* m) {
-    while (m != NULL) {
-        LDAPMessage* next = m->next;
-        entry_free(&m->entry);
-        free(m);
-        m = next;
-    }
+static LDAPMessage* as_entry(LDAPMessage* m) {
+    return m != NULL && m->entry != NULL ? m : NULL;
 }
 
-#ifndef FAKE_LDAP_OMIT_SEARCH_EXT_S /* only searches copy entries */
-static void entry_copy(struct fk_entry* to, const struct fk_entry* from) {
-    to->dn = xstrdup(from->dn);
-    to->nattrs = from->nattrs;
-    to->attrs = xmalloc(from->nattrs * sizeof *to->attrs);
-    for (size_t i = 0; i < from->nattrs; ++i) {
-        const struct fk_attr* fa = &from->attrs[i];
-        struct fk_attr* ta = &to->attrs[i];
-        ta->name = xstrdup(fa->name);
-        ta->nvals = fa->nvals;
-        ta->vals = xmalloc(fa->nvals * sizeof *ta->vals);
-        for (size_t v = 0; v < fa->nvals; ++v)
-            berval_copy(&ta->vals[v], fa->vals[v].bv_val, fa->vals[v].bv_len);
-    }
+/* The handle ld if it is open; logs the misuse otherwise. */
+static struct ldap* check_handle(LDAP* ld) {
+    if (live_find(ld, K_HANDLES) >= 0)
+        return ld;
+    misuse(ld == NULL ? "null handle" : "not an open handle");
+    return NULL;
 }
 
-/* A chain for the given scripted set (NULL: no entries) ending with the result message. */
-static LDAPMessage* chain_build(const struct fk_set* set) {
-    LDAPMessage* head = NULL;
-    LDAPMessage** tail = &head;
-    for (size_t i = 0; set != NULL && i < set->n; ++i) {
-        LDAPMessage* m = xmalloc(sizeof *m);
-        memset(m, 0, sizeof *m);
-        m->type = LDAP_RES_SEARCH_ENTRY;
-        entry_copy(&m->entry, &set->entries[i]);
-        *tail = m;
-        tail = &m->next;
-    }
-    LDAPMessage* done = xmalloc(sizeof *done);
-    memset(done, 0, sizeof *done);
-    done->type = LDAP_RES_SEARCH_RESULT;
-    *tail = done;
-    live_add(head, K_MESSAGES);
-    return head;
+/* What an operation on ld gets before the script is asked: -9 for a handle that is not open,
+ * -1 on a dead one, 0 when the script decides. */
+static int handle_gate(LDAP* ld) {
+    struct ldap* h = check_handle(ld);
+    return h == NULL ? LDAP_PARAM_ERROR : h->dead ? LDAP_SERVER_DOWN : 0;
 }
-#endif
 
-static LDAPMessage* entry_from(LDAPMessage* m) {
-    while (m != NULL && m->type != LDAP_RES_SEARCH_ENTRY)
-        m = m->next;
-    return m;
+/* The code of a call of fn on ld: handle_gate's, else the script's (by default success). */
+static int answer(LDAP* ld, const char* fn) {
+    int rc = handle_gate(ld);
+    return rc != 0 ? rc : take_result(fn, LDAP_SUCCESS);
 }
+
+/* The entry message `entry` of a live chain, on an open handle; logs the misuse otherwise. */
+static LDAPMessage* check_entry(LDAP* ld, LDAPMessage* entry) {
+    if (check_handle(ld) == NULL)
+        return NULL;
+    LDAPMessage* m = message_live(entry);
+    if (as_entry(m) == NULL)
+        misuse(entry == NULL ? "null entry"
+               : m == NULL   ? "not a message of a live chain"
+                             : "not an entry");
+    return as_entry(m);
+}
+
+static struct ldap* handle_new(void) {
+    struct ldap* h = xrealloc(NULL, sizeof *h);
+    *h = (struct ldap){LDAP_VERSION2, 0};
+    return live_add(h, K_HANDLES);
+}
+
+/* ---- Entries and writes ------------------------------------------------------------------- */
 
 static struct fk_attr* attr_find(struct fk_entry* e, const char* name) {
-    if (name == NULL)
-        return NULL;
-    for (size_t i = 0; i < e->nattrs; ++i)
+    for (size_t i = 0; e != NULL && name != NULL && i < e->nattrs; ++i)
         if (strcasecmp(e->attrs[i].name, name) == 0)
             return &e->attrs[i];
     return NULL;
 }
 
 static struct fk_attr* attr_add(struct fk_entry* e, const char* name) {
-    struct fk_attr* a = attr_find(e, name);
-    if (a != NULL)
-        return a;
     e->attrs = xrealloc(e->attrs, (e->nattrs + 1) * sizeof *e->attrs);
-    a = &e->attrs[e->nattrs++];
-    a->name = xstrdup(name);
-    a->nvals = 0;
-    a->vals = NULL;
-    return a;
+    e->attrs[e->nattrs] = (struct fk_attr){xstrdup(name), 0, NULL};
+    return &e->attrs[e->nattrs++];
 }
 
-/* Checks an entry argument (an entry message of a live chain); logs an error otherwise. */
-static LDAPMessage* check_entry(struct fk_buf* b, LDAPMessage* entry) {
-    LDAPMessage* m = message_live(entry);
-    if (m == NULL) {
-        line_error(b, entry == NULL ? "null entry" : "not a message of a live chain");
-        return NULL;
+static void value_add(struct fk_attr* a, const void* data, size_t len) {
+    a->vals = xrealloc(a->vals, (a->nvals + 1) * sizeof *a->vals);
+    a->vals[a->nvals++] = berval_copy(data, len);
+}
+
+static void written_free(void) {
+    for (size_t i = 0; i < g_written.nattrs; ++i) {
+        for (size_t v = 0; v < g_written.attrs[i].nvals; ++v)
+            free(g_written.attrs[i].vals[v].bv_val);
+        free(g_written.attrs[i].vals);
+        free(g_written.attrs[i].name);
     }
-    if (m->type != LDAP_RES_SEARCH_ENTRY) {
-        line_error(b, "not an entry");
-        return NULL;
-    }
-    return m;
+    free(g_written.attrs);
+    g_written = (struct fk_entry){NULL, 0, NULL};
 }
 
-static void script_free(void) {
-    for (size_t s = 0; s < g_nsets; ++s) {
-        for (size_t i = 0; i < g_sets[s].n; ++i)
-            entry_free(&g_sets[s].entries[i]);
-        free(g_sets[s].entries);
-    }
-    free(g_sets);
-    g_sets = NULL;
-    g_nsets = 0;
-}
-
-static struct fk_entry* script_last_entry(void) {
-    if (g_nsets == 0 || g_sets[g_nsets - 1].n == 0)
-        return NULL;
-    return &g_sets[g_nsets - 1].entries[g_sets[g_nsets - 1].n - 1];
-}
-
-/* ---- Writes ------------------------------------------------------------------------------- */
-
-static void write_free(void) {
-    for (size_t i = 0; i < g_nwrite; ++i) {
-        for (size_t v = 0; v < g_write[i].nvals; ++v)
-            free(g_write[i].vals[v].bv_val);
-        free(g_write[i].vals);
-        free(g_write[i].type);
-    }
-    free(g_write);
-    g_write = NULL;
-    g_nwrite = 0;
-    g_have_write = 0;
-}
-
-static void write_record(LDAPMod** mods) {
-    write_free();
-    g_have_write = 1;
-    if (mods == NULL)
-        return;
-    size_t n = 0;
-    while (mods[n] != NULL)
-        ++n;
-    g_write = xmalloc(n * sizeof *g_write);
-    g_nwrite = n;
-    for (size_t i = 0; i < n; ++i) {
+/* Logs " dn=D mods=..." and keeps the values for fake_ldap_written_value. */
+static void write_log(const char* dn, LDAPMod** mods) {
+    written_free();
+    out_str(" dn=", dn);
+    out(" mods=%s", mods == NULL ? "null" : mods[0] == NULL ? "(empty)" : "");
+    for (size_t i = 0; mods != NULL && mods[i] != NULL; ++i) {
         const LDAPMod* m = mods[i];
-        struct fk_mod_rec* r = &g_write[i];
-        r->type = xstrdup(m->mod_type ? m->mod_type : "");
-        r->nvals = 0;
-        r->vals = NULL;
+        struct fk_attr* rec = attr_add(&g_written, m->mod_type ? m->mod_type : "");
+        out("[op=0x%x", (unsigned)m->mod_op);
+        out_str(" type=", m->mod_type);
         if (m->mod_op & LDAP_MOD_BVALUES) {
+            for (size_t v = 0; m->mod_bvalues != NULL && m->mod_bvalues[v] != NULL; ++v)
+                value_add(rec, m->mod_bvalues[v]->bv_val, m->mod_bvalues[v]->bv_len);
             if (m->mod_bvalues == NULL)
-                continue;
-            while (m->mod_bvalues[r->nvals] != NULL)
-                ++r->nvals;
-            r->vals = xmalloc(r->nvals * sizeof *r->vals);
-            for (size_t v = 0; v < r->nvals; ++v)
-                berval_copy(&r->vals[v], m->mod_bvalues[v]->bv_val, m->mod_bvalues[v]->bv_len);
+                out(" bvals=null");
+            else
+                out(" bvals=%zu", rec->nvals);
+            for (size_t v = 0; v < rec->nvals; ++v)
+                out("%s%zu", v == 0 ? ":len=" : ",", (size_t)rec->vals[v].bv_len);
         } else {
-            if (m->mod_values == NULL)
-                continue;
-            while (m->mod_values[r->nvals] != NULL)
-                ++r->nvals;
-            r->vals = xmalloc(r->nvals * sizeof *r->vals);
-            for (size_t v = 0; v < r->nvals; ++v)
-                berval_copy(&r->vals[v], m->mod_values[v], strlen(m->mod_values[v]));
-        }
-    }
-}
-
-static void log_mods(struct fk_buf* b, LDAPMod** mods) {
-    buf_put(b, " mods=", 6);
-    if (mods == NULL) {
-        buf_put(b, "null", 4);
-        return;
-    }
-    if (mods[0] == NULL) {
-        buf_put(b, "(empty)", 7);
-        return;
-    }
-    for (size_t i = 0; mods[i] != NULL; ++i) {
-        const LDAPMod* m = mods[i];
-        buf_printf(b, "[op=0x%x type=", (unsigned)m->mod_op);
-        buf_str(b, m->mod_type);
-        if (m->mod_op & LDAP_MOD_BVALUES) {
-            buf_put(b, " bvals=", 7);
-            if (m->mod_bvalues == NULL) {
-                buf_put(b, "null", 4);
-            } else {
-                size_t n = 0;
-                while (m->mod_bvalues[n] != NULL)
-                    ++n;
-                buf_printf(b, "%zu", n);
-                for (size_t v = 0; v < n; ++v)
-                    buf_printf(b, "%s%lu", v == 0 ? ":len=" : ",",
-                               (unsigned long)m->mod_bvalues[v]->bv_len);
-            }
-        } else {
-            buf_put(b, " vals=", 6);
-            if (m->mod_values == NULL) {
-                buf_put(b, "null", 4);
-            } else if (m->mod_values[0] == NULL) {
-                buf_put(b, "[]", 2);
-            } else {
-                for (size_t v = 0; m->mod_values[v] != NULL; ++v) {
-                    if (v)
-                        buf_put(b, "|", 1);
-                    buf_str(b, m->mod_values[v]);
-                }
+            out(" vals=%s", m->mod_values == NULL ? "null" : m->mod_values[0] == NULL ? "[]" : "");
+            for (size_t v = 0; m->mod_values != NULL && m->mod_values[v] != NULL; ++v) {
+                value_add(rec, m->mod_values[v], strlen(m->mod_values[v]));
+                out_str(v ? "|" : "", m->mod_values[v]);
             }
         }
-        buf_put(b, "]", 1);
+        out("]");
     }
 }
 
@@ -579,1019 +343,490 @@ static void log_mods(struct fk_buf* b, LDAPMod** mods) {
  * LDAP_PARAM_ERROR for a NULL value array, LDAP_PROTOCOL_ERROR (the server's answer) for an
  * empty one. */
 static int add_mods_check(LDAPMod** mods) {
-    if (mods == NULL)
-        return LDAP_PARAM_ERROR;
-    for (size_t i = 0; mods[i] != NULL; ++i) {
-        const LDAPMod* m = mods[i];
-        const void* first;
-        if (m->mod_op & LDAP_MOD_BVALUES) {
-            if (m->mod_bvalues == NULL)
-                return LDAP_PARAM_ERROR;
-            first = m->mod_bvalues[0];
-        } else {
-            if (m->mod_values == NULL)
-                return LDAP_PARAM_ERROR;
-            first = m->mod_values[0];
-        }
-        if (first == NULL)
-            return LDAP_PROTOCOL_ERROR;
+    for (size_t i = 0; mods != NULL && mods[i] != NULL; ++i) {
+        const void* const* vals = (mods[i]->mod_op & LDAP_MOD_BVALUES)
+                                      ? (const void* const*)mods[i]->mod_bvalues
+                                      : (const void* const*)mods[i]->mod_values;
+        if (vals == NULL || vals[0] == NULL)
+            return vals == NULL ? LDAP_PARAM_ERROR : LDAP_PROTOCOL_ERROR;
     }
-    return 0;
+    return mods == NULL ? LDAP_PARAM_ERROR : 0;
 }
 
-/* ---- Handles ------------------------------------------------------------------------------ */
+/* ---- Client functions: connection --------------------------------------------------------- */
 
-static struct ldap* handle_new(void) {
-    struct ldap* h = xmalloc(sizeof *h);
-    h->id = g_next_handle_id++;
-    h->version = g_default_version;
-    h->dead = 0;
-    h->last_rc = 0;
-    live_add(h, K_HANDLES);
+EXPORT LDAP* ldap_init(LDAP_CONST char* host, int port) {
+    begin(__func__);
+    out_str(" host=", host);
+    out(" port=%d", port);
+    struct ldap* h = g_init_null ? NULL : handle_new();
+    end();
     return h;
 }
 
-/* The code an operation on ld gets before the script is asked: -9 for an unknown handle,
- * -1 on a dead one, 0 when the script decides. */
-static int handle_gate(struct fk_buf* b, LDAP* ld) {
-    struct ldap* h = check_handle(b, ld);
-    if (h == NULL)
-        return LDAP_PARAM_ERROR;
-    if (h->dead)
-        return LDAP_SERVER_DOWN;
-    return 0;
-}
-
-static void handle_note(LDAP* ld, int rc) {
-    struct ldap* h = handle_live(ld);
-    if (h != NULL)
-        h->last_rc = rc;
-}
-
-/* ---- Client functions --------------------------------------------------------------------- */
-
-FK_EXPORT LDAP* ldap_init(LDAP_CONST char* host, int port) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_init);
-    buf_put(&b, " host=", 6);
-    buf_str(&b, host);
-    buf_printf(&b, " port=%d", port);
-    struct ldap* h = NULL;
-    if (!g_init_null) {
-        h = handle_new();
-        if (host != NULL && host[0] == '\0')
-            h->dead = DEAD_BLANK_HOST;
-    }
-    if (g_log_handles) {
-        if (h != NULL)
-            buf_printf(&b, " -> ld=%d", h->id);
-        else
-            buf_put(&b, " -> null", 8);
-    }
-    line_end(&b, NULL);
-    pthread_mutex_unlock(&g_mu);
-    return h;
-}
-
-FK_EXPORT int ldap_initialize(LDAP** ldp, LDAP_CONST char* url) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_initialize);
-    buf_put(&b, " uri=", 5);
-    buf_str(&b, url);
-    int rc;
-    if (ldp == NULL) {
-        line_error(&b, "ldp is null");
-        rc = LDAP_PARAM_ERROR;
-    } else {
-        rc = take_result(FN_ldap_initialize, LDAP_SUCCESS);
-        struct ldap* h = NULL;
-        if (rc == LDAP_SUCCESS && !g_init_null)
-            h = handle_new();
-        *ldp = h;
-        if (g_log_handles) {
-            if (h != NULL)
-                buf_printf(&b, " -> ld=%d", h->id);
-            else
-                buf_put(&b, " -> null", 8);
-        }
-    }
-    line_end(&b, NULL);
-    pthread_mutex_unlock(&g_mu);
+EXPORT int ldap_initialize(LDAP** ldp, LDAP_CONST char* url) {
+    begin(__func__);
+    out_str(" uri=", url);
+    int rc = take_result(__func__, LDAP_SUCCESS);
+    *ldp = rc == LDAP_SUCCESS && !g_init_null ? handle_new() : NULL;
+    end();
     return rc;
 }
 
-static void log_option_value(struct fk_buf* b, int option, const void* value) {
-    buf_put(b, " value=", 7);
-    switch (option) {
-        case LDAP_OPT_REFERRALS:
-        case LDAP_OPT_RESTART:
-            buf_put(b, value != NULL ? "on" : "off", value != NULL ? 2 : 3);
-            return;
-        default:
-            break;
-    }
-    if (value == NULL) {
-        buf_put(b, "null", 4);
-        return;
-    }
-    switch (option) {
-        case LDAP_OPT_PROTOCOL_VERSION:
-        case LDAP_OPT_DEREF:
-        case LDAP_OPT_SIZELIMIT:
-        case LDAP_OPT_TIMELIMIT:
-        case LDAP_OPT_RESULT_CODE:
-        case LDAP_OPT_X_TLS_REQUIRE_CERT:
-        case LDAP_OPT_X_TLS_NEWCTX:
-            buf_printf(b, "%d", *(const int*)value);
-            break;
-        case LDAP_OPT_TIMEOUT:
-        case LDAP_OPT_NETWORK_TIMEOUT: {
-            const struct timeval* tv = value;
-            buf_printf(b, "{%ld,%ld}", (long)tv->tv_sec, (long)tv->tv_usec);
-            break;
-        }
-        case LDAP_OPT_URI:
-        case LDAP_OPT_HOST_NAME:
-        case LDAP_OPT_X_TLS_CACERTFILE:
-        case LDAP_OPT_X_TLS_CACERTDIR:
-        case LDAP_OPT_X_TLS_CERTFILE:
-        case LDAP_OPT_X_TLS_KEYFILE:
-            buf_str(b, value);
-            break;
-        default:
-            buf_put(b, "ptr", 3);
-            break;
-    }
-}
-
-FK_EXPORT int ldap_set_option(LDAP* ld, int option, LDAP_CONST void* invalue) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_set_option);
-    if (ld == NULL)
-        buf_put(&b, " global", 7);
-    buf_printf(&b, " opt=%d", option);
-    log_option_value(&b, option, invalue);
-    int rc;
-    struct ldap* h = NULL;
-    if (ld != NULL && (h = check_handle(&b, ld)) == NULL) {
+EXPORT int ldap_set_option(LDAP* ld, int option, LDAP_CONST void* invalue) {
+    begin(__func__);
+    out(" opt=%d value=", option);
+    const int* number = invalue;
+    const struct timeval* tv = invalue;
+    if (invalue == NULL)
+        out("null");
+    else if (option == LDAP_OPT_PROTOCOL_VERSION || option == LDAP_OPT_X_TLS_REQUIRE_CERT ||
+             option == LDAP_OPT_X_TLS_NEWCTX)
+        out("%d", *number);
+    else if (option == LDAP_OPT_TIMEOUT || option == LDAP_OPT_NETWORK_TIMEOUT)
+        out("{%ld,%ld}", (long)tv->tv_sec, (long)tv->tv_usec);
+    else
+        out_str("", option == LDAP_OPT_X_TLS_CACERTFILE ? invalue : "ptr");
+    struct ldap* h = check_handle(ld); /* global options (NULL) are not modelled */
+    int rc = h != NULL ? take_result(__func__, LDAP_OPT_SUCCESS) : LDAP_OPT_ERROR;
+    if (rc == LDAP_OPT_SUCCESS && option == LDAP_OPT_PROTOCOL_VERSION && number == NULL)
         rc = LDAP_OPT_ERROR;
-    } else {
-        rc = take_result(FN_ldap_set_option, LDAP_OPT_SUCCESS);
-        if (rc == LDAP_OPT_SUCCESS && option == LDAP_OPT_PROTOCOL_VERSION) {
-            if (invalue == NULL) {
-                rc = LDAP_OPT_ERROR;
-            } else if (h != NULL) {
-                h->version = *(const int*)invalue;
-            } else {
-                g_default_version = *(const int*)invalue;
-            }
-        }
-    }
-    line_end(&b, ld);
-    pthread_mutex_unlock(&g_mu);
+    else if (rc == LDAP_OPT_SUCCESS && option == LDAP_OPT_PROTOCOL_VERSION)
+        h->version = *number;
+    end();
     return rc;
 }
 
-FK_EXPORT int ldap_get_option(LDAP* ld, int option, void* outvalue) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_get_option);
-    if (ld == NULL)
-        buf_put(&b, " global", 7);
-    buf_printf(&b, " opt=%d", option);
-    int rc;
-    struct ldap* h = NULL;
-    if (ld != NULL && (h = check_handle(&b, ld)) == NULL) {
-        rc = LDAP_OPT_ERROR;
-    } else {
-        rc = take_result(FN_ldap_get_option, LDAP_OPT_SUCCESS);
-        if (rc == LDAP_OPT_SUCCESS) {
-            if (outvalue == NULL) {
-                rc = LDAP_OPT_ERROR;
-            } else if (option == LDAP_OPT_PROTOCOL_VERSION) {
-                *(int*)outvalue = h != NULL ? h->version : g_default_version;
-            } else if (option == LDAP_OPT_RESULT_CODE) {
-                *(int*)outvalue = h != NULL ? h->last_rc : 0;
-            } else {
-                rc = LDAP_OPT_ERROR;
-            }
-        }
-    }
-    line_end(&b, ld);
-    pthread_mutex_unlock(&g_mu);
+EXPORT int ldap_simple_bind_s(LDAP* ld, LDAP_CONST char* who, LDAP_CONST char* passwd) {
+    begin(__func__);
+    out_str(" dn=", who);
+    out_str(" pw=", passwd);
+    int rc = handle_gate(ld);
+    if (rc == 0 && ld->version < LDAP_VERSION3)
+        rc = LDAP_PROTOCOL_ERROR;
+    else if (rc == 0)
+        rc = take_result(__func__, LDAP_SUCCESS);
+    end();
     return rc;
 }
 
-FK_EXPORT int ldap_simple_bind_s(LDAP* ld, LDAP_CONST char* who, LDAP_CONST char* passwd) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_simple_bind_s);
-    buf_put(&b, " dn=", 4);
-    buf_str(&b, who);
-    buf_put(&b, " pw=", 4);
-    buf_str(&b, passwd);
-    int rc = handle_gate(&b, ld);
-    if (rc == 0) {
-        if (ld->version < LDAP_VERSION3)
-            rc = LDAP_PROTOCOL_ERROR;
-        else
-            rc = take_result(FN_ldap_simple_bind_s, LDAP_SUCCESS);
-    }
-    handle_note(ld, rc);
-    line_end(&b, ld);
-    pthread_mutex_unlock(&g_mu);
-    return rc;
-}
-
-FK_EXPORT int ldap_start_tls_s(LDAP* ld, LDAPControl** serverctrls, LDAPControl** clientctrls) {
+EXPORT int ldap_start_tls_s(LDAP* ld, LDAPControl** serverctrls, LDAPControl** clientctrls) {
     (void)serverctrls;
     (void)clientctrls;
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_start_tls_s);
-    int rc = handle_gate(&b, ld);
-    if (rc == 0)
-        rc = take_result(FN_ldap_start_tls_s, LDAP_SUCCESS);
-    handle_note(ld, rc);
-    line_end(&b, ld);
-    pthread_mutex_unlock(&g_mu);
+    begin(__func__);
+    int rc = answer(ld, __func__);
+    end();
     return rc;
 }
 
-FK_EXPORT int ldap_unbind_ext_s(LDAP* ld, LDAPControl** serverctrls, LDAPControl** clientctrls) {
+EXPORT int ldap_unbind_ext_s(LDAP* ld, LDAPControl** serverctrls, LDAPControl** clientctrls) {
     (void)serverctrls;
     (void)clientctrls;
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_unbind_ext_s);
-    int rc;
-    if (check_handle(&b, ld) == NULL) {
-        rc = LDAP_PARAM_ERROR;
-        line_end(&b, NULL);
-    } else {
-        rc = take_result(FN_ldap_unbind_ext_s, LDAP_SUCCESS);
-        line_end(&b, ld);
-        live_remove(live_find(ld, K_HANDLES));
-        free(ld);
+    begin(__func__);
+    int rc = LDAP_PARAM_ERROR;
+    if (check_handle(ld) != NULL) {
+        rc = take_result(__func__, LDAP_SUCCESS);
+        release(ld, K_HANDLES, "");
     }
-    pthread_mutex_unlock(&g_mu);
+    end();
     return rc;
 }
+
+/* ---- Client functions: search and results ------------------------------------------------- */
 
 #ifndef FAKE_LDAP_OMIT_SEARCH_EXT_S
-static size_t count_ctrls(LDAPControl** c) {
-    size_t n = 0;
-    while (c[n] != NULL)
-        ++n;
-    return n;
-}
-
-FK_EXPORT int ldap_search_ext_s(LDAP* ld, LDAP_CONST char* base, int scope, LDAP_CONST char* filter,
-                                char** attrs, int attrsonly, LDAPControl** serverctrls,
-                                LDAPControl** clientctrls, struct timeval* timeout, int sizelimit,
-                                LDAPMessage** res) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_search_ext_s);
-    buf_put(&b, " base=", 6);
-    buf_str(&b, base);
-    buf_printf(&b, " scope=%d filter=", scope);
-    buf_str(&b, filter);
-    buf_put(&b, " attrs=", 7);
-    if (attrs == NULL) {
-        buf_put(&b, "null", 4);
-    } else {
-        buf_put(&b, "[", 1);
-        for (size_t i = 0; attrs[i] != NULL; ++i) {
-            if (i)
-                buf_put(&b, ",", 1);
-            buf_str(&b, attrs[i]);
-        }
-        buf_put(&b, "]", 1);
-    }
-    buf_printf(&b, " attrsonly=%d", attrsonly);
-    if (serverctrls == NULL)
-        buf_put(&b, " sctrls=null", 12);
-    else
-        buf_printf(&b, " sctrls=%zu", count_ctrls(serverctrls));
-    if (clientctrls == NULL)
-        buf_put(&b, " cctrls=null", 12);
-    else
-        buf_printf(&b, " cctrls=%zu", count_ctrls(clientctrls));
+EXPORT int ldap_search_ext_s(LDAP* ld, LDAP_CONST char* base, int scope, LDAP_CONST char* filter,
+                             char** attrs, int attrsonly, LDAPControl** serverctrls,
+                             LDAPControl** clientctrls, struct timeval* timeout, int sizelimit,
+                             LDAPMessage** res) {
+    begin(__func__);
+    out_str(" base=", base);
+    out(" scope=%d", scope);
+    out_str(" filter=", filter);
+    out(" attrs=%s", attrs == NULL ? "null" : "[");
+    for (size_t i = 0; attrs != NULL && attrs[i] != NULL; ++i)
+        out_str(i ? "," : "", attrs[i]);
+    out("%s attrsonly=%d", attrs == NULL ? "" : "]", attrsonly);
+    out(" sctrls=%s cctrls=%s", serverctrls ? "ptr" : "null", clientctrls ? "ptr" : "null");
     if (timeout == NULL)
-        buf_put(&b, " timeout=null", 13);
+        out(" timeout=null");
     else
-        buf_printf(&b, " timeout={%ld,%ld}", (long)timeout->tv_sec, (long)timeout->tv_usec);
-    buf_printf(&b, " sizelimit=%d", sizelimit);
-
-    int rc;
-    if (res == NULL) {
-        line_error(&b, "res is null");
-        rc = LDAP_PARAM_ERROR;
-    } else {
-        *res = NULL;
-        rc = handle_gate(&b, ld);
-        if (rc == 0) {
-            const struct fk_set* set = NULL;
-            if (g_nsets > 0)
-                set = &g_sets[g_searches_answered < g_nsets ? g_searches_answered : g_nsets - 1];
-            ++g_searches_answered;
-            rc = take_result(FN_ldap_search_ext_s, LDAP_SUCCESS);
-            if (rc == LDAP_SUCCESS || (rc > 0 && g_result_on_error >= 1) ||
-                (rc < 0 && g_result_on_error >= 2))
-                *res = chain_build(set);
-        }
+        out(" timeout={%ld,%ld}", (long)timeout->tv_sec, (long)timeout->tv_usec);
+    out(" sizelimit=%d", sizelimit);
+    int rc = answer(ld, __func__);
+    *res = NULL;
+    /* a server's result code (positive) still comes with a chain; a local failure does not */
+    if (rc >= 0) {
+        size_t n = g_nentries - g_script_from;
+        LDAPMessage* chain = xrealloc(NULL, (n + 1) * sizeof *chain);
+        for (size_t i = 0; i <= n; ++i)
+            chain[i] = (struct ldapmsg){i < n ? &chain[i + 1] : NULL,
+                                        i < n ? g_entries[g_script_from + i] : NULL};
+        *res = live_add(chain, K_MESSAGES);
     }
-    handle_note(ld, rc);
-    line_end(&b, ld);
-    pthread_mutex_unlock(&g_mu);
+    end();
     return rc;
 }
 #endif
 
-FK_EXPORT LDAPMessage* ldap_first_entry(LDAP* ld, LDAPMessage* chain) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_first_entry);
-    LDAPMessage* e = NULL;
-    if (check_handle(&b, ld) != NULL && chain != NULL) {
-        LDAPMessage* m = message_live(chain);
-        if (m == NULL)
-            line_error(&b, "not a message of a live chain");
-        else
-            e = entry_from(m);
-    }
-    buf_put(&b, " -> ", 4);
-    buf_str(&b, e ? e->entry.dn : NULL);
-    line_end(&b, ld);
-    pthread_mutex_unlock(&g_mu);
+/* A message of a live chain on an open handle; NULL (and no misuse) for a NULL chain. */
+static LDAPMessage* check_chain(LDAP* ld, LDAPMessage* chain) {
+    if (check_handle(ld) == NULL || chain == NULL)
+        return NULL;
+    LDAPMessage* m = message_live(chain);
+    if (m == NULL)
+        misuse("not a message of a live chain");
+    return m;
+}
+
+EXPORT LDAPMessage* ldap_first_entry(LDAP* ld, LDAPMessage* chain) {
+    begin(__func__);
+    LDAPMessage* e = as_entry(check_chain(ld, chain));
+    out_str(" -> ", e ? e->entry->dn : NULL);
+    end();
     return e;
 }
 
-FK_EXPORT LDAPMessage* ldap_next_entry(LDAP* ld, LDAPMessage* entry) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_next_entry);
-    LDAPMessage* e = NULL;
-    if (check_handle(&b, ld) != NULL) {
-        LDAPMessage* m = check_entry(&b, entry);
-        if (m != NULL)
-            e = entry_from(m->next);
-    }
-    buf_put(&b, " -> ", 4);
-    buf_str(&b, e ? e->entry.dn : NULL);
-    line_end(&b, ld);
-    pthread_mutex_unlock(&g_mu);
+EXPORT LDAPMessage* ldap_next_entry(LDAP* ld, LDAPMessage* entry) {
+    begin(__func__);
+    LDAPMessage* m = check_entry(ld, entry);
+    LDAPMessage* e = m != NULL ? as_entry(m->next) : NULL;
+    out_str(" -> ", e ? e->entry->dn : NULL);
+    end();
     return e;
 }
 
-FK_EXPORT int ldap_count_entries(LDAP* ld, LDAPMessage* chain) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_count_entries);
-    int n = -1;
-    if (check_handle(&b, ld) != NULL && chain != NULL) {
-        LDAPMessage* m = message_live(chain);
-        if (m == NULL) {
-            line_error(&b, "not a message of a live chain");
-        } else {
-            n = 0;
-            for (; m != NULL; m = m->next)
-                if (m->type == LDAP_RES_SEARCH_ENTRY)
-                    ++n;
-        }
-    }
-    buf_printf(&b, " -> %d", n);
-    line_end(&b, ld);
-    pthread_mutex_unlock(&g_mu);
+EXPORT int ldap_count_entries(LDAP* ld, LDAPMessage* chain) {
+    begin(__func__);
+    LDAPMessage* m = check_chain(ld, chain);
+    int n = m != NULL ? 0 : -1;
+    for (; as_entry(m) != NULL; m = m->next)
+        ++n;
+    out(" -> %d", n);
+    end();
     return n;
 }
 
-FK_EXPORT char* ldap_get_dn(LDAP* ld, LDAPMessage* entry) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_get_dn);
-    char* dn = NULL;
-    if (check_handle(&b, ld) != NULL) {
-        LDAPMessage* m = check_entry(&b, entry);
-        if (m != NULL) {
-            dn = xstrdup(m->entry.dn);
-            live_add(dn, K_STRINGS);
-        }
-    }
-    buf_put(&b, " -> ", 4);
-    buf_str(&b, dn);
-    line_end(&b, ld);
-    pthread_mutex_unlock(&g_mu);
+EXPORT char* ldap_get_dn(LDAP* ld, LDAPMessage* entry) {
+    begin(__func__);
+    LDAPMessage* m = check_entry(ld, entry);
+    char* dn = m != NULL ? live_add(xstrdup(m->entry->dn), K_STRINGS) : NULL;
+    out_str(" -> ", dn);
+    end();
     return dn;
 }
 
-FK_EXPORT char* ldap_first_attribute(LDAP* ld, LDAPMessage* entry, BerElement** berout) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_first_attribute);
-    char* name = NULL;
-    if (berout == NULL) {
-        line_error(&b, "ber is null");
-    } else {
-        *berout = NULL;
-        LDAPMessage* m = NULL;
-        /* Handed the final result of a search that found nothing, libldap cannot decode an
-           entry from it: it answers null and hands out no ber. The fake does the same. */
-        LDAPMessage* live = message_live(entry);
-        int final_result = live != NULL && live->type != LDAP_RES_SEARCH_ENTRY;
-        if (check_handle(&b, ld) != NULL && !final_result)
-            m = check_entry(&b, entry);
-        if (m != NULL) {
-            BerElement* ber = xmalloc(sizeof *ber);
-            ber->entry = m;
-            ber->next_attr = 0;
-            live_add(ber, K_BERS);
-            *berout = ber;
-            if (m->entry.nattrs > 0) {
-                name = xstrdup(m->entry.attrs[0].name);
-                live_add(name, K_STRINGS);
-                ber->next_attr = 1;
-            }
-        }
-    }
-    buf_put(&b, " -> ", 4);
-    buf_str(&b, name);
-    line_end(&b, ld);
-    pthread_mutex_unlock(&g_mu);
-    return name;
+/* Hands out the name of the ber's next attribute; NULL at the end. */
+static char* next_name(BerElement* ber) {
+    struct fk_entry* e = ber->entry->entry;
+    if (ber->next_attr >= e->nattrs)
+        return NULL;
+    return live_add(xstrdup(e->attrs[ber->next_attr++].name), K_STRINGS);
 }
 
-FK_EXPORT char* ldap_next_attribute(LDAP* ld, LDAPMessage* entry, BerElement* ber) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_next_attribute);
+EXPORT char* ldap_first_attribute(LDAP* ld, LDAPMessage* entry, BerElement** berout) {
+    begin(__func__);
+    /* Handed the final result of a search that found nothing, libldap cannot decode an entry
+       from it: it answers null and hands out no ber. */
+    LDAPMessage* live = message_live(entry);
+    LDAPMessage* m = live == NULL || live->entry != NULL ? check_entry(ld, entry) : NULL;
     char* name = NULL;
-    LDAPMessage* m = NULL;
-    if (check_handle(&b, ld) != NULL)
-        m = check_entry(&b, entry);
+    *berout = NULL;
     if (m != NULL) {
-        if (live_find(ber, K_BERS) < 0) {
-            line_error(&b, ber == NULL ? "ber is null" : "not a live ber");
-        } else if (ber->entry != m) {
-            line_error(&b, "ber belongs to another entry");
-        } else if (ber->next_attr < m->entry.nattrs) {
-            name = xstrdup(m->entry.attrs[ber->next_attr++].name);
-            live_add(name, K_STRINGS);
-        }
+        *berout = live_add(xrealloc(NULL, sizeof **berout), K_BERS);
+        **berout = (struct berelement){m, 0};
+        name = next_name(*berout);
     }
-    buf_put(&b, " -> ", 4);
-    buf_str(&b, name);
-    line_end(&b, ld);
-    pthread_mutex_unlock(&g_mu);
+    out_str(" -> ", name);
+    end();
     return name;
 }
 
-FK_EXPORT int ldap_msgfree(LDAPMessage* lm) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_msgfree);
-    int type = 0;
-    if (lm == NULL) {
-        buf_put(&b, " null", 5);
-    } else {
-        int i = live_find(lm, K_MESSAGES);
-        if (i >= 0) {
-            type = (int)lm->type;
-            live_remove(i);
-            chain_free(lm);
+EXPORT char* ldap_next_attribute(LDAP* ld, LDAPMessage* entry, BerElement* ber) {
+    begin(__func__);
+    LDAPMessage* m = check_entry(ld, entry);
+    char* name = NULL;
+    if (m != NULL && (live_find(ber, K_BERS) < 0 || ber->entry != m))
+        misuse("not the live ber of this entry");
+    else if (m != NULL)
+        name = next_name(ber);
+    out_str(" -> ", name);
+    end();
+    return name;
+}
+
+/* The values of attribute `target` as a new NULL-terminated array: strings (K_VALUES) or bervals
+ * of exactly bv_len bytes (K_BVALUES), so that reading past a value is caught. NULL when the
+ * attribute has no value. */
+static void* values_of(LDAP* ld, LDAPMessage* entry, const char* target, enum kind kind) {
+    out_str(" attr=", target);
+    LDAPMessage* m = check_entry(ld, entry);
+    struct fk_attr* a = m != NULL ? attr_find(m->entry, target) : NULL;
+    if (a == NULL || a->nvals == 0) {
+        out(" -> null");
+        return NULL;
+    }
+    out(" -> %zu", a->nvals);
+    void** vals = xrealloc(NULL, (a->nvals + 1) * sizeof *vals);
+    for (size_t v = 0; v < a->nvals; ++v) {
+        const struct berval* b = &a->vals[v];
+        if (kind == K_BVALUES) {
+            struct berval* copy = vals[v] = xrealloc(NULL, sizeof *copy);
+            *copy = berval_copy(b->bv_val, b->bv_len);
         } else {
-            line_error(&b, message_live(lm) ? "not the head of a chain" : "not a live chain");
-            type = -1;
+            char* text = vals[v] = xrealloc(NULL, b->bv_len + 1);
+            memcpy(text, b->bv_val, b->bv_len);
+            text[b->bv_len] = '\0';
         }
     }
-    line_end(&b, NULL);
-    pthread_mutex_unlock(&g_mu);
+    vals[a->nvals] = NULL;
+    return live_add(vals, kind);
+}
+
+EXPORT char** ldap_get_values(LDAP* ld, LDAPMessage* entry, LDAP_CONST char* target) {
+    begin(__func__);
+    char** vals = values_of(ld, entry, target, K_VALUES);
+    end();
+    return vals;
+}
+
+EXPORT struct berval** ldap_get_values_len(LDAP* ld, LDAPMessage* entry, LDAP_CONST char* target) {
+    begin(__func__);
+    struct berval** vals = values_of(ld, entry, target, K_BVALUES);
+    end();
+    return vals;
+}
+
+/* ---- Client functions: releases ----------------------------------------------------------- */
+
+EXPORT int ldap_msgfree(LDAPMessage* lm) {
+    begin(__func__);
+    int type = 0; /* the type of the chain's first message; -1 for a chain not live */
+    if (lm != NULL && live_find(lm, K_MESSAGES) < 0)
+        type = -1;
+    else if (lm != NULL)
+        type = (int)(lm->entry != NULL ? LDAP_RES_SEARCH_ENTRY : LDAP_RES_SEARCH_RESULT);
+    release(lm, K_MESSAGES, "not a live chain");
+    end();
     return type;
 }
 
-FK_EXPORT char** ldap_get_values(LDAP* ld, LDAPMessage* entry, LDAP_CONST char* target) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_get_values);
-    buf_put(&b, " attr=", 6);
-    buf_str(&b, target);
-    char** vals = NULL;
-    LDAPMessage* m = NULL;
-    if (check_handle(&b, ld) != NULL)
-        m = check_entry(&b, entry);
-    struct fk_attr* a = m ? attr_find(&m->entry, target) : NULL;
-    if (a != NULL && a->nvals > 0) {
-        vals = xmalloc((a->nvals + 1) * sizeof *vals);
-        for (size_t v = 0; v < a->nvals; ++v) {
-            vals[v] = xmalloc(a->vals[v].bv_len + 1);
-            if (a->vals[v].bv_len)
-                memcpy(vals[v], a->vals[v].bv_val, a->vals[v].bv_len);
-            vals[v][a->vals[v].bv_len] = '\0';
-        }
-        vals[a->nvals] = NULL;
-        live_add(vals, K_VALUES);
-        buf_printf(&b, " -> %zu", a->nvals);
-    } else {
-        buf_put(&b, " -> null", 8);
-    }
-    line_end(&b, ld);
-    pthread_mutex_unlock(&g_mu);
-    return vals;
+EXPORT void ldap_value_free(char** vals) {
+    begin(__func__);
+    release(vals, K_VALUES, "not a live array from ldap_get_values");
+    end();
 }
 
-FK_EXPORT struct berval** ldap_get_values_len(LDAP* ld, LDAPMessage* entry,
-                                              LDAP_CONST char* target) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_get_values_len);
-    buf_put(&b, " attr=", 6);
-    buf_str(&b, target);
-    struct berval** vals = NULL;
-    LDAPMessage* m = NULL;
-    if (check_handle(&b, ld) != NULL)
-        m = check_entry(&b, entry);
-    struct fk_attr* a = m ? attr_find(&m->entry, target) : NULL;
-    if (a != NULL && a->nvals > 0) {
-        vals = xmalloc((a->nvals + 1) * sizeof *vals);
-        for (size_t v = 0; v < a->nvals; ++v) {
-            /* exactly bv_len bytes and no terminator, so reading past the value is caught */
-            vals[v] = xmalloc(sizeof **vals);
-            berval_copy(vals[v], a->vals[v].bv_val, a->vals[v].bv_len);
-        }
-        vals[a->nvals] = NULL;
-        live_add(vals, K_BVALUES);
-        buf_printf(&b, " -> %zu", a->nvals);
-    } else {
-        buf_put(&b, " -> null", 8);
-    }
-    line_end(&b, ld);
-    pthread_mutex_unlock(&g_mu);
-    return vals;
+EXPORT void ldap_value_free_len(struct berval** vals) {
+    begin(__func__);
+    release(vals, K_BVALUES, "not a live array from ldap_get_values_len");
+    end();
 }
 
-FK_EXPORT void ldap_value_free(char** vals) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_value_free);
-    if (vals == NULL) {
-        buf_put(&b, " null", 5);
-    } else {
-        int i = live_find(vals, K_VALUES);
-        if (i < 0) {
-            line_error(&b, "not a live array from ldap_get_values");
-        } else {
-            live_remove(i);
-            for (size_t v = 0; vals[v] != NULL; ++v)
-                free(vals[v]);
-            free(vals);
-        }
-    }
-    line_end(&b, NULL);
-    pthread_mutex_unlock(&g_mu);
+EXPORT void ldap_memfree(void* p) {
+    begin(__func__);
+    release(p, K_STRINGS, "not a live string from this library");
+    end();
 }
 
-FK_EXPORT void ldap_value_free_len(struct berval** vals) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_value_free_len);
-    if (vals == NULL) {
-        buf_put(&b, " null", 5);
-    } else {
-        int i = live_find(vals, K_BVALUES);
-        if (i < 0) {
-            line_error(&b, "not a live array from ldap_get_values_len");
-        } else {
-            live_remove(i);
-            for (size_t v = 0; vals[v] != NULL; ++v) {
-                free(vals[v]->bv_val);
-                free(vals[v]);
-            }
-            free(vals);
-        }
-    }
-    line_end(&b, NULL);
-    pthread_mutex_unlock(&g_mu);
+EXPORT void ber_free(BerElement* ber, int freebuf) {
+    begin(__func__);
+    if (ber != NULL)
+        out(" freebuf=%d", freebuf);
+    /* the buffer belongs to the entry: freeing it would break the chain */
+    if (release(ber, K_BERS, "not a live ber") && freebuf != 0)
+        misuse("freebuf must be 0 for a ber from ldap_first_attribute");
+    end();
 }
 
-FK_EXPORT void ldap_memfree(void* p) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_memfree);
-    if (p == NULL) {
-        buf_put(&b, " null", 5);
-    } else {
-        int i = live_find(p, K_STRINGS);
-        if (i < 0) {
-            line_error(&b, "not a live string from this library");
-        } else {
-            live_remove(i);
-            free(p);
-        }
-    }
-    line_end(&b, NULL);
-    pthread_mutex_unlock(&g_mu);
-}
+/* ---- Client functions: writes ------------------------------------------------------------- */
 
-FK_EXPORT void ber_free(BerElement* ber, int freebuf) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ber_free);
-    if (ber == NULL) {
-        buf_put(&b, " null", 5);
-    } else {
-        buf_printf(&b, " freebuf=%d", freebuf);
-        int i = live_find(ber, K_BERS);
-        if (i < 0) {
-            line_error(&b, "not a live ber");
-        } else {
-            /* the buffer belongs to the entry: freeing it would break the chain */
-            if (freebuf != 0)
-                line_error(&b, "freebuf must be 0 for a ber from ldap_first_attribute");
-            live_remove(i);
-            free(ber);
-        }
-    }
-    line_end(&b, NULL);
-    pthread_mutex_unlock(&g_mu);
-}
-
-FK_EXPORT int ldap_add_s(LDAP* ld, LDAP_CONST char* dn, LDAPMod** attrs) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_add_s);
-    buf_put(&b, " dn=", 4);
-    buf_str(&b, dn);
-    log_mods(&b, attrs);
-    write_record(attrs);
-    int rc = handle_gate(&b, ld);
+EXPORT int ldap_add_s(LDAP* ld, LDAP_CONST char* dn, LDAPMod** attrs) {
+    begin(__func__);
+    write_log(dn, attrs);
+    int rc = handle_gate(ld);
     if (rc == 0)
         rc = add_mods_check(attrs);
     if (rc == 0)
-        rc = take_result(FN_ldap_add_s, LDAP_SUCCESS);
-    handle_note(ld, rc);
-    line_end(&b, ld);
-    pthread_mutex_unlock(&g_mu);
+        rc = take_result(__func__, LDAP_SUCCESS);
+    end();
     return rc;
 }
 
-FK_EXPORT int ldap_add(LDAP* ld, LDAP_CONST char* dn, LDAPMod** attrs) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_add);
-    buf_put(&b, " dn=", 4);
-    buf_str(&b, dn);
-    log_mods(&b, attrs);
-    write_record(attrs);
-    int msgid;
-    int rc = handle_gate(&b, ld);
+EXPORT int ldap_add(LDAP* ld, LDAP_CONST char* dn, LDAPMod** attrs) {
+    begin(__func__);
+    write_log(dn, attrs);
+    int msgid = -1;
     /* an empty value array is refused by the server, in a result nobody reads here */
-    if (rc == 0 && add_mods_check(attrs) == LDAP_PARAM_ERROR)
-        rc = LDAP_PARAM_ERROR;
-    if (rc != 0) {
-        handle_note(ld, rc);
-        msgid = -1;
-    } else {
-        const struct fk_answer* a = &g_answers[FN_ldap_add];
-        msgid = (a->queue_len > 0 || a->forced) ? take_result(FN_ldap_add, 0) : g_next_msgid++;
-        handle_note(ld, msgid < 0 ? msgid : LDAP_SUCCESS);
-    }
-    line_end(&b, ld);
-    pthread_mutex_unlock(&g_mu);
+    if (handle_gate(ld) == 0 && add_mods_check(attrs) != LDAP_PARAM_ERROR)
+        msgid = take_result(__func__, g_next_msgid++);
+    end();
     return msgid;
 }
 
-FK_EXPORT int ldap_modify_s(LDAP* ld, LDAP_CONST char* dn, LDAPMod** mods) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_modify_s);
-    buf_put(&b, " dn=", 4);
-    buf_str(&b, dn);
-    log_mods(&b, mods);
-    write_record(mods);
-    int rc = handle_gate(&b, ld);
-    if (rc == 0)
-        rc = take_result(FN_ldap_modify_s, LDAP_SUCCESS);
-    handle_note(ld, rc);
-    line_end(&b, ld);
-    pthread_mutex_unlock(&g_mu);
+EXPORT int ldap_modify_s(LDAP* ld, LDAP_CONST char* dn, LDAPMod** mods) {
+    begin(__func__);
+    write_log(dn, mods);
+    int rc = answer(ld, __func__);
+    end();
     return rc;
 }
 
-FK_EXPORT int ldap_delete_s(LDAP* ld, LDAP_CONST char* dn) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_delete_s);
-    buf_put(&b, " dn=", 4);
-    buf_str(&b, dn);
-    int rc = handle_gate(&b, ld);
-    if (rc == 0)
-        rc = take_result(FN_ldap_delete_s, LDAP_SUCCESS);
-    handle_note(ld, rc);
-    line_end(&b, ld);
-    pthread_mutex_unlock(&g_mu);
+EXPORT int ldap_delete_s(LDAP* ld, LDAP_CONST char* dn) {
+    begin(__func__);
+    out_str(" dn=", dn);
+    int rc = answer(ld, __func__);
+    end();
     return rc;
 }
 
-FK_EXPORT char* ldap_err2string(int err) {
-    pthread_mutex_lock(&g_mu);
-    struct fk_buf b = line_begin(FN_ldap_err2string);
-    buf_printf(&b, " rc=%d", err);
-    line_end(&b, NULL);
-    pthread_mutex_unlock(&g_mu);
-    const char* text;
-    switch (err) {
-        case LDAP_SUCCESS:
-            text = "Success";
-            break;
-        case LDAP_OPERATIONS_ERROR:
-            text = "Operations error";
-            break;
-        case LDAP_PROTOCOL_ERROR:
-            text = "Protocol error";
-            break;
-        case LDAP_SIZELIMIT_EXCEEDED:
-            text = "Size limit exceeded";
-            break;
-        case LDAP_UNDEFINED_TYPE:
-            text = "Undefined attribute type";
-            break;
-        case LDAP_INVALID_SYNTAX:
-            text = "Invalid syntax";
-            break;
-        case LDAP_NO_SUCH_OBJECT:
-            text = "No such object";
-            break;
-        case LDAP_INVALID_DN_SYNTAX:
-            text = "Invalid DN syntax";
-            break;
-        case LDAP_INVALID_CREDENTIALS:
-            text = "Invalid credentials";
-            break;
-        case LDAP_INSUFFICIENT_ACCESS:
-            text = "Insufficient access";
-            break;
-        case LDAP_UNWILLING_TO_PERFORM:
-            text = "Server is unwilling to perform";
-            break;
-        case LDAP_OBJECT_CLASS_VIOLATION:
-            text = "Object class violation";
-            break;
-        case LDAP_NOT_ALLOWED_ON_NONLEAF:
-            text = "Operation not allowed on non-leaf";
-            break;
-        case LDAP_ALREADY_EXISTS:
-            text = "Already exists";
-            break;
-        case LDAP_SERVER_DOWN:
-            text = "Can't contact LDAP server";
-            break;
-        case LDAP_TIMEOUT:
-            text = "Timed out";
-            break;
-        case LDAP_PARAM_ERROR:
-            text = "Bad parameter to an ldap routine";
-            break;
-        case LDAP_CONNECT_ERROR:
-            text = "Connect error";
-            break;
-        default:
-            text = "Unknown error";
-            break;
-    }
+EXPORT char* ldap_err2string(int err) {
+    begin(__func__);
+    out(" rc=%d", err);
+    end();
     /* ldap.h declares a non-const result; callers must not write to it */
-    return (char*)text;
+    return (char*)(err == LDAP_SUCCESS ? "Success" : "Error from the fake libldap");
 }
 
 /* ---- Control functions -------------------------------------------------------------------- */
 
-FK_EXPORT void fake_ldap_reset(void) {
+EXPORT void fake_ldap_reset(void) {
     pthread_mutex_lock(&g_mu);
-    memset(g_answers, 0, sizeof g_answers);
-    buf_free(&g_log);
-    free(g_log_snapshot);
-    g_log_snapshot = NULL;
-    free(g_summary_snapshot);
-    g_summary_snapshot = NULL;
-    script_free();
-    g_searches_answered = 0;
-    write_free();
+    for (size_t i = 0; i < N_ANSWERS; ++i)
+        g_answers[i].queued = g_answers[i].forced = 0;
+    g_log_len = 0;
+    g_script_from = g_nentries;
+    written_free();
     g_init_null = 0;
-    g_result_on_error = 1;
-    g_log_handles = 0;
-    g_default_version = LDAP_VERSION2;
     g_errors = 0;
     g_next_msgid = 1;
-    int max_id = 0;
     for (size_t i = 0; i < g_nlive; ++i) {
         g_live[i].counted = 0;
-        if (g_live[i].kind != K_HANDLES)
-            continue;
-        struct ldap* h = g_live[i].ptr;
-        if (h->id > max_id)
-            max_id = h->id;
         /* the code under test may keep one handle for the whole process: a later test must not
          * inherit an earlier test's outage */
-        if (h->dead == DEAD_SERVER_DOWN)
-            h->dead = 0;
+        if (g_live[i].kind == K_HANDLES)
+            ((struct ldap*)g_live[i].ptr)->dead = 0;
     }
-    g_next_handle_id = max_id + 1;
     pthread_mutex_unlock(&g_mu);
 }
 
-FK_EXPORT void fake_ldap_clear_log(void) {
+EXPORT void fake_ldap_clear_log(void) {
     pthread_mutex_lock(&g_mu);
-    buf_free(&g_log);
-    for (int i = 0; i < FN_COUNT; ++i)
-        g_answers[i].calls = 0;
+    g_log_len = 0;
     pthread_mutex_unlock(&g_mu);
 }
 
-FK_EXPORT const char* fake_ldap_log(void) {
+EXPORT const char* fake_ldap_log(void) {
     pthread_mutex_lock(&g_mu);
-    free(g_log_snapshot);
-    g_log_snapshot = xstrdup(g_log.p ? g_log.p : "");
-    const char* s = g_log_snapshot;
+    g_log_copy = xrealloc(g_log_copy, g_log_len + 1);
+    memcpy(g_log_copy, g_log ? g_log : "", g_log_len);
+    g_log_copy[g_log_len] = '\0';
     pthread_mutex_unlock(&g_mu);
-    return s;
+    return g_log_copy;
 }
 
-FK_EXPORT int fake_ldap_calls(const char* function) {
-    int fn = fn_lookup(function);
-    if (fn < 0)
+/* Counted from the log, which is forgotten together with the counts. */
+EXPORT int fake_ldap_calls(const char* function) {
+    char word[64];
+    if (function == NULL || (size_t)snprintf(word, sizeof word, " %s ", function) >= sizeof word ||
+        strstr(k_exported, word) == NULL)
         return -1;
+    size_t len = strlen(function);
+    int n = 0;
     pthread_mutex_lock(&g_mu);
-    int n = g_answers[fn].calls;
+    for (const char* line = g_log; g_log_len > 0 && line < g_log + g_log_len;
+         line = strchr(line, '\n') + 1)
+        n += strncmp(line, function, len) == 0 && (line[len] == ' ' || line[len] == '\n');
     pthread_mutex_unlock(&g_mu);
     return n;
 }
 
-FK_EXPORT int fake_ldap_set_result(const char* function, int rc) {
-    int fn = fn_lookup(function);
-    if (fn < 0 || !fn_settable[fn])
-        return -1;
+EXPORT int fake_ldap_set_result(const char* function, int rc) {
     pthread_mutex_lock(&g_mu);
-    g_answers[fn].forced = 1;
-    g_answers[fn].forced_rc = rc;
+    struct answer* a = answer_for(function);
+    if (a != NULL) {
+        a->forced = 1;
+        a->forced_rc = rc;
+    }
     pthread_mutex_unlock(&g_mu);
-    return 0;
+    return a != NULL ? 0 : -1;
 }
 
-FK_EXPORT int fake_ldap_push_result(const char* function, int rc) {
-    int fn = fn_lookup(function);
-    if (fn < 0 || !fn_settable[fn])
-        return -1;
-    int ok = -1;
+EXPORT int fake_ldap_push_result(const char* function, int rc) {
     pthread_mutex_lock(&g_mu);
-    struct fk_answer* a = &g_answers[fn];
-    if (a->queue_len < FK_QUEUE_MAX) {
-        a->queue[(a->queue_head + a->queue_len) % FK_QUEUE_MAX] = rc;
-        ++a->queue_len;
-        ok = 0;
-    }
+    struct answer* a = answer_for(function);
+    int ok = a != NULL && a->queued < QUEUE_MAX ? 0 : -1;
+    if (ok == 0)
+        a->queue[a->queued++] = rc;
     pthread_mutex_unlock(&g_mu);
     return ok;
 }
 
-FK_EXPORT void fake_ldap_set_init_null(int on) {
+EXPORT void fake_ldap_set_init_null(int on) {
     pthread_mutex_lock(&g_mu);
     g_init_null = on != 0;
     pthread_mutex_unlock(&g_mu);
 }
 
-FK_EXPORT void fake_ldap_set_search_result_on_error(int mode) {
-    pthread_mutex_lock(&g_mu);
-    g_result_on_error = mode;
-    pthread_mutex_unlock(&g_mu);
-}
-
-FK_EXPORT void fake_ldap_server_down(void) {
+EXPORT void fake_ldap_server_down(void) {
     pthread_mutex_lock(&g_mu);
     for (size_t i = 0; i < g_nlive; ++i)
-        if (g_live[i].kind == K_HANDLES && ((struct ldap*)g_live[i].ptr)->dead == 0)
-            ((struct ldap*)g_live[i].ptr)->dead = DEAD_SERVER_DOWN;
+        if (g_live[i].kind == K_HANDLES)
+            ((struct ldap*)g_live[i].ptr)->dead = 1;
     pthread_mutex_unlock(&g_mu);
 }
 
-FK_EXPORT void fake_ldap_set_log_handles(int on) {
+EXPORT int fake_ldap_add_entry(const char* dn) {
     pthread_mutex_lock(&g_mu);
-    g_log_handles = on != 0;
-    pthread_mutex_unlock(&g_mu);
-}
-
-FK_EXPORT void fake_ldap_new_result_set(void) {
-    pthread_mutex_lock(&g_mu);
-    if (g_nsets == 0) {
-        /* set 0 exists implicitly; make it explicit before starting set 1 */
-        g_sets = xrealloc(g_sets, sizeof *g_sets);
-        g_sets[0].n = 0;
-        g_sets[0].entries = NULL;
-        g_nsets = 1;
-    }
-    g_sets = xrealloc(g_sets, (g_nsets + 1) * sizeof *g_sets);
-    g_sets[g_nsets].n = 0;
-    g_sets[g_nsets].entries = NULL;
-    ++g_nsets;
-    pthread_mutex_unlock(&g_mu);
-}
-
-FK_EXPORT int fake_ldap_add_entry(const char* dn) {
-    if (dn == NULL)
-        return -1;
-    pthread_mutex_lock(&g_mu);
-    if (g_nsets == 0) {
-        g_sets = xrealloc(g_sets, sizeof *g_sets);
-        g_sets[0].n = 0;
-        g_sets[0].entries = NULL;
-        g_nsets = 1;
-    }
-    struct fk_set* set = &g_sets[g_nsets - 1];
-    set->entries = xrealloc(set->entries, (set->n + 1) * sizeof *set->entries);
-    struct fk_entry* e = &set->entries[set->n++];
-    e->dn = xstrdup(dn);
-    e->nattrs = 0;
-    e->attrs = NULL;
+    g_entries = xrealloc(g_entries, (g_nentries + 1) * sizeof *g_entries);
+    struct fk_entry* e = g_entries[g_nentries++] = xrealloc(NULL, sizeof *e);
+    *e = (struct fk_entry){xstrdup(dn), 0, NULL};
     pthread_mutex_unlock(&g_mu);
     return 0;
 }
 
-FK_EXPORT int fake_ldap_add_attr(const char* attr) {
-    if (attr == NULL)
-        return -1;
-    int rc = -1;
+EXPORT int fake_ldap_add_value(const char* attr, const void* data, unsigned len) {
     pthread_mutex_lock(&g_mu);
-    struct fk_entry* e = script_last_entry();
+    struct fk_entry* e = g_nentries > g_script_from ? g_entries[g_nentries - 1] : NULL;
     if (e != NULL) {
-        attr_add(e, attr);
-        rc = 0;
+        struct fk_attr* a = attr_find(e, attr);
+        value_add(a != NULL ? a : attr_add(e, attr), data, len);
     }
     pthread_mutex_unlock(&g_mu);
-    return rc;
+    return e != NULL ? 0 : -1;
 }
 
-FK_EXPORT int fake_ldap_add_value(const char* attr, const void* data, unsigned len) {
-    if (attr == NULL || (data == NULL && len != 0))
-        return -1;
-    int rc = -1;
-    pthread_mutex_lock(&g_mu);
-    struct fk_entry* e = script_last_entry();
-    if (e != NULL) {
-        struct fk_attr* a = attr_add(e, attr);
-        a->vals = xrealloc(a->vals, (a->nvals + 1) * sizeof *a->vals);
-        berval_copy(&a->vals[a->nvals++], data, len);
-        rc = 0;
-    }
-    pthread_mutex_unlock(&g_mu);
-    return rc;
-}
-
-FK_EXPORT int fake_ldap_outstanding(void) {
+/* The handles (or the other objects) handed out since the last reset and not released. */
+static int count_live(int handles) {
     int n = 0;
     pthread_mutex_lock(&g_mu);
     for (size_t i = 0; i < g_nlive; ++i)
-        if (g_live[i].counted && g_live[i].kind != K_HANDLES)
-            ++n;
+        n += g_live[i].counted && (g_live[i].kind == K_HANDLES) == handles;
     pthread_mutex_unlock(&g_mu);
     return n;
 }
 
-FK_EXPORT const char* fake_ldap_outstanding_summary(void) {
-    int n[K_COUNT] = {0};
-    pthread_mutex_lock(&g_mu);
-    for (size_t i = 0; i < g_nlive; ++i)
-        if (g_live[i].counted)
-            ++n[g_live[i].kind];
-    struct fk_buf b = {NULL, 0, 0};
-    for (int k = 0; k < K_COUNT; ++k)
-        buf_printf(&b, "%s%s=%d", k ? " " : "", kind_names[k], n[k]);
-    free(g_summary_snapshot);
-    g_summary_snapshot = b.p;
-    const char* s = g_summary_snapshot;
-    pthread_mutex_unlock(&g_mu);
-    return s;
+EXPORT int fake_ldap_outstanding(void) {
+    return count_live(0);
 }
 
-FK_EXPORT int fake_ldap_open_handles(void) {
-    int n = 0;
-    pthread_mutex_lock(&g_mu);
-    for (size_t i = 0; i < g_nlive; ++i)
-        if (g_live[i].counted && g_live[i].kind == K_HANDLES)
-            ++n;
-    pthread_mutex_unlock(&g_mu);
-    return n;
+EXPORT int fake_ldap_open_handles(void) {
+    return count_live(1);
 }
 
-FK_EXPORT int fake_ldap_errors(void) {
+EXPORT int fake_ldap_errors(void) {
     pthread_mutex_lock(&g_mu);
     int n = g_errors;
     pthread_mutex_unlock(&g_mu);
     return n;
 }
 
-static const struct fk_mod_rec* written_find(const char* attr) {
-    if (attr == NULL || !g_have_write)
-        return NULL;
-    for (size_t i = 0; i < g_nwrite; ++i)
-        if (strcasecmp(g_write[i].type, attr) == 0)
-            return &g_write[i];
-    return NULL;
-}
-
-FK_EXPORT int fake_ldap_written_values(const char* attr) {
+EXPORT const void* fake_ldap_written_value(const char* attr, unsigned* len) {
     pthread_mutex_lock(&g_mu);
-    const struct fk_mod_rec* r = written_find(attr);
-    int n = r ? (int)r->nvals : -1;
+    const struct fk_attr* a = attr_find(&g_written, attr);
+    const struct berval* b = a != NULL && a->nvals > 0 ? &a->vals[0] : NULL;
+    if (b != NULL)
+        *len = (unsigned)b->bv_len;
     pthread_mutex_unlock(&g_mu);
-    return n;
-}
-
-FK_EXPORT const void* fake_ldap_written_value(const char* attr, unsigned index, unsigned* len) {
-    const void* data = NULL;
-    pthread_mutex_lock(&g_mu);
-    const struct fk_mod_rec* r = written_find(attr);
-    if (r != NULL && index < r->nvals) {
-        data = r->vals[index].bv_val;
-        if (len)
-            *len = (unsigned)r->vals[index].bv_len;
-    }
-    pthread_mutex_unlock(&g_mu);
-    return data;
+    return b != NULL ? b->bv_val : NULL;
 }
