@@ -1,17 +1,7 @@
-// Fuzzes the copies into fixed-width fields (CutCopy, FitCopy, Format, IsText), the
-// preparation of one text modification (GetParaAtt) and the GB/UTF-8 converter under it.
-//
-// Every destination sits between guard bytes; a copy that writes one byte past its field, or
-// a refusal that changes anything, stops the run. Sources that need not be NUL-terminated are
-// given exactly the bytes the copy may read, on the heap, so reading past them is caught too.
+// Fuzzes the copies into fixed-width fields (CutCopy, FitCopy, Format, IsText), GetParaAtt and
+// the GB/UTF-8 converter under it. Destinations are followed by guard bytes; a source that need
+// not end in a NUL gets exactly the bytes a copy may read, on the heap.
 #include <fuzzer/FuzzedDataProvider.h>
-
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
-#include <string>
-#include <vector>
 
 #include "engine/Bounded.h"
 #include "engine/Constants.h"
@@ -19,322 +9,129 @@
 #include "platform/ChineseCode.h"
 #include "tests/fuzz/FuzzCheck.h"
 
+using qorfuzz::Guarded;
+
 namespace {
 
-size_t const kGuard = 16;
-unsigned char const kFill = 0xa5;
-
-bool AllFill(unsigned char const* p, size_t n) {
-    for (size_t i = 0; i < n; ++i) {
-        if (p[i] != kFill)
-            return false;
-    }
-    return true;
-}
-
-// A field of N bytes between guards, laid out as a record would hold it.
-template <size_t N>
-struct Field {
-    Field() { std::memset(this, kFill, sizeof *this); }
-    bool GuardsIntact() const { return AllFill(pre, kGuard) && AllFill(post, kGuard); }
-    unsigned char pre[kGuard];
-    char field[N];
-    unsigned char post[kGuard];
-};
-
-// A source for a copy bounded by limit: either a NUL-terminated text, or (when the copy may
-// read up to limit bytes and no further) exactly limit bytes without a NUL.
-struct Source {
-    std::vector<char> bytes;
-    char const* Get() const { return bytes.empty() ? nullptr : bytes.data(); }
-};
-
-Source MakeSource(FuzzedDataProvider& in, size_t limit) {
-    Source src;
+// A text for a copy bounded by limit: NUL-terminated, or exactly limit bytes without a NUL.
+std::vector<char> MakeSource(FuzzedDataProvider& in, size_t limit) {
     std::string text = in.ConsumeRandomLengthString(2 * limit + 8);
-    if (in.ConsumeBool() && text.size() >= limit && limit > 0) {
-        src.bytes.assign(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(limit));
-        for (char& c : src.bytes) {
-            if (c == '\0')
-                c = 'x';
-        }
-    } else {
-        src.bytes.assign(text.begin(), text.end());
-        src.bytes.push_back('\0');
-    }
-    return src;
+    bool const unterminated = in.ConsumeBool() && limit > 0 && text.size() >= limit;
+    std::vector<char> bytes(text.begin(), unterminated ? text.begin() + limit : text.end());
+    std::replace(bytes.begin(), bytes.end(), '\0', 'x');
+    if (!unterminated)
+        bytes.push_back('\0');
+    return bytes;
 }
 
-// strnlen over the source as the copy sees it.
-size_t Length(Source const& src, size_t limit) {
-    return strnlen(src.Get(), limit);
+// After a copy of src into dst[size]: dst ends within its field and starts src; ok tells
+// whether all of src came.
+void CheckCut(Guarded const& dst, std::vector<char> const& src, bool ok) {
+    char const* text = reinterpret_cast<char const*>(dst.bytes.data());
+    size_t const kept = strnlen(text, dst.size);
+    FUZZ_CHECK(dst.GuardIntact() && kept < dst.size && std::memcmp(text, src.data(), kept) == 0);
+    FUZZ_CHECK(ok == (kept == strnlen(src.data(), src.size())));
 }
 
-void CheckCutCopyRuntime(FuzzedDataProvider& in) {
-    size_t const size = in.ConsumeIntegralInRange<size_t>(0, 1100);
-    bool const null = in.ConsumeIntegralInRange<int>(0, 15) == 0;
-    Source const src = null ? Source() : MakeSource(in, size);
-    std::vector<unsigned char> buf(size + 2 * kGuard, kFill);
-    char* dst = reinterpret_cast<char*>(buf.data() + kGuard);
-    bool const ok = qor::CutCopy(dst, size, src.Get());
-    FUZZ_CHECK(AllFill(buf.data(), kGuard) && AllFill(buf.data() + kGuard + size, kGuard));
-    if (size == 0) {
-        FUZZ_CHECK(!ok && AllFill(buf.data(), buf.size()));
-        return;
-    }
-    if (null) {
-        FUZZ_CHECK(!ok && dst[0] == '\0');
-        return;
-    }
-    size_t const len = Length(src, size);
-    FUZZ_CHECK(ok == (len < size));
-    size_t const kept = len < size ? len : size - 1;
-    FUZZ_CHECK(std::memcmp(dst, src.Get(), kept) == 0 && dst[kept] == '\0');
-}
-
+// CutCopy and FitCopy into a field of N bytes. No source is refused, leaving an empty text
+// (CutCopy) or the field as it was (FitCopy); no room is refused, writing nothing.
 template <size_t N>
 void CheckFixed(FuzzedDataProvider& in) {
-    Source const src = MakeSource(in, N);
-    {
-        Field<N> f;
-        bool const ok = qor::CutCopy(f.field, src.Get());
-        FUZZ_CHECK(f.GuardsIntact());
-        size_t const len = Length(src, N);
-        FUZZ_CHECK(ok == (len < N));
-        size_t const kept = len < N ? len : N - 1;
-        FUZZ_CHECK(std::memcmp(f.field, src.Get(), kept) == 0 && f.field[kept] == '\0');
-        FUZZ_CHECK(qor::IsText(f.field));
-    }
-    {
-        Field<N> f;
-        Field<N> const before;
-        bool const ok = qor::FitCopy(f.field, src.Get());
-        FUZZ_CHECK(f.GuardsIntact());
-        size_t const len = Length(src, N);
-        FUZZ_CHECK(ok == (len < N));
-        if (ok) {
-            FUZZ_CHECK(std::memcmp(f.field, src.Get(), len + 1) == 0);
-        } else {
-            // A text that does not fit leaves the field as it was, every byte.
-            FUZZ_CHECK(std::memcmp(&f, &before, sizeof f) == 0);
-        }
-    }
-    {
-        Field<N> f;
-        Field<N> const before;
-        FUZZ_CHECK(!qor::FitCopy(f.field, nullptr));
-        FUZZ_CHECK(std::memcmp(&f, &before, sizeof f) == 0);
-    }
+    std::vector<char> const src = MakeSource(in, N);
+    Guarded cut(N), fit(N), none(0);
+    Guarded const fresh(N);
+    char(&cutField)[N] = *reinterpret_cast<char(*)[N]>(cut.Data());
+    char(&fitField)[N] = *reinterpret_cast<char(*)[N]>(fit.Data());
+    FUZZ_CHECK(!qor::IsText(fitField));  // no NUL in the field
+    FUZZ_CHECK(!qor::FitCopy(fitField, nullptr) && fit.bytes == fresh.bytes);
+    FUZZ_CHECK(!qor::CutCopy(cutField, nullptr) && cutField[0] == '\0');
+    FUZZ_CHECK(!qor::CutCopy(reinterpret_cast<char*>(none.Data()), 0, src.data()) &&
+               none.GuardIntact());
+    CheckCut(cut, src, qor::CutCopy(cutField, src.data()));
+    FUZZ_CHECK(qor::IsText(cutField));
+    if (qor::FitCopy(fitField, src.data()))  // whole, or not at all
+        FUZZ_CHECK(std::strcmp(fitField, src.data()) == 0 && fit.GuardIntact());
+    else
+        FUZZ_CHECK(fit.bytes == fresh.bytes);
 }
 
-// Format: true only when the whole text fitted; the field always ends within itself.
-template <typename... Args>
-void CheckFormat(size_t size, char const* format, Args... args) {
-    int const whole = std::snprintf(nullptr, 0, format, args...);
-    FUZZ_CHECK(whole >= 0);
-    std::vector<char> expected(static_cast<size_t>(whole) + 1);
-    std::snprintf(expected.data(), expected.size(), format, args...);
-    std::vector<unsigned char> buf(size + 2 * kGuard, kFill);
-    char* dst = reinterpret_cast<char*>(buf.data() + kGuard);
-    bool const ok = qor::Format(dst, size, format, args...);
-    FUZZ_CHECK(AllFill(buf.data(), kGuard) && AllFill(buf.data() + kGuard + size, kGuard));
-    FUZZ_CHECK(ok == (static_cast<size_t>(whole) < size));
-    if (size == 0) {
-        FUZZ_CHECK(AllFill(buf.data(), buf.size()));
-        return;
-    }
-    size_t const kept = static_cast<size_t>(whole) < size ? static_cast<size_t>(whole) : size - 1;
-    FUZZ_CHECK(std::memcmp(dst, expected.data(), kept) == 0 && dst[kept] == '\0');
-}
-
-// The formats the engine fills fixed buffers with.
-#pragma clang diagnostic push
-#pragma clang diagnostic ignored "-Wformat-nonliteral"
-void CheckFormats(FuzzedDataProvider& in) {
-    size_t const size = in.ConsumeIntegralInRange<size_t>(0, 600);
-    std::string const a = in.ConsumeRandomLengthString(300);
-    std::string const b = in.ConsumeRandomLengthString(300);
-    std::string const c = in.ConsumeRandomLengthString(300);
+// Format into a field against the same text in a large one: a prefix of it, true only when
+// whole; no room is refused, writing nothing.
+void CheckFormat(FuzzedDataProvider& in) {
+    size_t const size = in.ConsumeIntegralInRange<size_t>(0, 330);
+    std::string const text = in.ConsumeRandomLengthString(300);
     int const n = in.ConsumeIntegral<int>();
-    CheckFormat(size, ATT_SENTENCE_S_D, a.c_str(), n);
-    CheckFormat(size, LDAP_QUERY_CONDITION, a.c_str(), b.c_str());
-    CheckFormat(size, LDAP_DN_COMPOSE, a.c_str(), b.c_str(), c.c_str());
-    CheckFormat(size, LDAP_CHILD_CONDITION, a.c_str(), b.c_str(), c.c_str(), a.c_str());
-}
-#pragma clang diagnostic pop
-
-template <size_t N>
-void CheckIsText(FuzzedDataProvider& in) {
-    char field[N];
-    std::string const bytes = in.ConsumeBytesAsString(N);
-    std::memset(field, 'x', N);
-    std::memcpy(field, bytes.data(), bytes.size());
-    FUZZ_CHECK(qor::IsText(field) == (std::memchr(field, '\0', N) != nullptr));
-    std::memset(field, 'x', N);
-    FUZZ_CHECK(!qor::IsText(field));
-    field[N - 1] = '\0';
-    FUZZ_CHECK(qor::IsText(field));
+    std::vector<char> whole(400);
+    Guarded dst(size);
+    FUZZ_CHECK(qor::Format(whole.data(), whole.size(), ATT_SENTENCE_S_D, text.c_str(), n));
+    char* field = reinterpret_cast<char*>(dst.Data());
+    bool const ok = qor::Format(field, size, ATT_SENTENCE_S_D, text.c_str(), n);
+    if (size == 0)
+        return FUZZ_CHECK(!ok && dst.GuardIntact());
+    CheckCut(dst, whole, ok);
 }
 
-// Strict UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
-bool IsUtf8(unsigned char const* s, size_t n) {
-    size_t i = 0;
-    while (i < n) {
-        unsigned char const c = s[i];
-        size_t extra;
-        unsigned int cp;
-        if (c < 0x80) {
-            ++i;
-            continue;
-        } else if (c >= 0xc2 && c <= 0xdf) {
-            extra = 1;
-            cp = c & 0x1f;
-        } else if (c >= 0xe0 && c <= 0xef) {
-            extra = 2;
-            cp = c & 0x0f;
-        } else if (c >= 0xf0 && c <= 0xf4) {
-            extra = 3;
-            cp = c & 0x07;
-        } else {
-            return false;
-        }
-        if (i + extra >= n)
-            return false;
-        for (size_t k = 1; k <= extra; ++k) {
-            if ((s[i + k] & 0xc0) != 0x80)
-                return false;
-            cp = (cp << 6) | (s[i + k] & 0x3f);
-        }
-        if ((extra == 2 && cp < 0x800) || (extra == 3 && cp < 0x10000) || cp > 0x10ffff ||
-            (cp >= 0xd800 && cp <= 0xdfff)) {
-            return false;
-        }
-        i += extra + 1;
-    }
-    return true;
-}
-
-// A record item's value (a field of 1024 with a NUL within it) made into a modification.
+// A record item's value made into a modification: refused, the frame untouched, exactly when the
+// converter refuses the text; else the UTF-8 comes back to the GB text, or to its other form
+// (GB18030 writes a few characters two ways, such as 95 32 90 31) with the same UTF-8.
 void CheckGetParaAtt(FuzzedDataProvider& in) {
-    tagAttItem item;
-    std::memset(&item, 0, sizeof item);
-    std::string const type = in.ConsumeRandomLengthString(sizeof item.type - 1);
-    std::memcpy(item.type, type.data(), type.size());
-    std::string const value = in.ConsumeRandomLengthString(sizeof item.value - 1);
-    std::memcpy(item.value, value.data(), value.size());
+    tagAttItem item = {};
+    in.ConsumeRandomLengthString(sizeof item.type - 1).copy(item.type, sizeof item.type - 1);
+    in.ConsumeRandomLengthString(sizeof item.value - 1).copy(item.value, sizeof item.value - 1);
     unsigned int const op = in.ConsumeIntegral<unsigned int>();
-    FUZZ_CHECK(qor::IsText(item.type) && qor::IsText(item.value));
-
-    CLdapOp::AttFrame frame;
+    CLdapOp::AttFrame frame, before;
     std::memset(&frame, 0x5a, sizeof frame);
-    CLdapOp::AttFrame before;
     std::memcpy(&before, &frame, sizeof frame);
     bool const ok = CLdapOp::GetParaAtt(item.value, op, item.type, frame);
 
-    // The converter's own answer on the same text decides whether the value may be sent.
     CChineseCode code;
-    char* converted = nullptr;
-    size_t const inLen = std::strlen(item.value);
-    int const length = code.GB2312ToUTF_8(converted, item.value, static_cast<int>(inLen));
-    bool const sendable = inLen > 0 && length > 0 && converted != nullptr;
-    if (!ok) {
-        FUZZ_CHECK(!sendable);
-        FUZZ_CHECK(std::memcmp(&frame, &before, sizeof frame) == 0);
-        return;
+    char* out = nullptr;
+    int const len = code.GB2312ToUTF_8(out, item.value, static_cast<int>(strlen(item.value)));
+    FUZZ_CHECK(ok == (item.value[0] != '\0' && len > 0));
+    if (!ok)
+        return FUZZ_CHECK(std::memcmp(&frame, &before, sizeof frame) == 0);
+    std::string const utf8(frame.values[0]);
+    FUZZ_CHECK(utf8 == std::string(out, static_cast<size_t>(len)) && frame.values[1] == nullptr);
+    FUZZ_CHECK(frame.mod.mod_op == static_cast<int>(op) && frame.mod.mod_type == item.type &&
+               frame.mod.mod_values == frame.values);
+    delete[] frame.values[0];  // the request's sender releases it
+    int const gbLen = code.UTF_8ToGB2312(out, const_cast<char*>(utf8.data()), len);
+    FUZZ_CHECK(gbLen > 0);
+    std::string gb(out, static_cast<size_t>(gbLen));
+    if (gb != item.value) {
+        int const againLen = code.GB2312ToUTF_8(out, &gb[0], gbLen);
+        FUZZ_CHECK(againLen > 0 && std::string(out, static_cast<size_t>(againLen)) == utf8);
     }
-    FUZZ_CHECK(sendable);
-    FUZZ_CHECK(frame.values[0] != nullptr && frame.values[1] == nullptr);
-    FUZZ_CHECK(frame.mod.mod_op == static_cast<int>(op));
-    FUZZ_CHECK(frame.mod.mod_type == item.type);
-    FUZZ_CHECK(frame.mod.mod_values == frame.values);
-    size_t const outLen = std::strlen(frame.values[0]);
-    FUZZ_CHECK(outLen == static_cast<size_t>(length));
-    FUZZ_CHECK(std::memcmp(frame.values[0], converted, outLen) == 0);
-    FUZZ_CHECK(IsUtf8(reinterpret_cast<unsigned char const*>(frame.values[0]), outLen));
-    // Back to GB gives the record's text again: the same bytes, or (for the few characters
-    // GB18030 writes two ways, such as 95 32 90 31) the other form, which reads as the same
-    // UTF-8 text.
-    std::string const utf8(frame.values[0], outLen);
-    char* back = nullptr;
-    int const backLen = code.UTF_8ToGB2312(back, frame.values[0], static_cast<int>(outLen));
-    FUZZ_CHECK(backLen > 0 && back != nullptr);
-    if (static_cast<size_t>(backLen) != inLen || std::memcmp(back, item.value, inLen) != 0) {
-        std::string gb(back, static_cast<size_t>(backLen));
-        char* again = nullptr;
-        int const againLen = code.GB2312ToUTF_8(again, &gb[0], static_cast<int>(gb.size()));
-        FUZZ_CHECK(againLen >= 0 && again != nullptr);
-        FUZZ_CHECK(std::string(again, static_cast<size_t>(againLen)) == utf8);
-    }
-    // The copy belongs to the request's sender: released here as the sender would.
-    delete[] frame.values[0];
 }
 
-// Arbitrary bytes as UTF-8: text that is not UTF-8 is refused, with out null and -1; text
-// that converts comes back whole from GB. Valid UTF-8 may be refused too: the system's GB18030
-// table leaves some private-use code points unmapped (U+E81E..U+E864 among them), and such a
-// value is then kept unconverted by the callers.
+// Bytes as UTF-8: refused with out null and -1 (also some valid UTF-8: GB18030 leaves a few
+// private-use code points unmapped), or made GB text that converts back to the same bytes.
 void CheckConverter(FuzzedDataProvider& in) {
     std::string text = in.ConsumeRandomLengthString(2048);
     CChineseCode code;
-    char* out = reinterpret_cast<char*>(&code);  // must be set either way
+    char* out = &text[0];
     FUZZ_CHECK(code.UTF_8ToGB2312(out, nullptr, 1) == -1 && out == nullptr);
-    out = reinterpret_cast<char*>(&code);
-    FUZZ_CHECK(code.GB2312ToUTF_8(out, &text[0], -1) == -1 && out == nullptr);
-    out = reinterpret_cast<char*>(&code);
-    int const len = code.UTF_8ToGB2312(out, &text[0], static_cast<int>(text.size()));
-    bool const utf8 = IsUtf8(reinterpret_cast<unsigned char const*>(text.data()), text.size());
-    if (len < 0) {
-        FUZZ_CHECK(len == -1 && out == nullptr);
-        return;
-    }
-    FUZZ_CHECK(utf8);
+    FUZZ_CHECK(code.GB2312ToUTF_8(out = &text[0], &text[0], -1) == -1 && out == nullptr);
+    int const len = code.UTF_8ToGB2312(out = &text[0], &text[0], static_cast<int>(text.size()));
+    if (len < 0)
+        return FUZZ_CHECK(len == -1 && out == nullptr);
     FUZZ_CHECK(out != nullptr && out[len] == '\0');
     std::string gb(out, static_cast<size_t>(len));
-    char* back = nullptr;
-    int const backLen = code.GB2312ToUTF_8(back, &gb[0], static_cast<int>(gb.size()));
-    FUZZ_CHECK(backLen == static_cast<int>(text.size()) && back != nullptr);
-    FUZZ_CHECK(std::memcmp(back, text.data(), text.size()) == 0 && back[backLen] == '\0');
+    int const backLen = code.GB2312ToUTF_8(out, &gb[0], len);
+    FUZZ_CHECK(backLen >= 0 && std::string(out, static_cast<size_t>(backLen)) == text);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
+    using Check = void (*)(FuzzedDataProvider&);
+    static Check const kFixed[] = {CheckFixed<1>, CheckFixed<33>, CheckFixed<256>,
+                                   CheckFixed<1024>};
     FuzzedDataProvider in(data, size);
-    switch (in.ConsumeIntegralInRange<int>(0, 5)) {
-        case 0:
-            CheckCutCopyRuntime(in);
-            break;
-        case 1:
-            switch (in.ConsumeIntegralInRange<int>(0, 3)) {
-                case 0:
-                    CheckFixed<1>(in);
-                    break;
-                case 1:
-                    CheckFixed<33>(in);
-                    break;
-                case 2:
-                    CheckFixed<256>(in);
-                    break;
-                default:
-                    CheckFixed<1024>(in);
-                    break;
-            }
-            break;
-        case 2:
-            CheckFormats(in);
-            break;
-        case 3:
-            CheckIsText<1>(in);
-            CheckIsText<2>(in);
-            CheckIsText<256>(in);
-            CheckIsText<1024>(in);
-            break;
-        case 4:
-            CheckGetParaAtt(in);
-            break;
-        default:
-            CheckConverter(in);
-            break;
-    }
+    int const pick = in.ConsumeIntegralInRange(0, 5);  // the last byte picks the check
+    if (pick < 2)
+        kFixed[in.ConsumeIntegralInRange(0, 3)](in);
+    else
+        (pick < 4 ? CheckFormat : pick == 4 ? CheckGetParaAtt : CheckConverter)(in);
     return 0;
 }

@@ -1,55 +1,20 @@
-// Fuzzes the key and certificate layer: GetKeyFromPfx (both contexts), GetCertInfo and
-// DecryptKey, all on the input bytes, with the password "fuzz" the seed bundles are made with
-// (tests/fuzz/make_seeds.sh). Bundles are also tried under the empty password, the only one a
-// bundle without a MAC opens under: changed bytes inside such a bundle still open, which takes
-// the fuzzer past the bundle into the key and certificate parsing.
-//
-// What is checked beyond "no crash" (leaks are caught by the sanitizer's leak check after each
-// input):
-// - a bundle that opens reports sizes, and filling buffers of exactly those sizes writes
-//   exactly those lengths and nothing past them (guard bytes); one byte less is refused
-//   without a write past the smaller buffer either;
-// - whatever opens without the legacy algorithms opens with them too, to the same bytes;
-// - the certificate's subject ends within its field, and a refused certificate leaves the
-//   record all zero;
-// - DecryptKey leaves data and length alone when it refuses, and when it opens a key the
-//   result is a private key of exactly the new length;
-// - a key taken from a bundle, protected by Convert2Key and opened by DecryptKey, comes back
-//   byte for byte (for the first two distinct keys of a run: protecting is slow on purpose).
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
-#include <functional>
-#include <initializer_list>
+// Fuzzes GetKeyFromPfx (with and without the legacy algorithms), GetCertInfo and DecryptKey on
+// the input, under the seeds' password "fuzz" (make_seeds.sh) and the empty one, the only one a
+// bundle without a MAC opens under: changed bytes inside it reach the key and certificate
+// parsing. Inputs kept in crashes/ declare iteration counts that must be refused at once.
 #include <set>
-#include <string>
-#include <vector>
 
 #include <openssl/x509.h>
 
 #include "platform/Crypto.h"
 #include "tests/fuzz/FuzzCheck.h"
 
+using qorfuzz::Guarded;
+
 namespace {
 
 char const* const kPassword = "fuzz";
-size_t const kGuard = 16;
-unsigned char const kFill = 0xa5;
-
-// A buffer of size bytes followed by guard bytes, all set to kFill.
-struct Guarded {
-    explicit Guarded(size_t size) : bytes(size + kGuard, kFill), size(size) {}
-    unsigned char* Data() { return bytes.data(); }
-    bool GuardIntact() const {
-        for (size_t i = size; i < bytes.size(); ++i) {
-            if (bytes[i] != kFill)
-                return false;
-        }
-        return true;
-    }
-    std::vector<unsigned char> bytes;
-    size_t size;
-};
+using Bytes = std::vector<unsigned char>;
 
 bool IsPrivateKey(unsigned char const* der, size_t len) {
     unsigned char const* p = der;
@@ -59,122 +24,69 @@ bool IsPrivateKey(unsigned char const* der, size_t len) {
     return whole;
 }
 
+// A certificate described, or refused with the record zeroed.
 void CheckCertInfo(unsigned char const* cert, size_t len) {
     tagCERT info;
-    std::memset(&info, kFill, sizeof info);
+    std::memset(&info, qorfuzz::kFill, sizeof info);
     bool const ok = GetCertInfo(cert, static_cast<int>(len), info);
     unsigned char const* raw = reinterpret_cast<unsigned char const*>(&info);
-    if (!ok) {
-        for (size_t i = 0; i < sizeof info; ++i)
-            FUZZ_CHECK(raw[i] == 0);
-        return;
-    }
-    for (unsigned char b : info.reserved)
-        FUZZ_CHECK(b == 0);
-    void const* nul = std::memchr(info.subject, '\0', sizeof info.subject);
-    FUZZ_CHECK(nul != nullptr);
-    size_t const used = static_cast<size_t>(static_cast<char const*>(nul) - info.subject);
-    for (size_t i = used; i < sizeof info.subject; ++i)
-        FUZZ_CHECK(info.subject[i] == '\0');
-    // Lines are "type=value": a type is a short name or a dotted OID, never empty.
-    size_t start = 0;
-    while (start < used) {
-        char const* line = info.subject + start;
-        char const* eq = static_cast<char const*>(std::memchr(line, '=', used - start));
-        FUZZ_CHECK(eq != nullptr && eq != line);
-        FUZZ_CHECK(std::memchr(line, '\n', static_cast<size_t>(eq - line)) == nullptr);
-        char const* lf = static_cast<char const*>(
-            std::memchr(eq, '\n', used - static_cast<size_t>(eq - info.subject)));
-        if (lf == nullptr)
-            break;
-        start = static_cast<size_t>(lf - info.subject) + 1;
-    }
+    for (size_t i = 0; i < (ok ? sizeof info.reserved : sizeof info); ++i)
+        FUZZ_CHECK(raw[i] == 0);
+    FUZZ_CHECK(std::memchr(info.subject, '\0', sizeof info.subject) != nullptr);
 }
 
-void CheckDecryptKey(uint8_t const* data, size_t size, char const* password) {
-    // Exactly the input's bytes on the heap, so a read past them is caught.
-    std::vector<unsigned char> buffer(data, data + size);
-    std::vector<unsigned char> const before = buffer;
-    unsigned int len = static_cast<unsigned int>(size);
-    unsigned char* p = buffer.empty() ? nullptr : buffer.data();
-    if (DecryptKey(p, len, password) != 0) {
-        FUZZ_CHECK(len == size);
-        FUZZ_CHECK(buffer == before);
-        return;
-    }
-    FUZZ_CHECK(len > 0 && len <= size);
-    FUZZ_CHECK(IsPrivateKey(buffer.data(), len));
+// Opens a stored key in place, on exactly its bytes on the heap (a read past them is caught);
+// a key refused is left untouched.
+bool Decrypt(Bytes& key, char const* password) {
+    Bytes const before = key;
+    unsigned int len = static_cast<unsigned int>(key.size());
+    if (DecryptKey(key.empty() ? nullptr : key.data(), len, password) != 0)
+        return FUZZ_CHECK(len == before.size() && key == before), false;
+    FUZZ_CHECK(len > 0 && len <= before.size() && IsPrivateKey(key.data(), len));
+    key.resize(len);
+    return true;
 }
 
-// Protects a key taken from a bundle and opens it again: the same bytes come back.
-void CheckRoundTrip(std::vector<unsigned char> const& key) {
-    // Protecting and opening run 100000 PBKDF2 iterations each, and under the address
-    // sanitizer every iteration's allocations are checked: a round trip costs seconds. The
-    // first two distinct keys of a run are enough (the seeds run smallest first: the EC key,
-    // then the RSA key).
-    static std::set<size_t> seen;
-    if (seen.size() >= 2 ||
-        !seen.insert(std::hash<std::string>()(std::string(key.begin(), key.end()))).second) {
+// Protecting and opening run 100000 PBKDF2 iterations each, seconds under the sanitizers:
+// only the first two distinct keys of a run (the seeds' EC and RSA keys) make the round trip.
+void CheckRoundTrip(Bytes const& key) {
+    static std::set<Bytes> seen;
+    if (seen.size() >= 2 || !seen.insert(key).second)
         return;
-    }
-    unsigned int need = 0;
-    FUZZ_CHECK(
-        Convert2Key(key.data(), static_cast<unsigned int>(key.size()), kPassword, nullptr, need));
-    Guarded stored(need);
-    unsigned int storedLen = need;
-    FUZZ_CHECK(Convert2Key(key.data(), static_cast<unsigned int>(key.size()), kPassword,
-                           stored.Data(), storedLen));
-    FUZZ_CHECK(storedLen > 0 && storedLen <= need && stored.GuardIntact());
-    std::vector<unsigned char> opened(stored.bytes.begin(), stored.bytes.begin() + storedLen);
-    unsigned int openedLen = storedLen;
-    std::vector<unsigned char> const sealed = opened;
-    FUZZ_CHECK(DecryptKey(opened.data(), openedLen, "not the password") != 0);
-    FUZZ_CHECK(openedLen == storedLen && opened == sealed);
-    FUZZ_CHECK(DecryptKey(opened.data(), openedLen, kPassword) == 0);
-    FUZZ_CHECK(openedLen == key.size());
-    FUZZ_CHECK(std::memcmp(opened.data(), key.data(), key.size()) == 0);
+    auto const keyLen = static_cast<unsigned int>(key.size());
+    unsigned int need = 0, len = 0;
+    FUZZ_CHECK(Convert2Key(key.data(), keyLen, kPassword, nullptr, need));
+    Guarded stored(len = need);
+    FUZZ_CHECK(Convert2Key(key.data(), keyLen, kPassword, stored.Data(), len));
+    FUZZ_CHECK(len > 0 && len <= need && stored.GuardIntact());
+    Bytes sealed(stored.bytes.begin(), stored.bytes.begin() + len);
+    FUZZ_CHECK(!Decrypt(sealed, "not the password"));
+    FUZZ_CHECK(Decrypt(sealed, kPassword) && sealed == key);
 }
 
-// Opens the input as a bundle; true with cert and key filled when it opens.
-bool OpenBundle(uint8_t const* data, size_t size, char const* password, bool legacy,
-                std::vector<unsigned char>& cert, std::vector<unsigned char>& key) {
-    unsigned int certNeed = 0x5a5a5a5a;
-    unsigned int keyNeed = 0x5a5a5a5a;
-    if (!GetKeyFromPfx(data, static_cast<int>(size), password, nullptr, certNeed, nullptr, keyNeed,
-                       legacy)) {
-        return false;  // the lengths may hold anything now
-    }
+// Opens the input as a bundle; true with cert and key filled when it opens. Buffers of the
+// sizes reported are filled exactly; one byte short, or no key buffer, is refused; no guard
+// byte is touched.
+bool OpenBundle(Bytes const& in, char const* password, bool legacy, Bytes& cert, Bytes& key) {
+    auto open = [&](unsigned char* c, unsigned int& cl, unsigned char* k, unsigned int& kl) {
+        return GetKeyFromPfx(in.empty() ? nullptr : in.data(), static_cast<int>(in.size()),
+                             password, c, cl, k, kl, legacy);
+    };
+    unsigned int certNeed = 0, keyNeed = 0;
+    if (!open(nullptr, certNeed, nullptr, keyNeed))
+        return false;
     FUZZ_CHECK(certNeed > 0 && keyNeed > 0);
-
-    // Buffers of exactly the reported sizes take exactly those lengths.
-    Guarded certBuf(certNeed);
-    Guarded keyBuf(keyNeed);
-    unsigned int certLen = certNeed;
-    unsigned int keyLen = keyNeed;
-    FUZZ_CHECK(GetKeyFromPfx(data, static_cast<int>(size), password, certBuf.Data(), certLen,
-                             keyBuf.Data(), keyLen, legacy));
-    FUZZ_CHECK(certLen == certNeed && keyLen == keyNeed);
-    FUZZ_CHECK(certBuf.GuardIntact() && keyBuf.GuardIntact());
-    FUZZ_CHECK(IsPrivateKey(keyBuf.Data(), keyLen));
-
-    // One byte short, on either side: refused, and nothing written past the smaller buffer.
-    for (int shortSide = 0; shortSide < 2; ++shortSide) {
-        Guarded c(shortSide == 0 ? certNeed - 1 : certNeed);
-        Guarded k(shortSide == 1 ? keyNeed - 1 : keyNeed);
-        unsigned int cl = static_cast<unsigned int>(c.size);
-        unsigned int kl = static_cast<unsigned int>(k.size);
-        FUZZ_CHECK(!GetKeyFromPfx(data, static_cast<int>(size), password, c.Data(), cl, k.Data(),
-                                  kl, legacy));
+    for (int fault = -1; fault < 3; ++fault) {  // none, cert short, key short, no key buffer
+        Guarded c(certNeed - (fault == 0)), k(keyNeed - (fault == 1));
+        unsigned int cl = static_cast<unsigned int>(c.size), kl = static_cast<unsigned int>(k.size);
+        FUZZ_CHECK(open(c.Data(), cl, fault == 2 ? nullptr : k.Data(), kl) == (fault == -1));
         FUZZ_CHECK(c.GuardIntact() && k.GuardIntact());
+        if (fault == -1) {
+            FUZZ_CHECK(cl == certNeed && kl == keyNeed && IsPrivateKey(k.Data(), kl));
+            cert.assign(c.Data(), c.Data() + cl);
+            key.assign(k.Data(), k.Data() + kl);
+        }
     }
-    // One buffer without the other is a caller's mistake, refused.
-    unsigned int cl = certNeed;
-    unsigned int kl = keyNeed;
-    FUZZ_CHECK(!GetKeyFromPfx(data, static_cast<int>(size), password, certBuf.Data(), cl, nullptr,
-                              kl, legacy));
-
-    cert.assign(certBuf.bytes.begin(), certBuf.bytes.begin() + certLen);
-    key.assign(keyBuf.bytes.begin(), keyBuf.bytes.begin() + keyLen);
     return true;
 }
 
@@ -183,25 +95,20 @@ bool OpenBundle(uint8_t const* data, size_t size, char const* password, bool leg
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     if (size > 64 * 1024)
         return 0;
-    // Exactly the input's bytes on the heap (libFuzzer's own copy is too, but say so here).
-    std::vector<uint8_t> const input(data, data + size);
-    uint8_t const* bytes = input.empty() ? nullptr : input.data();
-
+    Bytes const input(data, data + size);  // exactly the input's bytes on the heap
     for (char const* password : {kPassword, ""}) {
-        std::vector<unsigned char> modernCert, modernKey, fullCert, fullKey;
-        bool const modern = OpenBundle(bytes, size, password, false, modernCert, modernKey);
-        bool const full = OpenBundle(bytes, size, password, true, fullCert, fullKey);
-        if (modern) {
-            FUZZ_CHECK(full);
-            FUZZ_CHECK(modernCert == fullCert && modernKey == fullKey);
-        }
+        Bytes modernCert, modernKey, fullCert, fullKey;
+        bool const modern = OpenBundle(input, password, false, modernCert, modernKey);
+        bool const full = OpenBundle(input, password, true, fullCert, fullKey);
+        // The legacy algorithms only add: what opens without them opens with them, the same.
+        FUZZ_CHECK(!modern || (full && modernCert == fullCert && modernKey == fullKey));
         if (full) {
             CheckCertInfo(fullCert.data(), fullCert.size());
             CheckRoundTrip(fullKey);
         }
     }
-
-    CheckCertInfo(bytes, size);
-    CheckDecryptKey(bytes, size, kPassword);
+    CheckCertInfo(input.data(), size);
+    Bytes key = input;
+    Decrypt(key, kPassword);
     return 0;
 }

@@ -1,20 +1,16 @@
-// Many threads at once on the real directory. Eight threads use the free functions, that is the
-// one engine the library builds at load and every thread of the process shares; eight more each
-// have a CLdap, an engine of their own. Each thread writes the signing and the encryption
-// certificate of a user of its own, reads them back and reads a neighbour's: what it reads of
-// its own user must be exactly the last value it wrote, and what it reads of the neighbour must
-// be one whole value the neighbour wrote (never a mix of two writes, another user's or the
-// other attribute's value). Under ThreadSanitizer (run_tsan.sh) the same run shows any data
-// race in the library as well.
-//
+// Many threads at once on the real directory. Eight read through the free functions, the one
+// engine every thread shares (writing through a CLdap of their own: the free functions have no
+// key write); eight more each have a CLdap of their own. Each writes the signing and encryption
+// certificates of a user of its own in turn and reads both back after every write: each must be
+// the last value it wrote. Under ThreadSanitizer (run_tsan.sh) this shows any data race too.
 // QORLDAP_STRESS_ROUNDS sets the rounds per thread (default 200, at most 5000).
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <chrono>
-#include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
+#include <future>
 #include <random>
 #include <string>
 #include <thread>
@@ -26,409 +22,205 @@
 
 namespace {
 
-using qortest::Directory;
-
 constexpr int kThreads = 8;
-constexpr char const kUnit[] = "StressUnit";
-constexpr char const kSignAttr[] = "signPubcer;binary";
-constexpr char const kCryptAttr[] = "cryptPubcer;binary";
+char const* const kAttr[2] = {"signPubcer;binary", "cryptPubcer;binary"};
+// 16 threads of 200 rounds take seconds, tens under ThreadSanitizer: a test still running after
+// ten minutes is stuck (a lock never released, a call that never returns) and is ended.
+constexpr unsigned kHangBoundSeconds = 600;
 
-// Upper bound on a hang, not a measurement: 16 threads of 200 rounds take seconds, and tens of
-// seconds under ThreadSanitizer. A run still going after ten minutes is stuck (threads waiting
-// on each other's locks, a libldap call that never returns) and is ended with a message rather
-// than left to hang the suite.
-constexpr int kHangBoundSeconds = 600;
+void OnHang(int) {
+    char const text[] = "stress_test: still running after 600 s, taken as a hang\n";
+    (void)!write(2, text, sizeof text - 1);
+    abort();
+}
 
 int Rounds() {
     char const* text = std::getenv("QORLDAP_STRESS_ROUNDS");
     int rounds = text != nullptr ? std::atoi(text) : 200;
-    if (rounds < 1)
-        return 200;
-    return rounds > 5000 ? 5000 : rounds;
+    return rounds < 1 ? 200 : rounds > 5000 ? 5000 : rounds;
 }
 
-// Aborts the process when the guarded scope is still running after its bound.
-class HangGuard {
-  public:
-    HangGuard(std::string what, int seconds)
-        : what_(std::move(what)), thread_([this, seconds] { Watch(seconds); }) {}
-    ~HangGuard() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            done_ = true;
-        }
-        wake_.notify_all();
-        thread_.join();
-    }
-    HangGuard(HangGuard const&) = delete;
-    HangGuard& operator=(HangGuard const&) = delete;
-
-  private:
-    void Watch(int seconds) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        if (!wake_.wait_for(lock, std::chrono::seconds(seconds), [this] { return done_; })) {
-            std::fprintf(stderr, "%s: still running after %d s, taken as a hang\n", what_.c_str(),
-                         seconds);
-            std::abort();
-        }
-    }
-    std::string what_;
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    bool done_ = false;
-    std::thread thread_;  // last: starts once the members it uses exist
-};
-
-// Holds every thread until all have arrived, then lets them go together.
-class StartGate {
-  public:
-    explicit StartGate(int parties) : waiting_(parties) {}
-    void ArriveAndWait() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        if (--waiting_ == 0) {
-            open_.notify_all();
-            return;
-        }
-        open_.wait(lock, [this] { return waiting_ == 0; });
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable open_;
-    int waiting_;
-};
-
-// A value that names its writer: kind ('S' signing, 'C' encryption), family ('F' free functions,
-// 'O' own CLdap), thread and round, then bytes (zeros included) that follow from those four.
-// Lengths vary from 16 bytes to a little over 4 KiB.
-std::string MakeValue(char kind, char family, int thread, int round) {
-    char header[16];
-    std::snprintf(header, sizeof header, "%c%c%02d%08d|", kind, family, thread, round);
-    unsigned seed = static_cast<unsigned>(kind) * 1000003u + static_cast<unsigned>(family) * 7919u +
-                    static_cast<unsigned>(thread) * 104729u + static_cast<unsigned>(round);
-    std::mt19937 gen(seed);
+// A value that names its writer (kind, family, thread, round), then 3 to 4098 bytes, zeros
+// included, that follow from those.
+std::string MakeValue(int kind, char family, int thread, int round) {
+    char header[24];
+    std::snprintf(header, sizeof header, "%c%c%02d%08d|", "SC"[kind], family, thread, round);
+    std::mt19937 gen(
+        static_cast<unsigned>(kind * 7919 + family * 104729 + thread * 1000003 + round));
     std::string value(header);
-    size_t extra = 3 + gen() % 4096;
-    for (size_t i = 0; i < extra; ++i)
+    for (size_t i = 0, n = 3 + gen() % 4096; i < n; ++i)
         value.push_back(static_cast<char>(gen() & 0xff));
     return value;
 }
 
-// True when value is exactly one value that MakeValue(kind, family, thread, some round) gives.
-bool IsWholeValue(std::string const& value, char kind, char family, int thread) {
-    if (value.size() < 13 || value[0] != kind || value[1] != family || value[12] != '|') {
-        return false;
-    }
-    if (std::atoi(value.substr(2, 2).c_str()) != thread)
-        return false;
-    return value == MakeValue(kind, family, thread, std::atoi(value.substr(4, 8).c_str()));
+std::string Show(std::string const& v) {  // the writer's header and the length
+    return "'" + v.substr(0, 12) + "...' (" + std::to_string(v.size()) + " bytes)";
 }
 
-unsigned char const* U(std::string const& s) {
-    return reinterpret_cast<unsigned char const*>(s.data());
-}
-
-std::string Show(std::string const& value) {
-    if (value.empty())
-        return "<none>";
-    return "'" + value.substr(0, 12) + "...' (" + std::to_string(value.size()) + " bytes)";
-}
-
-std::string UserDn(Directory const& dir, char family, int thread) {
-    return "cn=" + std::string(family == 'F' ? "free-" : "own-") + std::to_string(thread) +
-           ",ou=" + kUnit + "," + dir.Base();
-}
-
-// A key read; "" stands for no key (null with length 0). On failure, err says why.
-typedef int (*FreeGet)(char const*, unsigned char*&, unsigned int&);
-typedef int (CLdap::*MemberGet)(char const*, unsigned char*&, unsigned int&);
-
-bool Took(int rc, unsigned char* key, unsigned int length, std::string& out, std::string& err) {
-    if (rc != 0) {
-        err = "read returned " + std::to_string(rc);
-        return false;
-    }
-    if (key == nullptr && length != 0) {
-        err = "null key with length " + std::to_string(length);
-        return false;
-    }
-    out = key != nullptr ? std::string(reinterpret_cast<char*>(key), length) : std::string();
-    return true;
-}
-
-bool ReadFree(FreeGet get, std::string const& dn, std::string& out, std::string& err) {
+// A certificate read through l, or through the free functions when l is null; "" on failure,
+// with err saying why.
+std::string Read(CLdap* l, int kind, std::string const& dn, std::string& err) {
     unsigned char* key = nullptr;
     unsigned int length = 7;
-    int rc = get(dn.c_str(), key, length);
-    bool ok = Took(rc, key, length, out, err);
+    int rc = l == nullptr
+                 ? (kind == 0 ? GetSignPublicKey : GetCryptPublicKey)(dn.c_str(), key, length)
+             : kind == 0 ? l->GetSignPublicKey(dn.c_str(), key, length)
+                         : l->GetCryptPublicKey(dn.c_str(), key, length);
+    std::string value = key != nullptr ? std::string(reinterpret_cast<char*>(key), length) : "";
+    if (rc != 0 || key == nullptr)
+        err = "read returned " + std::to_string(rc) + " with " + (key ? "a key" : "no key");
     if (key != nullptr)
-        FreeKey(key);
-    return ok;
+        l != nullptr ? l->FreeKey(key) : FreeKey(key);
+    return value;
 }
 
-bool ReadMember(CLdap& ldap, MemberGet get, std::string const& dn, std::string& out,
-                std::string& err) {
-    unsigned char* key = nullptr;
-    unsigned int length = 7;
-    int rc = (ldap.*get)(dn.c_str(), key, length);
-    bool ok = Took(rc, key, length, out, err);
-    ldap.FreeKey(key);
-    return ok;
+int Write(CLdap& l, int kind, std::string const& dn, std::string const& value) {
+    auto put = kind == 0 ? &CLdap::ModifySignPublicKey : &CLdap::ModifyCryptPublicKey;
+    return (l.*put)(dn.c_str(), reinterpret_cast<unsigned char const*>(value.data()),
+                    unsigned(value.size()));
 }
 
 // What one thread did; the main thread checks it once all have ended.
 struct Outcome {
-    int writes = 0;
-    int reads = 0;
-    std::string error;  // the first thing that went wrong; the thread stops there
-    std::string lastSign;
-    std::string lastCrypt;
+    int writes = 0, reads = 0;
+    std::string error;    // the first thing that went wrong; the thread stopped there
+    std::string last[2];  // the last values written
 };
 
 class Stress : public ::testing::Test {
   protected:
     void SetUp() override {
+        signal(SIGALRM, OnHang);
+        alarm(kHangBoundSeconds);
         ASSERT_TRUE(dir_.Ready()) << "no test directory (QORLDAP_TEST_DIR)";
         ASSERT_EQ(0, setup_.ConnectLdap());
     }
+    void TearDown() override { alarm(0); }
 
-    // Makes the users of a family and gives each both certificates, so that every read in the
-    // rounds has a known value to expect, also when the directory kept users of an earlier run.
-    void MakeUsers(char family, std::vector<Outcome>& outcomes) {
+    // Makes the users of a family with both certificates, so that every read has a known value
+    // to expect, also when the directory kept users of an earlier run.
+    std::vector<Outcome> MakeUsers(char family) {
+        std::vector<Outcome> outcomes(kThreads);
         for (int i = 0; i < kThreads; ++i) {
-            std::string name = std::string(family == 'F' ? "free-" : "own-") + std::to_string(i);
-            std::string dn = qortest::MakeUser(setup_, dir_.Base(), kUnit, name);
-            ASSERT_EQ(UserDn(dir_, family, i), dn);
-            std::string sign = MakeValue('S', family, i, 0);
-            std::string crypt = MakeValue('C', family, i, 0);
-            ASSERT_EQ(0, setup_.ModifySignPublicKey(dn.c_str(), U(sign), unsigned(sign.size())));
-            ASSERT_EQ(0, setup_.ModifyCryptPublicKey(dn.c_str(), U(crypt), unsigned(crypt.size())));
-            outcomes[i].lastSign = sign;
-            outcomes[i].lastCrypt = crypt;
+            std::string const dn =
+                qortest::MakeUser(setup_, dir_.Base(), "StressUnit", Name(family, i));
+            for (int kind : {0, 1}) {
+                outcomes[i].last[kind] = MakeValue(kind, family, i, 0);
+                EXPECT_EQ(0, Write(setup_, kind, dn, outcomes[i].last[kind])) << dn;
+            }
         }
+        return outcomes;
+    }
+    static std::string Name(char family, int thread) {
+        return (family == 'F' ? "free-" : "own-") + std::to_string(thread);
+    }
+    std::string User(char family, int thread) const {
+        return "cn=" + Name(family, thread) + ",ou=StressUnit," + dir_.Base();
     }
 
-    // The stored values, read by an independent client, are the last ones written.
-    void ExpectStored(char family, std::vector<Outcome> const& outcomes) {
-        for (int i = 0; i < kThreads; ++i) {
-            std::string dn = UserDn(dir_, family, i);
-            EXPECT_EQ(std::vector<std::string>{outcomes[i].lastSign}, dir_.Values(dn, kSignAttr))
-                << dn;
-            EXPECT_EQ(std::vector<std::string>{outcomes[i].lastCrypt}, dir_.Values(dn, kCryptAttr))
-                << dn;
+    // One thread's rounds: write the two certificates in turn through writer, read both back
+    // through reader (the shared engine when null). Returns the first thing that went wrong.
+    std::string Run(char family, int thread, CLdap& writer, CLdap* reader, Outcome& out) {
+        std::string const dn = User(family, thread);
+        for (int round = 1, rounds = Rounds(); round <= rounds; ++round) {
+            int const kind = round % 2;
+            std::string const at = "round " + std::to_string(round) + ": ";
+            out.last[kind] = MakeValue(kind, family, thread, round);
+            if (int rc = Write(writer, kind, dn, out.last[kind]))
+                return at + "write returned " + std::to_string(rc);
+            ++out.writes;
+            for (int k : {0, 1}) {
+                std::string err;
+                std::string const got = Read(reader, k, dn, err);
+                ++out.reads;
+                if (!err.empty())
+                    return at + kAttr[k] + ": " + err;
+                if (got != out.last[k])
+                    return at + kAttr[k] + ": read " + Show(got) + ", last written " +
+                           Show(out.last[k]);
+            }
         }
+        return "";
     }
 
-    Directory dir_;
+    qortest::Directory dir_;
     CLdap setup_;
 };
 
-// One round: write one of the two certificates (they alternate), read both back, read the
-// neighbour's certificate of the same kind.
-template <typename Write, typename Read>
-bool Round(int round, char family, int thread, std::string const& dn,
-           std::string const& neighbourDn, Outcome& out, Write write, Read read) {
-    char kind = round % 2 == 0 ? 'S' : 'C';
-    std::string value = MakeValue(kind, family, thread, round);
-    int rc = write(kind, dn, value);
-    if (rc != 0) {
-        out.error = "round " + std::to_string(round) + ": write returned " + std::to_string(rc);
-        return false;
-    }
-    ++out.writes;
-    (kind == 'S' ? out.lastSign : out.lastCrypt) = value;
-
-    std::string got;
-    std::string err;
-    for (char k : {'S', 'C'}) {
-        std::string const& expected = k == 'S' ? out.lastSign : out.lastCrypt;
-        if (!read(k, dn, got, err)) {
-            out.error = "round " + std::to_string(round) + ", own " + k + ": " + err;
-            return false;
-        }
-        ++out.reads;
-        if (got != expected) {
-            out.error = "round " + std::to_string(round) + ", own " + k + ": read " + Show(got) +
-                        ", last written " + Show(expected);
-            return false;
-        }
-    }
-    int neighbour = (thread + 1) % kThreads;
-    if (!read(kind, neighbourDn, got, err)) {
-        out.error = "round " + std::to_string(round) + ", neighbour: " + err;
-        return false;
-    }
-    ++out.reads;
-    if (!IsWholeValue(got, kind, family, neighbour)) {
-        out.error = "round " + std::to_string(round) + ", neighbour " + kind + ": read " +
-                    Show(got) + ", not a whole value of thread " + std::to_string(neighbour);
-        return false;
-    }
-    return true;
-}
-
 TEST_F(Stress, SharedEngineAndOwnEnginesReadBackTheirLastWritesUnderLoad) {
-    HangGuard guard("Stress.SharedEngineAndOwnEnginesReadBackTheirLastWritesUnderLoad",
-                    kHangBoundSeconds);
-    int const rounds = Rounds();
-    std::vector<Outcome> freeOut(kThreads);
-    std::vector<Outcome> ownOut(kThreads);
-    ASSERT_NO_FATAL_FAILURE(MakeUsers('F', freeOut));
-    ASSERT_NO_FATAL_FAILURE(MakeUsers('O', ownOut));
-
-    StartGate gate(2 * kThreads);
+    std::vector<Outcome> outcomes[2] = {MakeUsers('F'), MakeUsers('O')};
+    std::promise<void> go;
+    std::shared_future<void> started = go.get_future().share();
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {
-        // The free functions have no key write: each thread writes through a CLdap of its own
-        // and reads through the shared engine.
-        threads.emplace_back([&, i] {
-            Outcome& out = freeOut[i];
-            std::string dn = UserDn(dir_, 'F', i);
-            std::string neighbourDn = UserDn(dir_, 'F', (i + 1) % kThreads);
-            CLdap writer;
-            auto write = [&writer](char kind, std::string const& d, std::string const& v) {
-                return kind == 'S'
-                           ? writer.ModifySignPublicKey(d.c_str(), U(v), unsigned(v.size()))
-                           : writer.ModifyCryptPublicKey(d.c_str(), U(v), unsigned(v.size()));
-            };
-            auto read = [](char kind, std::string const& d, std::string& got, std::string& err) {
-                return ReadFree(kind == 'S' ? &GetSignPublicKey : &GetCryptPublicKey, d, got, err);
-            };
-            gate.ArriveAndWait();
-            for (int r = 1; r <= rounds; ++r) {
-                if (!Round(r, 'F', i, dn, neighbourDn, out, write, read))
-                    break;
-            }
-        });
-        threads.emplace_back([&, i] {
-            Outcome& out = ownOut[i];
-            std::string dn = UserDn(dir_, 'O', i);
-            std::string neighbourDn = UserDn(dir_, 'O', (i + 1) % kThreads);
-            CLdap ldap;
-            auto write = [&ldap](char kind, std::string const& d, std::string const& v) {
-                return kind == 'S' ? ldap.ModifySignPublicKey(d.c_str(), U(v), unsigned(v.size()))
-                                   : ldap.ModifyCryptPublicKey(d.c_str(), U(v), unsigned(v.size()));
-            };
-            auto read = [&ldap](char kind, std::string const& d, std::string& got,
-                                std::string& err) {
-                return ReadMember(
-                    ldap, kind == 'S' ? &CLdap::GetSignPublicKey : &CLdap::GetCryptPublicKey, d,
-                    got, err);
-            };
-            gate.ArriveAndWait();
-            for (int r = 1; r <= rounds; ++r) {
-                if (!Round(r, 'O', i, dn, neighbourDn, out, write, read))
-                    break;
-            }
-        });
-    }
-    for (std::thread& t : threads)
-        t.join();
-
-    for (int i = 0; i < kThreads; ++i) {
-        EXPECT_EQ("", freeOut[i].error) << "free-function thread " << i;
-        EXPECT_EQ(rounds, freeOut[i].writes) << "free-function thread " << i;
-        EXPECT_EQ(3 * rounds, freeOut[i].reads) << "free-function thread " << i;
-        EXPECT_EQ("", ownOut[i].error) << "CLdap thread " << i;
-        EXPECT_EQ(rounds, ownOut[i].writes) << "CLdap thread " << i;
-        EXPECT_EQ(3 * rounds, ownOut[i].reads) << "CLdap thread " << i;
-    }
-    ExpectStored('F', freeOut);
-    ExpectStored('O', ownOut);
-}
-
-// Eight threads, each with a new CLdap, connect at the same moment: separate engines share
-// nothing, and each connects and reads.
-TEST_F(Stress, EightNewObjectsConnectAtTheSameMoment) {
-    HangGuard guard("Stress.EightNewObjectsConnectAtTheSameMoment", kHangBoundSeconds);
-    std::vector<Outcome> unused(kThreads);
-    ASSERT_NO_FATAL_FAILURE(MakeUsers('O', unused));
-    StartGate gate(kThreads);
-    std::vector<int> connectRc(kThreads, -1);
-    std::vector<std::string> readErr(kThreads);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&, i] {
-            CLdap ldap;
-            gate.ArriveAndWait();
-            connectRc[i] = ldap.ConnectLdap();
-            std::string got;
-            if (!ReadMember(ldap, &CLdap::GetSignPublicKey, UserDn(dir_, 'O', i), got,
-                            readErr[i])) {
-                return;
-            }
-            if (!IsWholeValue(got, 'S', 'O', i))
-                readErr[i] = "read " + Show(got);
-        });
-    }
-    for (std::thread& t : threads)
-        t.join();
-    for (int i = 0; i < kThreads; ++i) {
-        EXPECT_EQ(0, connectRc[i]) << "thread " << i;
-        EXPECT_EQ("", readErr[i]) << "thread " << i;
-    }
-}
-
-// The shared engine connects on demand. These run in a process of their own (the death-test
-// machinery starts this program again for just the one test), so the free functions' engine is
-// exactly as the library built it at load: never connected. All eight threads are released at
-// once onto the connection sequence; every one must get 0 and a working connection.
-void ConnectSharedEngineFromEightThreads(std::string const& dn, bool explicitConnect) {
-    StartGate gate(kThreads);
-    std::vector<int> connectRc(kThreads, -1);
-    std::vector<std::string> readErr(kThreads);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&, i] {
-            gate.ArriveAndWait();
-            // Either ConnectLdap itself, or a read that connects on demand.
-            connectRc[i] = explicitConnect ? ConnectLdap() : 0;
-            std::string got;
-            if (ReadFree(&GetSignPublicKey, dn, got, readErr[i]) && got.empty()) {
-                readErr[i] = "no key read";
-            }
-        });
-    }
-    for (std::thread& t : threads)
-        t.join();
-    int bad = 0;
-    for (int i = 0; i < kThreads; ++i) {
-        if (connectRc[i] != 0 || !readErr[i].empty()) {
-            std::fprintf(stderr, "thread %d: connect %d, read: %s\n", i, connectRc[i],
-                         readErr[i].c_str());
-            ++bad;
+        for (int own : {0, 1}) {
+            threads.emplace_back([&, i, own] {
+                CLdap ldap;
+                started.wait();
+                Outcome& out = outcomes[own][i];
+                out.error = Run("FO"[own], i, ldap, own ? &ldap : nullptr, out);
+            });
         }
     }
-    if (bad == 0)
-        std::fprintf(stderr, "all 8 threads connected\n");
-    std::fflush(stderr);
-    std::exit(bad == 0 ? 0 : 1);
-}
+    go.set_value();  // all at once
+    for (std::thread& t : threads)
+        t.join();
 
-class FreshSharedEngine : public Stress {
-  protected:
-    void SetUp() override {
-        Stress::SetUp();
-        // The child starts this program afresh (a new process image, whichever threads this
-        // one has) and runs only the one test.
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
-        std::vector<Outcome> unused(kThreads);
-        ASSERT_NO_FATAL_FAILURE(MakeUsers('O', unused));
+    int const rounds = Rounds();
+    for (int own : {0, 1}) {
+        for (int i = 0; i < kThreads; ++i) {
+            Outcome const& out = outcomes[own][i];
+            std::string const who =
+                (own ? "CLdap thread " : "free-function thread ") + std::to_string(i);
+            EXPECT_EQ("", out.error) << who;
+            EXPECT_EQ(rounds, out.writes) << who;
+            EXPECT_EQ(2 * rounds, out.reads) << who;
+            // Read by an independent client, the stored values are the last ones written.
+            for (int k : {0, 1})
+                EXPECT_EQ(std::vector<std::string>{out.last[k]},
+                          dir_.Values(User("FO"[own], i), kAttr[k]))
+                    << who;
+        }
     }
-};
-
-TEST_F(FreshSharedEngine, EightThreadsCallConnectLdapAtTheSameMoment) {
-    HangGuard guard("FreshSharedEngine.EightThreadsCallConnectLdapAtTheSameMoment",
-                    kHangBoundSeconds);
-    EXPECT_EXIT(ConnectSharedEngineFromEightThreads(UserDn(dir_, 'O', 0), true),
-                ::testing::ExitedWithCode(0), "all 8 threads connected");
 }
 
-TEST_F(FreshSharedEngine, EightThreadsConnectOnDemandWithTheirFirstRead) {
-    HangGuard guard("FreshSharedEngine.EightThreadsConnectOnDemandWithTheirFirstRead",
-                    kHangBoundSeconds);
-    EXPECT_EXIT(ConnectSharedEngineFromEightThreads(UserDn(dir_, 'O', 1), false),
-                ::testing::ExitedWithCode(0), "all 8 threads connected");
+// The shared engine connects on demand. This runs in a process of its own (the death-test
+// machinery starts the program again for just this test), so the free functions' engine is
+// exactly as the library built it at load: never connected. Eight threads are released at once
+// onto the connection sequence, by ConnectLdap or by a first read; each must get 0 and a key.
+void EightThreadsConnectTheSharedEngine(std::string const& dn, bool explicitConnect) {
+    std::promise<void> go;
+    std::shared_future<void> started = go.get_future().share();
+    std::vector<std::string> errors(kThreads);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&, i] {
+            started.wait();
+            int rc = explicitConnect ? ConnectLdap() : 0;
+            Read(nullptr, 0, dn, errors[i]);
+            if (rc != 0)
+                errors[i] = "ConnectLdap returned " + std::to_string(rc);
+        });
+    }
+    go.set_value();
+    for (std::thread& t : threads)
+        t.join();
+    std::string report;
+    for (int i = 0; i < kThreads; ++i) {
+        if (!errors[i].empty())
+            report += "thread " + std::to_string(i) + ": " + errors[i] + "\n";
+    }
+    std::fprintf(stderr, "%s", report.empty() ? "all 8 threads connected\n" : report.c_str());
+    std::exit(report.empty() ? 0 : 1);
+}
+
+TEST_F(Stress, EightThreadsConnectAFreshSharedEngineAtOnce) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // a new process image, whatever threads run
+    MakeUsers('O');
+    for (bool explicitConnect : {true, false}) {
+        EXPECT_EXIT(EightThreadsConnectTheSharedEngine(User('O', explicitConnect), explicitConnect),
+                    ::testing::ExitedWithCode(0), "all 8 threads connected");
+    }
 }
 
 }  // namespace
