@@ -16,12 +16,7 @@ int CLdapOp::ModifyKey(char const* dn, char const* attribute, unsigned char cons
     bv.bv_len = length;
     bv.bv_val = reinterpret_cast<char*>(const_cast<unsigned char*>(value));
     berval* values[2] = {&bv, nullptr};
-    LDAPMod mod;
-    mod.mod_op = QOR_MOD_BINARY_REPLACE;
-    mod.mod_type = const_cast<char*>(attribute);
-    mod.mod_bvalues = values;
-    ldapmod* mods[2] = {&mod, nullptr};
-    return binding_.LdapModifyS(Handle(), dn, mods);
+    return ReplaceBinary(dn, attribute, values);
 }
 
 // A replace that carries no values removes the attribute, and the directory accepts it also
@@ -33,6 +28,11 @@ int CLdapOp::RemoveKey(char const* dn, char const* attribute) {
     }
     // An empty (not null) value list: libldap refuses a null one before sending anything.
     berval* values[1] = {nullptr};
+    return ReplaceBinary(dn, attribute, values);
+}
+
+// One modify request with one binary replace, all in local storage for the synchronous call.
+int CLdapOp::ReplaceBinary(char const* dn, char const* attribute, berval** values) {
     LDAPMod mod;
     mod.mod_op = QOR_MOD_BINARY_REPLACE;
     mod.mod_type = const_cast<char*>(attribute);

@@ -132,6 +132,7 @@ class CLdapOp {
     ldap* OpenHandle(LdapInfo const& settings);
     // Timeouts and TLS settings, only those configured. false when StartTLS failed.
     bool SecureHandle(ldap* ld);
+    int ReplaceBinary(char const* dn, char const* attribute, berval** values);
     // Removes a private-key attribute: a replace with no values.
     int RemoveKey(char const* dn, char const* attribute);
     // Re-protects one stored private key; see ModifyPriKeyPsw.
