@@ -9,6 +9,16 @@ using namespace fakeldap;
 class LinkKeys : public FakeTest {
   protected:
     void Soap(std::string const& extra) { dir_.Write("soap.ini", kSoapIni + extra); }
+    // Connects, loses the server, and shows that the next read fails with the search code.
+    void LoseConnection(CLdapOp& op) {
+        ScriptBaseEntry();
+        ASSERT_EQ(QORLDAP_OK, op.ConnectLdap());
+        Fake().server_down();
+        unsigned char* key = nullptr;
+        unsigned int length = 0;
+        EXPECT_EQ(QORLDAP_E_KEY_SEARCH, op.GetSignPublicKey("cn=a,ou=b,o=root", key, length));
+        Fake().clear_log();
+    }
 };
 
 TEST_F(LinkKeys, StartTlsRunsAfterTheVersionAndBeforeTheBind) {
@@ -53,15 +63,9 @@ TEST_F(LinkKeys, LdapsUsesAUriPerHost) {
 
 TEST_F(LinkKeys, WithReconnectALostConnectionIsReleasedAndRedialled) {
     Soap("reconnect=yes\n");
-    ScriptBaseEntry();
     CLdapOp op;
-    ASSERT_EQ(QORLDAP_OK, op.ConnectLdap());
-    Fake().server_down();
-    unsigned char* key = nullptr;
-    unsigned int length = 0;
-    EXPECT_EQ(QORLDAP_E_KEY_SEARCH, op.GetSignPublicKey("cn=a,ou=b,o=root", key, length));
+    LoseConnection(op);
     EXPECT_TRUE(op.NeedsReconnect());
-    Fake().clear_log();
     ScriptBaseEntry();
     EXPECT_EQ(QORLDAP_OK, op.ConnectLdap()) << Fake().log();
     EXPECT_EQ(1, Fake().calls("ldap_unbind_ext_s"));
@@ -71,15 +75,9 @@ TEST_F(LinkKeys, WithReconnectALostConnectionIsReleasedAndRedialled) {
 }
 
 TEST_F(LinkKeys, WithoutReconnectALostConnectionIsKept) {
-    ScriptBaseEntry();
     CLdapOp op;
-    ASSERT_EQ(QORLDAP_OK, op.ConnectLdap());
-    Fake().server_down();
-    unsigned char* key = nullptr;
-    unsigned int length = 0;
-    EXPECT_EQ(QORLDAP_E_KEY_SEARCH, op.GetSignPublicKey("cn=a,ou=b,o=root", key, length));
+    LoseConnection(op);
     EXPECT_FALSE(op.NeedsReconnect());
-    Fake().clear_log();
     EXPECT_EQ(QORLDAP_OK, op.ConnectLdap());
     EXPECT_EQ(Lines{}, Fake().log_lines());
 }
