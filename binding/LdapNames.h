@@ -4,6 +4,7 @@
 
 #define LDAP_INIT_N "ldap_init"
 #define LDAP_SET_OPTION_N "ldap_set_option"
+#define LDAP_GET_OPTION_N "ldap_get_option"
 #define LDAP_SIMPLE_BIND_S_N "ldap_simple_bind_s"
 #define LDAP_GET_LAST_ERROR "LdapGetLastError"
 #define LDAP_ERR2STRING_N "ldap_err2string"

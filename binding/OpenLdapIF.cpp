@@ -1,6 +1,7 @@
 #include "binding/OpenLdapIF.h"
 
 #include <cstdlib>
+#include <mutex>
 
 #include "binding/LdapNames.h"
 #include "platform/System.h"
@@ -25,6 +26,27 @@ void* LoadDirectoryLibrary() {
         }
     }
     return nullptr;
+}
+
+// libldap sets up its process-wide defaults on first use without a lock of its own, and every
+// new handle copies them; two engines making their first handles at once would race on them.
+// So the defaults are set up once per process, before any binding hands out its first entry
+// point: reading an option of the global defaults does exactly that and sends nothing.
+void InitialiseGlobalDefaults(void* library) {
+    static std::once_flag once;
+    std::call_once(once, [library] {
+        using GetOptionFn = int (*)(LDAP*, int, void*);
+        auto getOption =
+            reinterpret_cast<GetOptionFn>(CSystem::GetProcAddr(library, LDAP_GET_OPTION_N));
+        if (getOption != nullptr) {
+            int version = 0;
+            getOption(nullptr, LDAP_OPT_PROTOCOL_VERSION, &version);
+        }
+    });
+}
+
+bool MeansLinkFailure(int rc) {
+    return rc == LDAP_SERVER_DOWN || rc == LDAP_CONNECT_ERROR || rc == LDAP_TIMEOUT;
 }
 
 }  // namespace
@@ -73,6 +95,7 @@ bool COpenLdapIF::Resolve(Fn& slot, char const* name) {
         if (library_ == nullptr) {
             return false;
         }
+        InitialiseGlobalDefaults(library_);
     }
     if (slot == nullptr) {
         slot = reinterpret_cast<Fn>(CSystem::GetProcAddr(library_, name));
@@ -88,7 +111,7 @@ bool MeansConnectionLost(R) {
 }
 template <>
 bool MeansConnectionLost<int>(int rc) {
-    return rc == LDAP_SERVER_DOWN || rc == LDAP_CONNECT_ERROR;
+    return MeansLinkFailure(rc);
 }
 
 }  // namespace
@@ -102,6 +125,57 @@ R COpenLdapIF::Call(Fn& slot, char const* name, R unavailable, Args... args) {
     R result = slot(args...);
     if (MeansConnectionLost(result) && watch_.load(std::memory_order_relaxed)) {
         lost_.store(true);
+    }
+    return result;
+}
+
+// The mutex does not hand itself over in arrival order: a thread that fails fast and calls again
+// at once can take it ahead of the threads already waiting, again and again. So a waiter does
+// not leave its turn to the mutex alone: it looks at the failure count every few milliseconds
+// and gives up as soon as a failure has come in since it started to wait.
+bool COpenLdapIF::WaitForLock(unsigned long seen) {
+    pthread_t const self = pthread_self();
+    if (pthread_equal(lock_.owner.load(), self)) {
+        return true;  // re-entered from inside a call: ScopeLock goes on without locking
+    }
+    while (failures_.load(std::memory_order_acquire) == seen) {
+        timespec until;
+        clock_gettime(CLOCK_REALTIME, &until);
+        until.tv_nsec += 10 * 1000 * 1000;
+        if (until.tv_nsec >= 1000 * 1000 * 1000) {
+            until.tv_nsec -= 1000 * 1000 * 1000;
+            ++until.tv_sec;
+        }
+        if (pthread_mutex_timedlock(&lock_.mutex, &until) == 0) {
+            if (failures_.load(std::memory_order_acquire) != seen) {
+                pthread_mutex_unlock(&lock_.mutex);  // the failure came as the lock was freed
+                return false;
+            }
+            // Held now; the ScopeLock that follows finds us the owner and releases it at its end.
+            lock_.owner.store(self);
+            return true;
+        }
+    }
+    return false;
+}
+
+template <typename Fn, typename... Args>
+int COpenLdapIF::CallServer(Fn& slot, char const* name, int unavailable, Args... args) {
+    unsigned long const seen = failures_.load(std::memory_order_acquire);
+    if (failFast_.load(std::memory_order_relaxed) && !WaitForLock(seen)) {
+        return lastFailure_.load(std::memory_order_relaxed);
+    }
+    ScopeLock lock(&lock_);
+    if (!Resolve(slot, name)) {
+        return unavailable;
+    }
+    int const result = slot(args...);
+    if (MeansLinkFailure(result)) {
+        if (watch_.load(std::memory_order_relaxed)) {
+            lost_.store(true);
+        }
+        lastFailure_.store(result, std::memory_order_relaxed);
+        failures_.fetch_add(1, std::memory_order_release);
     }
     return result;
 }
@@ -130,7 +204,7 @@ int COpenLdapIF::LdapSetOption(ldap* ld, int option, void const* value) {
 }
 
 int COpenLdapIF::LdapSimpleBindS(ldap* ld, char const* who, char const* passwd) {
-    return Call<int>(simpleBindS_, LDAP_SIMPLE_BIND_S_N, 0, ld, who, passwd);
+    return CallServer(simpleBindS_, LDAP_SIMPLE_BIND_S_N, 0, ld, who, passwd);
 }
 
 int COpenLdapIF::LdapGetLastErr() {
@@ -145,8 +219,8 @@ int COpenLdapIF::LdapSearchExtS(ldap* ld, char const* base, int scope, char cons
                                 char** attrs, int attrsonly, ldapcontrol** serverctrls,
                                 ldapcontrol** clientctrls, timeval* timeout, int sizelimit,
                                 ldapmsg** res) {
-    return Call<int>(searchExtS_, LDAP_SEARCH_EXT_S_N, 0, ld, base, scope, filter, attrs, attrsonly,
-                     serverctrls, clientctrls, timeout, sizelimit, res);
+    return CallServer(searchExtS_, LDAP_SEARCH_EXT_S_N, 0, ld, base, scope, filter, attrs,
+                      attrsonly, serverctrls, clientctrls, timeout, sizelimit, res);
 }
 
 ldapmsg* COpenLdapIF::LdapFirstEnry(ldap* ld, ldapmsg* chain) {
@@ -198,19 +272,19 @@ void COpenLdapIF::LdapMemFree(void* p) {
 }
 
 int COpenLdapIF::LdapAddS(ldap* ld, char const* dn, ldapmod** attrs) {
-    return Call<int>(addS_, LDAP_ADD_S_N, 0, ld, dn, attrs);
+    return CallServer(addS_, LDAP_ADD_S_N, 0, ld, dn, attrs);
 }
 
 int COpenLdapIF::LdapDeleteS(ldap* ld, char const* dn) {
-    return Call<int>(deleteS_, LDAP_DELETE_S_N, 0, ld, dn);
+    return CallServer(deleteS_, LDAP_DELETE_S_N, 0, ld, dn);
 }
 
 int COpenLdapIF::LdapModifyS(ldap* ld, char const* dn, ldapmod** mods) {
-    return Call<int>(modifyS_, LDAP_MODIFY_S_N, 0, ld, dn, mods);
+    return CallServer(modifyS_, LDAP_MODIFY_S_N, 0, ld, dn, mods);
 }
 
 int COpenLdapIF::LdapAdd(ldap* ld, char const* dn, ldapmod** attrs) {
-    return Call<int>(add_, LDAP_ADD_N, 0, ld, dn, attrs);
+    return CallServer(add_, LDAP_ADD_N, 0, ld, dn, attrs);
 }
 
 void COpenLdapIF::BerFree(berelement* ber, int freebuf) {
@@ -234,8 +308,8 @@ ldap* COpenLdapIF::LdapInitialize(char const* uri) {
 }
 
 int COpenLdapIF::LdapStartTlsS(ldap* ld) {
-    return Call<int>(startTlsS_, LDAP_START_TLS_S_N, LDAP_UNAVAILABLE, ld,
-                     static_cast<LDAPControl**>(nullptr), static_cast<LDAPControl**>(nullptr));
+    return CallServer(startTlsS_, LDAP_START_TLS_S_N, LDAP_UNAVAILABLE, ld,
+                      static_cast<LDAPControl**>(nullptr), static_cast<LDAPControl**>(nullptr));
 }
 
 void COpenLdapIF::DropHandle() {

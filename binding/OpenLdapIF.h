@@ -65,10 +65,17 @@ class COpenLdapIF {
     // Unbinds the cached handle, if any, and forgets it, so that the next init makes a new one.
     void DropHandle();
 
-    // When on, an int result of LDAP_SERVER_DOWN or LDAP_CONNECT_ERROR from any call marks the
-    // connection as lost; the engine then drops the handle at its next connection.
+    // When on, an int result of LDAP_SERVER_DOWN, LDAP_CONNECT_ERROR or LDAP_TIMEOUT from any
+    // call marks the connection as lost; the engine then drops the handle at its next
+    // connection. A server that has stopped answering is treated like one that has gone.
     void WatchConnection(bool on) { watch_.store(on); }
     bool ConnectionLost() const { return lost_.load(); }
+    // When on, a call that talks to the server (bind, StartTLS, search, add, modify, delete)
+    // and had to wait for the lock while another such call failed with LDAP_SERVER_DOWN,
+    // LDAP_CONNECT_ERROR or LDAP_TIMEOUT returns that code at once, without sending anything:
+    // callers queued behind a dead or silent server then fail together instead of each waiting
+    // out its own timeout.
+    void FailFast(bool on) { failFast_.store(on); }
 
   private:
     typedef LDAP* (*InitFn)(char const*, int);
@@ -107,6 +114,12 @@ class COpenLdapIF {
     R Call(Fn& slot, char const* name, R unavailable, Args... args);
     template <typename Fn, typename... Args>
     void CallVoid(Fn& slot, char const* name, Args... args);
+    // With fail-fast on: takes the lock (true), or gives up (false) once a link failure has been
+    // counted since seen.
+    bool WaitForLock(unsigned long seen);
+    // Call for the functions that talk to the server; see FailFast.
+    template <typename Fn, typename... Args>
+    int CallServer(Fn& slot, char const* name, int unavailable, Args... args);
 
     void* library_;
     InitFn init_;
@@ -139,6 +152,10 @@ class COpenLdapIF {
     LDAP* handle_;
     std::atomic<bool> watch_{false};
     std::atomic<bool> lost_{false};
+    std::atomic<bool> failFast_{false};
+    // Counts the link failures of server calls; lastFailure_ (under the lock) is the latest code.
+    std::atomic<unsigned long> failures_{0};
+    std::atomic<int> lastFailure_{0};
 };
 
 #endif

@@ -1,13 +1,14 @@
 // Engine object, server settings and the connection sequence.
 #include "engine/LdapOp.h"
 
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 
 #include "engine/Bounded.h"
 #include "engine/Constants.h"
-#include "platform/System.h"
+#include "platform/IniFile.h"
 
 namespace {
 
@@ -28,6 +29,7 @@ CLdapOp::CLdapOp() : handle_(nullptr), certFlag_(true), templates_(nullptr), tem
     std::memset(&info_, 0, sizeof info_);
     GetConfig(SECTION_LDAP);
     binding_.WatchConnection(link_.reconnect);
+    binding_.FailFast(link_.timeout > 0);
     // An engine whose schema file does not load is built all the same, with no templates;
     // the operations that need templates then refuse.
     ReadConfig();
@@ -44,31 +46,66 @@ CLdapOp::~CLdapOp() {
 // was. A text longer than its field is cut to the field (255 characters for host and basedn,
 // 32 for managerdn and psw).
 void CLdapOp::GetConfig(std::string const& section) {
+    // One read of the file for all the keys.
+    IniFile const soap = IniFile::Load(SOAP_INI);
     std::string value;
-    if (CSystem::GetProfileStrValue(section, SECTION_LDAP_HOST, SOAP_INI, value)) {
+    if (soap.Get(section, SECTION_LDAP_HOST, value)) {
         qor::CutCopy(info_.host, value.c_str());
     }
-    if (CSystem::GetProfileStrValue(section, SECTION_LDAP_PSW, SOAP_INI, value)) {
+    if (soap.Get(section, SECTION_LDAP_PSW, value)) {
         qor::CutCopy(info_.psw, value.c_str());
     }
-    if (CSystem::GetProfileStrValue(section, SECTION_LDAP_BASEDN, SOAP_INI, value)) {
+    if (soap.Get(section, SECTION_LDAP_BASEDN, value)) {
         qor::CutCopy(info_.basedn, value.c_str());
     }
-    if (CSystem::GetProfileStrValue(section, SECTION_LDAP_MANGERDN, SOAP_INI, value)) {
+    if (soap.Get(section, SECTION_LDAP_MANGERDN, value)) {
         qor::CutCopy(info_.managerdn, value.c_str());
     }
-    if (CSystem::GetProfileStrValue(section, SECTION_LDAP_PORT, SOAP_INI, value)) {
+    if (soap.Get(section, SECTION_LDAP_PORT, value)) {
         info_.port = ReadPort(value);
     }
-    link_.Read(section);
+    link_.Read(soap, section);
 }
 
 int CLdapOp::ConnectLdap() {
     if (handle_.load(std::memory_order_acquire) != nullptr && !NeedsReconnect()) {
         return QORLDAP_OK;
     }
+    // Link keys that do not read refuse every connection before anything is sent.
+    if (!link_.Valid()) {
+        return QORLDAP_E_FAILED;
+    }
     // Threads sharing one engine connect one at a time; the others then find the handle set.
-    std::lock_guard<std::mutex> guard(connectLock_);
+    // With a timeout, a thread that waited here while another thread's attempt failed fails
+    // too, at once, rather than dialling a dead or silent server once more on its own time.
+    // The mutex does not hand itself over in arrival order, so a waiter looks at the count of
+    // failed attempts every few milliseconds rather than leaving its turn to the mutex alone.
+    unsigned long const failedBefore = failedConnects_.load(std::memory_order_acquire);
+    auto failedMeanwhile = [&] {
+        return failedConnects_.load(std::memory_order_acquire) != failedBefore &&
+               handle_.load(std::memory_order_acquire) == nullptr;
+    };
+    std::unique_lock<std::timed_mutex> guard(connectLock_, std::defer_lock);
+    if (link_.timeout > 0) {
+        while (!guard.try_lock_for(std::chrono::milliseconds(10))) {
+            if (failedMeanwhile()) {
+                return QORLDAP_E_FAILED;
+            }
+        }
+        if (failedMeanwhile()) {
+            return QORLDAP_E_FAILED;
+        }
+    } else {
+        guard.lock();
+    }
+    int rc = Dial();
+    if (rc != QORLDAP_OK) {
+        failedConnects_.fetch_add(1, std::memory_order_release);
+    }
+    return rc;
+}
+
+int CLdapOp::Dial() {
     std::unique_lock<std::shared_mutex> quiet;
     if (NeedsReconnect()) {
         // The lost handle is released once no operation uses it any more, and no operation
@@ -77,6 +114,10 @@ int CLdapOp::ConnectLdap() {
         quiet = std::unique_lock<std::shared_mutex>(operations_);
         binding_.DropHandle();
         handle_.store(nullptr, std::memory_order_release);
+        // The next dial starts the host list one further on. A server that has gone refuses
+        // the connection and libldap moves down the list by itself; one that has stopped
+        // answering still accepts it, and only starting elsewhere gets past it.
+        ++hostShift_;
     }
     if (handle_.load(std::memory_order_acquire) != nullptr) {
         return QORLDAP_OK;
@@ -108,11 +149,13 @@ int CLdapOp::ConnectLdap() {
 }
 
 ldap* CLdapOp::OpenHandle(LdapInfo const& settings) {
+    // Without reconnection the shift stays 0 and the host text goes to libldap as it was set.
+    std::string const hosts = LinkOptions::RotateHosts(settings.host, hostShift_);
     if (link_.tls == LinkOptions::Tls::kLdaps) {
         return binding_.LdapInitialize(
-            LinkOptions::LdapsUris(settings.host, settings.port).c_str());
+            LinkOptions::LdapsUris(hosts.c_str(), settings.port).c_str());
     }
-    return binding_.LdapInit(settings.host, settings.port);
+    return binding_.LdapInit(hostShift_ == 0 ? settings.host : hosts.c_str(), settings.port);
 }
 
 // Options are set on the handle before anything is sent. A failed StartTLS drops the handle, so

@@ -11,6 +11,7 @@
 
 #include "binding/OpenLdapIF.h"
 #include "engine/LinkOptions.h"
+#include "platform/IniFile.h"
 #include "qorldap/records.h"
 #include "qorldap/result_codes.h"
 
@@ -119,6 +120,8 @@ class CLdapOp {
                    bool sign, bool publicOnly);
 
   private:
+    // One template's definitions from a schema file already read; see ReadEachConfig.
+    bool ReadTemplate(IniFile const& file, std::string const& section, tagAtt& tmpl);
     // A copy of the settings in force, so that SetLdapAtt from another thread never tears a
     // text that an operation is reading.
     LdapInfo Settings() const {
@@ -128,6 +131,9 @@ class CLdapOp {
     // One synchronous search for all attributes, no limits. On a non-zero code the result the
     // library may have handed back with it is released and result is null.
     int Search(char const* base, int scope, char const* filter, ldapmsg*& result);
+    // The connection sequence proper, run under connectLock_: drops a lost handle, then
+    // opens, secures and binds a new one and checks the root. A QORLDAP code.
+    int Dial();
     // Opens the handle as the link options say; null when none can be had.
     ldap* OpenHandle(LdapInfo const& settings);
     // Timeouts and TLS settings, only those configured. false when StartTLS failed.
@@ -155,10 +161,12 @@ class CLdapOp {
     bool certFlag_;
     tagAtt* templates_;
     int templateCount_;
-    std::mutex connectLock_;
+    std::timed_mutex connectLock_;
     ldap* connecting_ = nullptr;  // written and read only under connectLock_
     LinkOptions link_;
     std::shared_mutex operations_;
+    std::atomic<unsigned long> failedConnects_{0};
+    unsigned hostShift_ = 0;  // written and read only under connectLock_
 };
 
 #endif

@@ -1,51 +1,107 @@
 #include "engine/LinkOptions.h"
 
-#include <cstdlib>
 #include <sstream>
+#include <vector>
 
 #include "engine/Constants.h"
-#include "platform/System.h"
+#include "platform/IniFile.h"
 
 namespace {
 
-bool IsYes(std::string const& text) {
-    return text == "yes" || text == "YES" || text == "Yes" || text == "1" || text == "true" ||
-           text == "on";
+std::string Lower(std::string text) {
+    for (char& c : text) {
+        if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c - 'A' + 'a');
+        }
+    }
+    return text;
+}
+
+bool OneOf(std::string const& value, std::initializer_list<char const*> spellings) {
+    for (char const* s : spellings) {
+        if (value == s) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A yes/no key: true or false into out; false as the result when the value is neither.
+bool ReadSwitch(std::string const& value, bool empty, std::initializer_list<char const*> yes,
+                std::initializer_list<char const*> no, bool& out) {
+    if (value.empty()) {
+        out = empty;
+    } else if (OneOf(value, yes)) {
+        out = true;
+    } else if (OneOf(value, no)) {
+        out = false;
+    } else {
+        return false;
+    }
+    return true;
+}
+
+std::vector<std::string> Hosts(char const* hosts) {
+    std::istringstream in(hosts != nullptr ? hosts : "");
+    std::vector<std::string> list;
+    for (std::string host; in >> host;) {
+        list.push_back(host);
+    }
+    return list;
 }
 
 }  // namespace
 
-void LinkOptions::Read(std::string const& section) {
-    std::string value;
-    if (CSystem::GetProfileStrValue(section, SECTION_LDAP_TLS, SOAP_INI, value)) {
-        if (value == "starttls" || value == "StartTLS") {
+void LinkOptions::Read(IniFile const& soap, std::string const& section) {
+    std::string raw;
+    auto fail = [this](char const* key, std::string const& value) {
+        if (fault.empty()) {
+            fault = std::string(key) + "=" + value;
+        }
+    };
+    if (soap.Get(section, SECTION_LDAP_TLS, raw)) {
+        std::string const value = Lower(raw);
+        if (value.empty() || OneOf(value, {"none", "no", "off"})) {
+            tls = Tls::kNone;
+        } else if (OneOf(value, {"starttls", "start_tls"})) {
             tls = Tls::kStartTls;
-        } else if (value == "ldaps" || value == "LDAPS") {
+        } else if (value == "ldaps") {
             tls = Tls::kLdaps;
         } else {
-            tls = Tls::kNone;
+            fail(SECTION_LDAP_TLS, raw);
         }
     }
-    if (CSystem::GetProfileStrValue(section, SECTION_LDAP_TLS_CACERT, SOAP_INI, value)) {
-        caCert = value;
+    if (soap.Get(section, SECTION_LDAP_TLS_CACERT, raw)) {
+        caCert = raw;
     }
-    if (CSystem::GetProfileStrValue(section, SECTION_LDAP_TLS_VERIFY, SOAP_INI, value)) {
-        verify = value.empty() || IsYes(value);
+    if (soap.Get(section, SECTION_LDAP_TLS_VERIFY, raw) &&
+        !ReadSwitch(Lower(raw), true, {"yes", "true", "on", "1", "demand"},
+                    {"no", "false", "off", "0", "never"}, verify)) {
+        fail(SECTION_LDAP_TLS_VERIFY, raw);
     }
-    if (CSystem::GetProfileStrValue(section, SECTION_LDAP_TIMEOUT, SOAP_INI, value)) {
-        long seconds = std::strtol(value.c_str(), nullptr, 10);
-        timeout = seconds > 0 && seconds < 86400 ? static_cast<int>(seconds) : 0;
+    if (soap.Get(section, SECTION_LDAP_TIMEOUT, raw)) {
+        // Whole seconds only: "5s" or "1.5" are refused rather than read as something else.
+        bool digits = !raw.empty() && raw.size() <= 5 &&
+                      raw.find_first_not_of("0123456789") == std::string::npos;
+        long seconds = digits ? std::stol(raw) : -1;
+        if (raw.empty()) {
+            timeout = 0;
+        } else if (seconds >= 0 && seconds <= 86400) {
+            timeout = static_cast<int>(seconds);
+        } else {
+            fail(SECTION_LDAP_TIMEOUT, raw);
+        }
     }
-    if (CSystem::GetProfileStrValue(section, SECTION_LDAP_RECONNECT, SOAP_INI, value)) {
-        reconnect = IsYes(value);
+    if (soap.Get(section, SECTION_LDAP_RECONNECT, raw) &&
+        !ReadSwitch(Lower(raw), false, {"yes", "true", "on", "1"}, {"no", "false", "off", "0"},
+                    reconnect)) {
+        fail(SECTION_LDAP_RECONNECT, raw);
     }
 }
 
 std::string LinkOptions::LdapsUris(char const* hosts, int port) {
-    std::istringstream in(hosts != nullptr ? hosts : "");
-    std::string host;
     std::string uris;
-    while (in >> host) {
+    for (std::string const& host : Hosts(hosts)) {
         if (!uris.empty()) {
             uris += ' ';
         }
@@ -59,4 +115,33 @@ std::string LinkOptions::LdapsUris(char const* hosts, int port) {
         }
     }
     return uris.empty() ? "ldaps://localhost" : uris;
+}
+
+std::string LinkOptions::RotateHosts(char const* hosts, unsigned shift) {
+    std::vector<std::string> list = Hosts(hosts);
+    if (list.size() < 2 || shift % list.size() == 0) {
+        return hosts != nullptr ? hosts : "";
+    }
+    std::string rotated;
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        if (i > 0) {
+            rotated += ' ';
+        }
+        rotated += list[(i + shift) % list.size()];
+    }
+    return rotated;
+}
+
+std::string LinkOptions::Describe() const {
+    if (!Valid()) {
+        return "refused: " + fault + " is not a spelling the library knows";
+    }
+    std::string text = tls == Tls::kNone       ? "none (clear text)"
+                       : tls == Tls::kStartTls ? "starttls"
+                                               : "ldaps";
+    if (tls != Tls::kNone) {
+        text += verify ? ", server certificate verified" : ", server certificate NOT verified";
+        text += caCert.empty() ? " (system CAs)" : " against " + caCert;
+    }
+    return text;
 }

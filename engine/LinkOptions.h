@@ -5,6 +5,8 @@
 
 #include <string>
 
+class IniFile;
+
 struct LinkOptions {
     enum class Tls { kNone, kStartTls, kLdaps };
 
@@ -13,11 +15,26 @@ struct LinkOptions {
     bool verify = true;      // "tls_verify": yes (default) demands a verified server certificate
     int timeout = 0;         // "timeout": seconds for connecting and for each request; 0 = none
     bool reconnect = false;  // "reconnect": yes drops a lost connection so the next call redials
+    // Empty when every key present is written in one of its documented spellings; otherwise
+    // "key=value" of the first one that is not. An engine whose link keys do not read never
+    // connects: a misspelt "tls" or "tls_verify" must not quietly mean a clear or unverified
+    // link.
+    std::string fault;
 
-    // Reads the keys above from section of "soap.ini"; absent keys keep their defaults.
-    void Read(std::string const& section);
+    // Reads the keys above from section of soap.ini; absent keys keep their defaults.
+    // Spellings, without regard to letter case (an empty value means the default):
+    //   tls         none | no | off | starttls | start_tls | ldaps
+    //   tls_verify  yes | true | on | 1 | demand  /  no | false | off | 0 | never
+    //   reconnect   yes | true | on | 1  /  no | false | off | 0
+    //   timeout     whole seconds, 0 to 86400 (0: none)
+    void Read(IniFile const& soap, std::string const& section);
+    bool Valid() const { return fault.empty(); }
     // "ldaps://host:port" for each blank-separated host; a host written as a URI stays as it is.
     static std::string LdapsUris(char const* hosts, int port);
+    // The blank-separated host list turned by shift places: "a b c" by 1 is "b c a".
+    static std::string RotateHosts(char const* hosts, unsigned shift);
+    // What the settings make of the link, for people: "starttls, server certificate verified".
+    std::string Describe() const;
 };
 
 #endif

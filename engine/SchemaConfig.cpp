@@ -5,7 +5,7 @@
 #include "engine/Bounded.h"
 #include "engine/Constants.h"
 #include "engine/LdapOp.h"
-#include "platform/System.h"
+#include "platform/IniFile.h"
 
 namespace {
 
@@ -28,8 +28,10 @@ int const kNamingRole = 2;
 }  // namespace
 
 bool CLdapOp::ReadConfig() {
+    // One read of the file for every template and definition in it.
+    IniFile const schema = IniFile::Load(LDAP_INI);
     std::string text;
-    if (!CSystem::GetProfileStrValue(LDAP_BASE, LDAP_SUM, LDAP_INI, text)) {
+    if (!schema.Get(LDAP_BASE, LDAP_SUM, text)) {
         return false;
     }
     long count = ReadNumber(text);
@@ -47,8 +49,7 @@ bool CLdapOp::ReadConfig() {
         std::memset(&record, 0, sizeof record);
         // A template name that does not fit its 255 characters could never match an entry's
         // object class: the file is refused rather than cut.
-        if (!CSystem::GetProfileStrValue(LDAP_BASE, KeyName(i), LDAP_INI, name) ||
-            !ReadEachConfig(name, LDAP_INI, record) ||
+        if (!schema.Get(LDAP_BASE, KeyName(i), name) || !ReadTemplate(schema, name, record) ||
             !qor::FitCopy(record.objectClass, name.c_str())) {
             delete[] table;
             return false;
@@ -69,8 +70,15 @@ bool CLdapOp::ReadEachConfig(std::string const& section, std::string const& file
     if (section.empty() || file.empty()) {
         return false;
     }
+    return ReadTemplate(IniFile::Load(file), section, tmpl);
+}
+
+bool CLdapOp::ReadTemplate(IniFile const& file, std::string const& section, tagAtt& tmpl) {
+    if (section.empty()) {
+        return false;
+    }
     std::string text;
-    if (!CSystem::GetProfileStrValue(section, LDAP_SUM, file, text)) {
+    if (!file.Get(section, LDAP_SUM, text)) {
         return false;
     }
     long count = ReadNumber(text);
@@ -80,7 +88,7 @@ bool CLdapOp::ReadEachConfig(std::string const& section, std::string const& file
     int naming = 0;
     for (long j = 0; j < count; ++j) {
         std::string definition;
-        if (!CSystem::GetProfileStrValue(section, KeyName(j), file, definition)) {
+        if (!file.Get(section, KeyName(j), definition)) {
             return false;
         }
         std::string name;

@@ -5,6 +5,8 @@
 #include <cstdlib>
 
 #include "cli.h"
+#include "engine/LinkOptions.h"
+#include "platform/IniFile.h"
 #include "qorldap/qorldap.h"
 
 namespace qortool {
@@ -43,6 +45,15 @@ int RunConfig(Args const& args) {
     std::printf("  basedn     %s\n", Shown(info.basedn).c_str());
     std::printf("  managerdn  %s\n", Shown(info.managerdn).c_str());
     std::printf("  psw        %s\n", info.psw[0] == '\0' ? "(not set)" : "********");
+    LinkOptions link;
+    link.Read(IniFile::Load(ConfigPath("soap.ini")), "ldap");
+    std::printf("  tls        %s\n", link.Describe().c_str());
+    if (link.timeout > 0) {
+        std::printf("  timeout    %d s for connecting and for each request\n", link.timeout);
+    } else {
+        std::printf("  timeout    (not set: a silent server blocks a call for ever)\n");
+    }
+    std::printf("  reconnect  %s\n", link.reconnect ? "yes" : "no");
     if (args.Has("--check")) {
         std::fflush(stdout);
         Connect(ldap);
@@ -56,7 +67,13 @@ char const kConfigHelp[] =
     "\n"
     "Shows where soap.ini and ldap.ini are looked for (the folder named by --conf or\n"
     "QORLDAP_CONF_DIR, else the current directory) and the settings in force. The\n"
-    "password is never shown.\n"
+    "password is never shown. Also shown: how the link is protected (tls, tls_verify),\n"
+    "its timeout and reconnection. Link keys read without regard to letter case:\n"
+    "  tls         none | starttls | start_tls | ldaps\n"
+    "  tls_verify  yes | true | on | 1 | demand  /  no | false | off | 0 | never\n"
+    "  reconnect   yes | true | on | 1  /  no | false | off | 0\n"
+    "  timeout     whole seconds (0 or absent: none)\n"
+    "Any other value refuses every connection: nothing is sent in clear by mistake.\n"
     "\n"
     "  --check  also connect and bind, and say whether that worked\n";
 

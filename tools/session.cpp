@@ -5,6 +5,8 @@
 #include <fstream>
 
 #include "cli.h"
+#include "engine/LinkOptions.h"
+#include "platform/IniFile.h"
 #include "qorldap/qorldap.h"
 
 namespace qortool {
@@ -45,6 +47,13 @@ void FailConnect(int code, std::string const& host, int port, std::string const&
             FailCode("connect", code,
                      "cannot connect to the directory (no soap.ini at " + soap +
                          "; use --conf DIR or set QORLDAP_CONF_DIR)");
+        }
+        LinkOptions link;
+        link.Read(IniFile::Load(soap), "ldap");
+        if (!link.Valid()) {
+            FailCode("connect", code,
+                     "no connection attempted: " + link.fault + " in " + soap +
+                         " is not a spelling the library knows (see qorldap config --help)");
         }
         std::string where = host.empty() ? "" : " at " + host + " port " + std::to_string(port);
         FailCode("connect", code,

@@ -61,6 +61,56 @@ TEST_F(LinkKeys, LdapsUsesAUriPerHost) {
     EXPECT_EQ(0, Fake().calls("ldap_init"));
 }
 
+// Link keys read without regard to letter case, and a value the library does not know refuses
+// the connection before anything is sent, so a misspelt key never means a clear bind or an
+// unverified server.
+TEST_F(LinkKeys, KeysReadCaseBlindAndUnknownValuesRefuseBeforeAnythingIsSent) {
+    struct Case {
+        char const* keys;
+        int startTls;     // StartTLS calls made
+        int requireCert;  // LDAP_OPT_X_TLS_REQUIRE_CERT set to this; -1: not set
+    };
+    int const kDemand = LDAP_OPT_X_TLS_DEMAND;
+    int const kNever = LDAP_OPT_X_TLS_NEVER;
+    Case const accepted[] = {
+        {"tls=STARTTLS\n", 1, kDemand},
+        {"tls=Start_TLS\ntls_verify=TRUE\n", 1, kDemand},
+        {"tls=starttls\ntls_verify=Demand\n", 1, kDemand},
+        {"tls=StartTls\ntls_verify=OFF\n", 1, kNever},
+        {"tls=starttls\ntls_verify=never\n", 1, kNever},
+        {"tls=None\nreconnect=YES\ntimeout=0\n", 0, -1},
+    };
+    for (Case const& c : accepted) {
+        Soap(c.keys);
+        Fake().reset();
+        ScriptBaseEntry();
+        CLdapOp op;
+        EXPECT_EQ(QORLDAP_OK, op.ConnectLdap()) << c.keys << Fake().log();
+        EXPECT_EQ(c.startTls, Fake().calls("ldap_start_tls_s")) << c.keys;
+        std::string const require =
+            "ldap_set_option opt=" + std::to_string(LDAP_OPT_X_TLS_REQUIRE_CERT) +
+            " value=" + std::to_string(c.requireCert);
+        bool const set = Fake().log().find(require) != std::string::npos;
+        EXPECT_EQ(c.requireCert != -1, set) << c.keys << Fake().log();
+    }
+    char const* const refused[] = {"tls=yes\n",
+                                   "tls=true\n",
+                                   "tls=ssl\n",
+                                   "tls=starttls\ntls_verify=Y\n",
+                                   "tls_verify=required\n",
+                                   "tls_verify=hard\n",
+                                   "reconnect=enabled\n",
+                                   "timeout=5s\n",
+                                   "timeout=-1\n"};
+    for (char const* keys : refused) {
+        Soap(keys);
+        Fake().reset();
+        CLdapOp op;
+        EXPECT_EQ(QORLDAP_E_FAILED, op.ConnectLdap()) << keys;
+        EXPECT_EQ(Lines{}, Fake().log_lines()) << keys;
+    }
+}
+
 TEST_F(LinkKeys, WithReconnectALostConnectionIsReleasedAndRedialled) {
     Soap("reconnect=yes\n");
     CLdapOp op;

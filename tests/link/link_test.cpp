@@ -2,13 +2,19 @@
 // that refuses clear binds, a wrong CA, bounded waits, failover and recovery after a restart.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <map>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "qorldap/qorldap.h"
 #include "tests/support/Entries.h"
@@ -46,6 +52,7 @@ class Server {
     void Stop() { qortest::Run(Script() + " stop --dir '" + dir_.Path() + "/d' >/dev/null 2>&1"); }
     std::string Env(std::string const& k) { return env_[k]; }
     int Port() { return std::atoi(env_["LDAP_PORT"].c_str()); }
+    pid_t Pid() { return std::atoi(qortest::ReadFile(dir_.Path() + "/d/slapd.pid").c_str()); }
 
   private:
     ScratchDir dir_;
@@ -67,6 +74,7 @@ class Config {
         ConfDir use(dir_.Path());
         return new CLdap();
     }
+    std::string const& Path() const { return dir_.Path(); }
 
   private:
     ScratchDir dir_;
@@ -162,6 +170,101 @@ TEST(Link, ATimeoutBoundsTheWaitForASilentServer) {
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("connect to a silent server with timeout=2 returned after %.2f s\n", seconds);
     EXPECT_LT(seconds, 4.0);  // the bound plus a little; without a timeout it would never return
+}
+
+// Stops a server (SIGSTOP: it keeps its port and accepts connections, but answers nothing)
+// for the life of the object.
+class Frozen {
+  public:
+    explicit Frozen(pid_t pid) : pid_(pid) { kill(pid_, SIGSTOP); }
+    ~Frozen() { kill(pid_, SIGCONT); }
+
+  private:
+    pid_t pid_;
+};
+
+double Seconds(std::chrono::steady_clock::time_point since) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
+}
+
+TEST(Link, WithReconnectATimedOutCallMovesTheEngineToTheNextHost) {
+    Server a("");
+    Server b("");
+    Config config("host=127.0.0.1:" + std::to_string(a.Port()) +
+                  " 127.0.0.1:" + std::to_string(b.Port()) + "\nreconnect=yes\ntimeout=1\n");
+    std::unique_ptr<CLdap> ldap(config.Make());
+    ASSERT_EQ(0, ldap->ConnectLdap());
+    WriteAndRead(*ldap, "On A");
+    Frozen hung(a.Pid());
+    tagDN* list = nullptr;
+    int count = 0;
+    // The call that meets the silent server returns its timeout; the next one dials B.
+    EXPECT_NE(0, ldap->SelectLdap("o=root", nullptr, list, count));
+    WriteAndRead(*ldap, "On B");
+}
+
+// The free functions' engine reads its settings when the library is loaded, so the threads run
+// in a child process started with QORLDAP_CONF_DIR already set (see SharedEngine below).
+TEST(Link, ATimeoutBoundsEveryCallOfTheSharedEngineWhileTheServerIsStopped) {
+    if (std::getenv("QORLDAP_LINK_CHILD") != nullptr)
+        GTEST_SKIP() << "runs in the parent";
+    Server server("");
+    for (char const* reconnect : {"no", "yes"}) {
+        Config config(Hosted(server, server.Port()) + "timeout=1\nreconnect=" + reconnect + "\n");
+        std::string const conf = "QORLDAP_CONF_DIR=" + config.Path();
+        std::string const child = "QORLDAP_LINK_CHILD=" + std::to_string(server.Pid());
+        std::string const filter = "--gtest_filter=SharedEngine.*";
+        std::vector<char*> env;
+        for (char** e = environ; *e != nullptr; ++e)
+            env.push_back(*e);
+        env.push_back(const_cast<char*>(conf.c_str()));
+        env.push_back(const_cast<char*>(child.c_str()));
+        env.push_back(nullptr);
+        char self[] = "/proc/self/exe";
+        char* argv[] = {self, const_cast<char*>(filter.c_str()), nullptr};
+        pid_t pid = 0;
+        ASSERT_EQ(0, posix_spawn(&pid, self, nullptr, nullptr, argv, env.data()));
+        int status = 0;
+        ASSERT_EQ(pid, waitpid(pid, &status, 0));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "reconnect=" << reconnect;
+    }
+}
+
+TEST(SharedEngine, SixteenThreadsEachReturnWithinTwiceTheTimeout) {
+    char const* server = std::getenv("QORLDAP_LINK_CHILD");
+    if (server == nullptr)
+        GTEST_SKIP() << "runs in a child of the test above";
+    ASSERT_EQ(0, ConnectLdap());
+    double worst = 0;
+    int failed = 0;
+    std::mutex lock;
+    {
+        Frozen hung(std::atoi(server));
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 16; ++t) {
+            threads.emplace_back([&] {
+                for (int i = 0; i < 3; ++i) {
+                    unsigned char* key = nullptr;
+                    unsigned int length = 0;
+                    auto start = std::chrono::steady_clock::now();
+                    int rc = GetSignPublicKey("cn=nobody,ou=none,o=root", key, length);
+                    double took = Seconds(start);
+                    std::lock_guard<std::mutex> guard(lock);
+                    worst = std::max(worst, took);
+                    failed += rc != 0;
+                }
+            });
+        }
+        for (std::thread& t : threads)
+            t.join();
+    }
+    std::printf(
+        "16 threads x 3 key reads on the shared engine, server stopped, timeout=1: "
+        "%d failed, worst call %.2f s\n",
+        failed, worst);
+    EXPECT_EQ(48, failed);
+    // One call's own timeout, plus the one in flight when it queued (plus a redial's).
+    EXPECT_LT(worst, 2.5);
 }
 
 TEST(Link, TheSecondHostOfTheListTakesOverWhenTheFirstIsDown) {

@@ -188,16 +188,22 @@ TEST_F(Stress, SharedEngineAndOwnEnginesReadBackTheirLastWritesUnderLoad) {
 // machinery starts the program again for just this test), so the free functions' engine is
 // exactly as the library built it at load: never connected. Eight threads are released at once
 // onto the connection sequence, by ConnectLdap or by a first read; each must get 0 and a key.
-void EightThreadsConnectTheSharedEngine(std::string const& dn, bool explicitConnect) {
+// With mixed, the odd threads connect engines of their own at the same moment instead, so that
+// the first connections of different engines race too; only the connections are checked then.
+void EightThreadsConnectTheSharedEngine(std::string const& dn, bool explicitConnect,
+                                        bool mixed = false) {
     std::promise<void> go;
     std::shared_future<void> started = go.get_future().share();
     std::vector<std::string> errors(kThreads);
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&, i] {
+            CLdap own;
+            bool const mine = mixed && i % 2 == 1;
             started.wait();
-            int rc = explicitConnect ? ConnectLdap() : 0;
-            Read(nullptr, 0, dn, errors[i]);
+            int rc = !explicitConnect ? 0 : mine ? own.ConnectLdap() : ConnectLdap();
+            if (!mixed)
+                Read(nullptr, 0, dn, errors[i]);
             if (rc != 0)
                 errors[i] = "ConnectLdap returned " + std::to_string(rc);
         });
@@ -221,6 +227,20 @@ TEST_F(Stress, EightThreadsConnectAFreshSharedEngineAtOnce) {
         EXPECT_EXIT(EightThreadsConnectTheSharedEngine(User('O', explicitConnect), explicitConnect),
                     ::testing::ExitedWithCode(0), "all 8 threads connected");
     }
+}
+
+// No engine of the process has touched the client library before the threads start: the free
+// functions' engine and four engines of their own make their first connections at once.
+TEST(StressConnect, TheSharedEngineAndOwnEnginesConnectForTheFirstTimeAtOnce) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    qortest::Directory dir;
+    ASSERT_TRUE(dir.Ready()) << "no test directory (QORLDAP_TEST_DIR)";
+    // The base entry is made by another client (-c: it may be there already), so that the
+    // engines do not race to create it; that race is the root check's, not the one looked for.
+    std::string const o = dir.Base().substr(2, dir.Base().find(',') - 2);
+    dir.Add("dn: " + dir.Base() + "\nobjectClass: organization\no: " + o + "\n");
+    EXPECT_EXIT(EightThreadsConnectTheSharedEngine("", true, true), ::testing::ExitedWithCode(0),
+                "all 8 threads connected");
 }
 
 }  // namespace

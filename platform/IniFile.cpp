@@ -1,0 +1,77 @@
+#include "platform/IniFile.h"
+
+#include <fstream>
+
+#include "platform/System.h"
+
+namespace {
+
+std::string Trim(std::string const& text) {
+    std::string::size_type first = text.find_first_not_of(" \t\r");
+    if (first == std::string::npos) {
+        return std::string();
+    }
+    std::string::size_type last = text.find_last_not_of(" \t\r");
+    return text.substr(first, last - first + 1);
+}
+
+// Names match without regard to ASCII letter case only: other bytes stay as they are.
+std::string Folded(std::string text) {
+    for (char& c : text) {
+        if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c - 'A' + 'a');
+        }
+    }
+    return text;
+}
+
+}  // namespace
+
+IniFile IniFile::Load(std::string const& file) {
+    IniFile ini;
+    if (file.empty()) {
+        return ini;
+    }
+    std::ifstream in(CSystem::ResolveConfigPath(file));
+    if (!in) {
+        return ini;
+    }
+    // Lines before the first section header, and under a header without its ']', belong to no
+    // section and are never found.
+    std::unordered_map<std::string, std::string>* current = nullptr;
+    std::string line;
+    while (std::getline(in, line)) {
+        std::string text = Trim(line);
+        if (text.empty() || text[0] == ';' || text[0] == '#') {
+            continue;
+        }
+        if (text[0] == '[') {
+            std::string::size_type close = text.find(']');
+            current = close == std::string::npos
+                          ? nullptr
+                          : &ini.sections_[Folded(Trim(text.substr(1, close - 1)))];
+            continue;
+        }
+        std::string::size_type eq = text.find('=');
+        if (current == nullptr || eq == std::string::npos) {
+            continue;
+        }
+        // emplace keeps the first value when a key appears twice, also across two headers of
+        // the same section.
+        current->emplace(Folded(Trim(text.substr(0, eq))), Trim(text.substr(eq + 1)));
+    }
+    return ini;
+}
+
+bool IniFile::Get(std::string const& section, std::string const& key, std::string& value) const {
+    auto s = sections_.find(Folded(Trim(section)));
+    if (s == sections_.end()) {
+        return false;
+    }
+    auto k = s->second.find(Folded(Trim(key)));
+    if (k == s->second.end()) {
+        return false;
+    }
+    value = k->second;
+    return true;
+}
