@@ -26,7 +26,8 @@ struct KeyBuffer {
 // One key: read, open with the old password, protect under the new one, write back. A key the
 // entry lacks reads as empty and is refused by the decryption: 0x16000012 with nothing written
 // for it, never a protected empty key. The conversion is handed the key that decryption
-// produced, at the length decryption reports.
+// produced, at the length decryption reports; it refuses an empty new password, so such a
+// change gives 0x16000013 before anything is written.
 template <typename Get, typename Put>
 int CLdapOp::ReprotectKey(std::string const& dn, char const* oldPsw, char const* newPsw, Get get,
                           Put put) {

@@ -20,6 +20,15 @@ struct WipedDelete {
     }
 };
 
+// Empties the thread's slot of an opened bundle on every way out of a publication, so the
+// private key the size query kept there never outlives the call.
+struct ForgetBundleOnReturn {
+    ForgetBundleOnReturn() = default;
+    ~ForgetBundleOnReturn() { ForgetOpenedBundle(); }
+    ForgetBundleOnReturn(ForgetBundleOnReturn const&) = delete;
+    ForgetBundleOnReturn& operator=(ForgetBundleOnReturn const&) = delete;
+};
+
 }  // namespace
 
 int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pfxPsw,
@@ -29,6 +38,8 @@ int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pf
     if (pfx == nullptr || pfxPsw == nullptr || pfxLength == 0 || pfxLength > INT_MAX) {
         return QORLDAP_E_PKCS12;
     }
+    // The size query opens the bundle and keeps the result for the fill call that follows.
+    ForgetBundleOnReturn forget;
     unsigned char const* bundle = reinterpret_cast<unsigned char const*>(pfx);
     int bundleLength = static_cast<int>(pfxLength);
     unsigned int certLength = 0;

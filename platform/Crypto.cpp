@@ -7,7 +7,9 @@
 #include "platform/Crypto.h"
 
 #include <climits>
+#include <cstdint>
 #include <cstring>
+#include <vector>
 
 #include <openssl/crypto.h>
 #include <openssl/err.h>
@@ -15,6 +17,7 @@
 #include <openssl/objects.h>
 #include <openssl/pkcs12.h>
 #include <openssl/provider.h>
+#include <openssl/sha.h>
 #include <openssl/x509.h>
 
 namespace {
@@ -27,11 +30,25 @@ namespace {
 constexpr int kPbkdf2Iterations = 100000;
 constexpr int kSaltLen = 16;
 
-// The most key-derivation iterations an input may ask for. A bundle or a stored key names its own
-// count, and the work is done before the password can be found wrong, so without a bound one
-// crafted input holds a thread for hours (2^31 iterations). OpenSSL writes 2048, other
-// exporters up to a few hundred thousand, we 100000; 2000000 costs about 0.6 s here.
+// The most key-derivation iterations one piece of input may ask for. A bundle or a stored key
+// names its own count, and the work is done before the password can be found wrong, so without
+// a bound one crafted input holds a thread for hours (2^31 iterations). OpenSSL writes 2048,
+// other exporters up to a few hundred thousand, we 100000; 2000000 costs about 0.6 s here.
 constexpr long kMaxIterations = 2000000;
+
+// A bundle is bounded as a whole besides (kMaxPfxIterations in Crypto.h): a bundle repeats its
+// safes at will, and 64 copies of one safe at a bounded count held a thread for minutes. The
+// sum of the counts of every derivation opening it runs (the MAC's, counted twice under an
+// empty password, which is tried as no password and then as ""; every encrypted safe's; the
+// shrouded key's) must stay within 500000. Exporters' defaults need a fraction of it: openssl
+// pkcs12 -export, with or without -legacy, 2048 each for the MAC, the certificate safe and the
+// key, 6144 in all; Windows 2000 or 10000 each; Java keytool 10000 each, 30000 (40000 under an
+// empty password). Measured here, the budget costs about 0.18 s spent on PBKDF2-HMAC-SHA256
+// (0.35 us an iteration) and 0.37 s on the costliest derivations a bundle can name (about
+// 0.7 us an iteration: PBKDF2-HMAC-SHA1 drawing a 32-byte key, PBKDF2-HMAC-SHA512), so no
+// bundle holds a thread longer. The counts are summed before the work they stand for: the
+// MAC's and the safes' before any derivation, a shrouded key's once its safe is open.
+static_assert(kMaxPfxIterations <= kMaxIterations, "a bundle's budget bounds each piece too");
 
 // Room the encrypted form needs beyond the key itself: the PBES2 algorithm identifier (about
 // 95 bytes with a 16-byte salt and IV), one block of CBC padding and two DER headers.
@@ -135,114 +152,274 @@ bool Append(char* buf, size_t cap, size_t& used, char const* text, size_t len) {
 
 namespace {
 
-bool IterationsWithinBound(ASN1_INTEGER const* iter) {
-    // An absent count means one iteration.
-    long n = iter == nullptr ? 1 : ASN1_INTEGER_get(iter);
-    return n >= 1 && n <= kMaxIterations;
+// The iteration count an input names, or -1 when it is out of our bound. An absent count means
+// one iteration.
+long Iterations(ASN1_INTEGER const* iter) {
+    long const n = iter == nullptr ? 1 : ASN1_INTEGER_get(iter);
+    return n >= 1 && n <= kMaxIterations ? n : -1;
 }
 
-// Whether a password-based encryption algorithm asks for a bounded amount of work: PBES2 with
-// PBKDF2, or a PKCS#5 v1 / PKCS#12 scheme. Other key derivations (scrypt among them) are refused.
-bool PbeWithinBound(X509_ALGOR const* alg) {
-    if (alg == nullptr) {
-        return false;
+// The PKCS#5 v1 and PKCS#12 password-based schemes: one key derivation with the count of their
+// PBEParameter.
+bool IsPbes1(int nid) {
+    switch (nid) {
+        case NID_pbeWithMD2AndDES_CBC:
+        case NID_pbeWithMD5AndDES_CBC:
+        case NID_pbeWithMD2AndRC2_CBC:
+        case NID_pbeWithMD5AndRC2_CBC:
+        case NID_pbeWithSHA1AndDES_CBC:
+        case NID_pbeWithSHA1AndRC2_CBC:
+        case NID_pbe_WithSHA1And128BitRC4:
+        case NID_pbe_WithSHA1And40BitRC4:
+        case NID_pbe_WithSHA1And3_Key_TripleDES_CBC:
+        case NID_pbe_WithSHA1And2_Key_TripleDES_CBC:
+        case NID_pbe_WithSHA1And128BitRC2_CBC:
+        case NID_pbe_WithSHA1And40BitRC2_CBC:
+            return true;
+        default:
+            return false;
     }
+}
+
+// The iteration count of a password-based encryption algorithm, or -1 when it is not one we
+// accept: PBES2 with PBKDF2, or a PKCS#5 v1 / PKCS#12 scheme, with a count
+// within our bound. Other key derivations (scrypt among them) are refused.
+long PbeIterations(X509_ALGOR const* alg) {
+    if (alg == nullptr)
+        return -1;
     ASN1_OBJECT const* oid = nullptr;
     int ptype = 0;
     void const* pval = nullptr;
     X509_ALGOR_get0(&oid, &ptype, &pval, alg);
-    if (ptype != V_ASN1_SEQUENCE) {
-        return false;
-    }
+    if (ptype != V_ASN1_SEQUENCE)
+        return -1;
     ASN1_TYPE const* param = alg->parameter;
-    if (OBJ_obj2nid(oid) != NID_pbes2) {
+    int const nid = OBJ_obj2nid(oid);
+    if (IsPbes1(nid)) {
         auto* pbe =
             static_cast<PBEPARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBEPARAM), param));
-        bool ok = pbe != nullptr && IterationsWithinBound(pbe->iter);
+        long const n = pbe != nullptr ? Iterations(pbe->iter) : -1;
         PBEPARAM_free(pbe);
-        return ok;
+        return n;
     }
+    if (nid != NID_pbes2)
+        return -1;
     auto* pbe2 =
         static_cast<PBE2PARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBE2PARAM), param));
-    bool ok = false;
+    long n = -1;
     if (pbe2 != nullptr && pbe2->keyfunc != nullptr &&
         OBJ_obj2nid(pbe2->keyfunc->algorithm) == NID_id_pbkdf2) {
         auto* kdf = static_cast<PBKDF2PARAM*>(
             ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBKDF2PARAM), pbe2->keyfunc->parameter));
-        ok = kdf != nullptr && IterationsWithinBound(kdf->iter);
+        n = kdf != nullptr ? Iterations(kdf->iter) : -1;
         PBKDF2PARAM_free(kdf);
     }
     PBE2PARAM_free(pbe2);
-    return ok;
+    return n;
 }
 
-bool BagsWithinBound(STACK_OF(PKCS12_SAFEBAG) const* bags) {
-    for (int i = 0; i < sk_PKCS12_SAFEBAG_num(bags); ++i) {
-        PKCS12_SAFEBAG const* bag = sk_PKCS12_SAFEBAG_value(bags, i);
-        if (PKCS12_SAFEBAG_get_nid(bag) == NID_pkcs8ShroudedKeyBag) {
-            X509_ALGOR const* alg = nullptr;
-            X509_SIG_get0(PKCS12_SAFEBAG_get0_pkcs8(bag), &alg, nullptr);
-            if (!PbeWithinBound(alg)) {
+// How much of a bundle is looked at. Exporters write two safes (certificates, key) of a few
+// bags each, one bag per certificate of the chain; other bundles hold more keys or a longer
+// chain, but nothing near these. Safes inside safes (safeContents bags) go one or two deep in
+// the rare bundles that have them.
+constexpr int kMaxPfxSafes = 16;
+constexpr int kMaxPfxBags = 256;
+constexpr int kMaxPfxNesting = 3;
+
+// One pass over a bundle: the MAC checked, each safe opened once, the first private key taken
+// and every X.509 certificate kept, as the key's certificate is picked among them at the end.
+// Every key derivation is charged to the budget before it runs.
+class BundleWalk {
+  public:
+    explicit BundleWalk(OSSL_LIB_CTX* ctx) : ctx_(ctx), certs_(sk_X509_new_null()) {}
+    ~BundleWalk() {
+        EVP_PKEY_free(key_);
+        sk_X509_pop_free(certs_, X509_free);
+    }
+    BundleWalk(BundleWalk const&) = delete;
+    BundleWalk& operator=(BundleWalk const&) = delete;
+
+    // Walks the bundle; true when it opened with a private key.
+    bool Open(PKCS12* p12, char const* psw, int pswLen) {
+        STACK_OF(PKCS7)* safes = certs_ != nullptr ? PKCS12_unpack_authsafes(p12) : nullptr;
+        bool ok = safes != nullptr && Walk(p12, safes, psw, pswLen) && key_ != nullptr;
+        sk_PKCS7_pop_free(safes, PKCS7_free);
+        return ok;
+    }
+
+    // The first certificate that holds the key's public half, as PKCS12_parse picks it; null
+    // when none does.
+    X509* Certificate() const {
+        for (int i = 0; i < sk_X509_num(certs_); ++i) {
+            X509* x509 = sk_X509_value(certs_, i);
+            if (X509_check_private_key(x509, key_) == 1)
+                return x509;
+        }
+        return nullptr;
+    }
+
+    EVP_PKEY* Key() const { return key_; }
+
+  private:
+    bool Spend(long iterations) {
+        if (iterations < 0 || iterations > left_)
+            return false;
+        left_ -= iterations;
+        return true;
+    }
+
+    bool Walk(PKCS12* p12, STACK_OF(PKCS7) * safes, char const* psw, int pswLen) {
+        int const count = sk_PKCS7_num(safes);
+        if (count > kMaxPfxSafes)
+            return false;
+        // The counts known before anything is derived: the MAC's and every encrypted safe's.
+        bool const mac = PKCS12_mac_present(p12) == 1;
+        bool const empty = pswLen == 0;
+        if (mac) {
+            ASN1_INTEGER const* iter = nullptr;
+            PKCS12_get0_mac(nullptr, nullptr, nullptr, &iter, p12);
+            long const once = Iterations(iter);
+            if (!Spend(once) || (empty && !Spend(once)))
                 return false;
+        }
+        for (int i = 0; i < count; ++i) {
+            PKCS7 const* safe = sk_PKCS7_value(safes, i);
+            if (OBJ_obj2nid(safe->type) == NID_pkcs7_encrypted &&
+                (safe->d.encrypted == nullptr || safe->d.encrypted->enc_data == nullptr ||
+                 !Spend(PbeIterations(safe->d.encrypted->enc_data->algorithm))))
+                return false;
+        }
+
+        // The MAC as PKCS12_parse checks it: an empty password is tried as no password, then
+        // as "", and a bundle without a MAC opens under an empty password only.
+        if (empty) {
+            if (!mac || PKCS12_verify_mac(p12, nullptr, 0) == 1)
+                pass_ = nullptr;
+            else if (PKCS12_verify_mac(p12, "", 0) == 1)
+                pass_ = "";
+            else
+                return false;
+        } else {
+            if (PKCS12_verify_mac(p12, psw, pswLen) != 1)
+                return false;
+            pass_ = psw;
+            passLen_ = pswLen;
+        }
+
+        for (int i = 0; i < count; ++i) {
+            PKCS7* safe = sk_PKCS7_value(safes, i);
+            STACK_OF(PKCS12_SAFEBAG)* bags = nullptr;
+            int const type = OBJ_obj2nid(safe->type);
+            if (type == NID_pkcs7_data)
+                bags = PKCS12_unpack_p7data(safe);
+            else if (type == NID_pkcs7_encrypted)
+                bags = PKCS12_unpack_p7encdata(safe, pass_, passLen_);
+            else
+                continue;  // other content types carry nothing for us
+            bool const ok = bags != nullptr && Bags(bags, 0);
+            sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
+            if (!ok)
+                return false;
+        }
+        return true;
+    }
+
+    bool Bags(STACK_OF(PKCS12_SAFEBAG) const* bags, int depth) {
+        for (int i = 0; i < sk_PKCS12_SAFEBAG_num(bags); ++i) {
+            if (++bagCount_ > kMaxPfxBags || !Bag(sk_PKCS12_SAFEBAG_value(bags, i), depth))
+                return false;
+        }
+        return true;
+    }
+
+    bool Bag(PKCS12_SAFEBAG const* bag, int depth) {
+        switch (PKCS12_SAFEBAG_get_nid(bag)) {
+            case NID_keyBag:
+                if (key_ != nullptr)
+                    return true;  // the first key is the one
+                key_ = EVP_PKCS82PKEY_ex(PKCS12_SAFEBAG_get0_p8inf(bag), ctx_, nullptr);
+                return key_ != nullptr;
+            case NID_pkcs8ShroudedKeyBag: {
+                if (key_ != nullptr)
+                    return true;
+                X509_SIG const* sig = PKCS12_SAFEBAG_get0_pkcs8(bag);
+                X509_ALGOR const* alg = nullptr;
+                if (sig != nullptr)
+                    X509_SIG_get0(sig, &alg, nullptr);
+                if (!Spend(PbeIterations(alg)))
+                    return false;
+                PKCS8_PRIV_KEY_INFO* p8 =
+                    PKCS12_decrypt_skey_ex(bag, pass_, passLen_, ctx_, nullptr);
+                if (p8 != nullptr)
+                    key_ = EVP_PKCS82PKEY_ex(p8, ctx_, nullptr);
+                PKCS8_PRIV_KEY_INFO_free(p8);
+                return key_ != nullptr;
             }
+            case NID_certBag:
+                return PKCS12_SAFEBAG_get_bag_nid(bag) != NID_x509Certificate ||
+                       KeepCertificate(bag);
+            case NID_safeContentsBag:
+                return depth + 1 < kMaxPfxNesting &&
+                       Bags(PKCS12_SAFEBAG_get0_safes(bag), depth + 1);
+            default:
+                return true;  // CRLs, secrets and the like are not ours to read
         }
     }
-    return true;
-}
 
-// Checks every iteration count a bundle names before the parser spends them: the MAC's, each
-// encrypted safe's, and each shrouded key's (those inside an encrypted safe are read by opening
-// that safe, whose own count was checked first).
-bool BundleWithinBound(PKCS12* p12, char const* psw) {
-    ASN1_INTEGER const* macIter = nullptr;
-    if (PKCS12_mac_present(p12)) {
-        PKCS12_get0_mac(nullptr, nullptr, nullptr, &macIter, p12);
-        if (!IterationsWithinBound(macIter)) {
+    // The bag's certificate, decoded again in our context so that its public key is read with
+    // our providers when it is matched against the private key.
+    bool KeepCertificate(PKCS12_SAFEBAG const* bag) {
+        X509* loose = PKCS12_SAFEBAG_get1_cert(bag);
+        OsslBuffer der(false);
+        der.len_ = loose != nullptr ? i2d_X509(loose, der.Out()) : 0;
+        X509_free(loose);
+        if (der.len_ <= 0)
+            return false;
+        X509* x509 = X509_new_ex(ctx_, nullptr);
+        if (x509 == nullptr)
+            return false;
+        unsigned char const* p = der.Data();
+        if (d2i_X509(&x509, &p, der.len_) == nullptr) {
+            X509_free(x509);  // null after a failed decode
             return false;
         }
-    }
-    STACK_OF(PKCS7)* safes = PKCS12_unpack_authsafes(p12);
-    if (safes == nullptr) {
-        return false;
-    }
-    bool ok = true;
-    for (int i = 0; ok && i < sk_PKCS7_num(safes); ++i) {
-        PKCS7* safe = sk_PKCS7_value(safes, i);
-        STACK_OF(PKCS12_SAFEBAG)* bags = nullptr;
-        int type = OBJ_obj2nid(safe->type);
-        if (type == NID_pkcs7_data) {
-            bags = PKCS12_unpack_p7data(safe);
-        } else if (type == NID_pkcs7_encrypted) {
-            ok = safe->d.encrypted != nullptr && safe->d.encrypted->enc_data != nullptr &&
-                 PbeWithinBound(safe->d.encrypted->enc_data->algorithm);
-            if (ok) {
-                bags = PKCS12_unpack_p7encdata(safe, psw, static_cast<int>(std::strlen(psw)));
-            }
+        if (sk_X509_push(certs_, x509) <= 0) {
+            X509_free(x509);
+            return false;
         }
-        // A safe that does not open is left to the parser, which refuses the bundle.
-        if (ok && bags != nullptr) {
-            ok = BagsWithinBound(bags);
-        }
-        sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
+        return true;
     }
-    sk_PKCS7_pop_free(safes, PKCS7_free);
-    return ok;
-}
 
-}  // namespace
+    OSSL_LIB_CTX* ctx_;
+    STACK_OF(X509) * certs_;
+    EVP_PKEY* key_ = nullptr;
+    char const* pass_ = nullptr;
+    int passLen_ = 0;
+    long left_ = kMaxPfxIterations;
+    int bagCount_ = 0;
+};
 
-bool GetKeyFromPfx(unsigned char const* pfx, int pfxLen, char const* psw, unsigned char* cert,
-                   unsigned int& certLen, unsigned char* key, unsigned int& keyLen, bool legacy) {
-    if (pfx == nullptr || pfxLen <= 0 || psw == nullptr)
-        return false;
-    bool const sizeQuery = cert == nullptr && key == nullptr;
-    if (!sizeQuery && (cert == nullptr || key == nullptr))
-        return false;
-    OSSL_LIB_CTX* ctx = legacy ? Contexts::Full() : Contexts::Modern();
-    if (ctx == nullptr)
-        return false;
-    ErrorScope errors;
+// What a bundle opened to: the certificate and the private key (unencrypted PKCS#8), as DER.
+struct OpenedBundle {
+    std::vector<unsigned char> cert;
+    std::vector<unsigned char> key;
 
+    OpenedBundle() = default;
+    ~OpenedBundle() { Wipe(); }
+    OpenedBundle(OpenedBundle const&) = delete;
+    OpenedBundle& operator=(OpenedBundle const&) = delete;
+
+    void Wipe() {
+        if (!key.empty())
+            OPENSSL_cleanse(key.data(), key.size());
+        key.clear();
+        cert.clear();
+    }
+};
+
+// Decodes and opens a bundle in one pass; false when it does not open or is over our limits.
+bool OpenBundle(unsigned char const* pfx, int pfxLen, char const* psw, int pswLen,
+                OSSL_LIB_CTX* ctx, OpenedBundle& out) {
     // The bundle object is made in our context first and then filled by the decoder, so the
     // MAC check and every decryption inside it fetch their algorithms from our context.
     PKCS12* p12 = PKCS12_init_ex(NID_pkcs7_data, ctx, nullptr);
@@ -253,42 +430,172 @@ bool GetKeyFromPfx(unsigned char const* pfx, int pfxLen, char const* psw, unsign
         PKCS12_free(p12);  // the decoder has already released it on failure; null is harmless
         return false;
     }
-
-    EVP_PKEY* pkey = nullptr;
-    X509* x509 = nullptr;
-    STACK_OF(X509)* others = nullptr;
-    bool ok = BundleWithinBound(p12, psw) && PKCS12_parse(p12, psw, &pkey, &x509, &others) == 1 &&
-              pkey != nullptr && x509 != nullptr;
+    BundleWalk walk(ctx);
+    bool const opened = walk.Open(p12, psw, pswLen);
     PKCS12_free(p12);
-    sk_X509_pop_free(others, X509_free);
+    X509* const x509 = opened ? walk.Certificate() : nullptr;
+    if (x509 == nullptr)
+        return false;
 
     OsslBuffer keyDer(true);
     OsslBuffer certDer(false);
-    if (ok) {
-        PKCS8_PRIV_KEY_INFO* p8 = EVP_PKEY2PKCS8(pkey);
-        ok = p8 != nullptr && (keyDer.len_ = i2d_PKCS8_PRIV_KEY_INFO(p8, keyDer.Out())) > 0 &&
-             (certDer.len_ = i2d_X509(x509, certDer.Out())) > 0;
-        PKCS8_PRIV_KEY_INFO_free(p8);
-    }
-    EVP_PKEY_free(pkey);
-    X509_free(x509);
+    PKCS8_PRIV_KEY_INFO* p8 = EVP_PKEY2PKCS8(walk.Key());
+    bool const ok = p8 != nullptr &&
+                    (keyDer.len_ = i2d_PKCS8_PRIV_KEY_INFO(p8, keyDer.Out())) > 0 &&
+                    (certDer.len_ = i2d_X509(x509, certDer.Out())) > 0;
+    PKCS8_PRIV_KEY_INFO_free(p8);
     if (!ok)
         return false;
+    out.Wipe();
+    out.cert.assign(certDer.Data(), certDer.Data() + certDer.len_);
+    out.key.assign(keyDer.Data(), keyDer.Data() + keyDer.len_);
+    return true;
+}
 
-    auto const certNeed = static_cast<unsigned int>(certDer.len_);
-    auto const keyNeed = static_cast<unsigned int>(keyDer.len_);
+// Names one opening of a bundle: a SHA-256 digest of everything the result depends on (the
+// bundle's bytes, the password, the legacy flag), each field preceded by its length so that no
+// two inputs run together alike. Wiped when it goes, as it is a fast check of the password.
+struct BundleId {
+    unsigned char bytes[SHA256_DIGEST_LENGTH] = {};
+    bool valid = false;
+
+    BundleId() = default;
+    ~BundleId() { OPENSSL_cleanse(bytes, sizeof bytes); }
+    BundleId(BundleId const&) = delete;
+    BundleId& operator=(BundleId const&) = delete;
+
+    void Compute(OSSL_LIB_CTX* ctx, unsigned char const* pfx, int pfxLen, char const* psw,
+                 size_t pswLen, bool legacy) {
+        EVP_MD* md = EVP_MD_fetch(ctx, "SHA2-256", nullptr);
+        EVP_MD_CTX* mdCtx = md != nullptr ? EVP_MD_CTX_new() : nullptr;
+        auto const field = [mdCtx](void const* data, size_t len) {
+            unsigned char prefix[8];
+            for (int i = 0; i < 8; ++i)
+                prefix[i] = static_cast<unsigned char>(static_cast<uint64_t>(len) >> (56 - 8 * i));
+            return EVP_DigestUpdate(mdCtx, prefix, sizeof prefix) == 1 &&
+                   EVP_DigestUpdate(mdCtx, data, len) == 1;
+        };
+        unsigned char const flag = legacy ? 1 : 0;
+        unsigned int len = 0;
+        valid = mdCtx != nullptr && EVP_DigestInit_ex2(mdCtx, md, nullptr) == 1 &&
+                field(pfx, static_cast<size_t>(pfxLen)) && field(psw, pswLen) && field(&flag, 1) &&
+                EVP_DigestFinal_ex(mdCtx, bytes, &len) == 1 && len == sizeof bytes;
+        EVP_MD_CTX_free(mdCtx);
+        EVP_MD_free(md);
+    }
+};
+
+// The bundle this thread's last size query opened, kept for the fill call that follows it, so
+// that a publication decodes and decrypts its bundle once. The private key in it is wiped
+// whenever the slot is emptied, and at the thread's end.
+class OpenedSlot {
+  public:
+    OpenedSlot() = default;
+    ~OpenedSlot() { Clear(); }
+    OpenedSlot(OpenedSlot const&) = delete;
+    OpenedSlot& operator=(OpenedSlot const&) = delete;
+
+    void Clear() {
+        bundle_.Wipe();
+        OPENSSL_cleanse(id_, sizeof id_);
+        full_ = false;
+    }
+
+    bool Holds(BundleId const& id) const {
+        return full_ && id.valid && CRYPTO_memcmp(id_, id.bytes, sizeof id_) == 0;
+    }
+
+    // Takes over what bundle holds.
+    void Keep(BundleId const& id, OpenedBundle& bundle) {
+        Clear();
+        std::memcpy(id_, id.bytes, sizeof id_);
+        bundle_.cert.swap(bundle.cert);
+        bundle_.key.swap(bundle.key);
+        full_ = id.valid;
+    }
+
+    OpenedBundle const& Bundle() const { return bundle_; }
+
+  private:
+    OpenedBundle bundle_;
+    unsigned char id_[SHA256_DIGEST_LENGTH] = {};
+    bool full_ = false;
+};
+
+OpenedSlot& Slot() {
+    thread_local OpenedSlot slot;
+    return slot;
+}
+
+}  // namespace
+
+bool GetKeyFromPfx(unsigned char const* pfx, int pfxLen, char const* psw, unsigned char* cert,
+                   unsigned int& certLen, unsigned char* key, unsigned int& keyLen, bool legacy) {
+    if (pfx == nullptr || pfxLen <= 0 || pfxLen > kMaxPfxBytes || psw == nullptr)
+        return false;
+    bool const sizeQuery = cert == nullptr && key == nullptr;
+    if (!sizeQuery && (cert == nullptr || key == nullptr))
+        return false;
+    size_t const pswLen = std::strlen(psw);
+    if (pswLen > INT_MAX)
+        return false;
+    OSSL_LIB_CTX* ctx = legacy ? Contexts::Full() : Contexts::Modern();
+    if (ctx == nullptr)
+        return false;
+    ErrorScope errors;
+
+    // Without a digest (none to fetch) every call opens the bundle itself.
+    OpenedSlot& slot = Slot();
+    BundleId id;
+    id.Compute(ctx, pfx, pfxLen, psw, pswLen, legacy);
+    OpenedBundle fresh;
+    if (!slot.Holds(id)) {
+        slot.Clear();
+        if (!OpenBundle(pfx, pfxLen, psw, static_cast<int>(pswLen), ctx, fresh))
+            return false;
+        if (sizeQuery && id.valid)
+            slot.Keep(id, fresh);
+    }
+    OpenedBundle const& opened = slot.Holds(id) ? slot.Bundle() : fresh;
+
+    auto const certNeed = static_cast<unsigned int>(opened.cert.size());
+    auto const keyNeed = static_cast<unsigned int>(opened.key.size());
     if (sizeQuery) {
         certLen = certNeed;
         keyLen = keyNeed;
         return true;
     }
-    if (certLen < certNeed || keyLen < keyNeed)
+    bool const fits = certLen >= certNeed && keyLen >= keyNeed;
+    if (fits) {
+        std::memcpy(cert, opened.cert.data(), certNeed);
+        std::memcpy(key, opened.key.data(), keyNeed);
+        certLen = certNeed;
+        keyLen = keyNeed;
+    }
+    // The fill call ends the slot's use, whatever its outcome.
+    slot.Clear();
+    return fits;
+}
+
+void ForgetOpenedBundle() {
+    Slot().Clear();
+}
+
+bool IsProtectedKey(unsigned char const* der, unsigned int len) {
+    if (der == nullptr || len == 0 || len > INT_MAX)
         return false;
-    std::memcpy(cert, certDer.Data(), certNeed);
-    std::memcpy(key, keyDer.Data(), keyNeed);
-    certLen = certNeed;
-    keyLen = keyNeed;
-    return true;
+    ErrorScope errors;
+    unsigned char const* p = der;
+    X509_SIG* sig = d2i_X509_SIG(nullptr, &p, static_cast<long>(len));
+    if (sig == nullptr)
+        return false;
+    X509_ALGOR const* alg = nullptr;
+    ASN1_OCTET_STRING const* encrypted = nullptr;
+    X509_SIG_get0(sig, &alg, &encrypted);
+    bool const ok = p == der + len && PbeIterations(alg) > 0 && encrypted != nullptr &&
+                    ASN1_STRING_length(encrypted) > 0;
+    X509_SIG_free(sig);
+    return ok;
 }
 
 bool GetCertInfo(unsigned char const* cert, int certLen, tagCERT& info) {
@@ -351,8 +658,9 @@ bool Convert2Key(unsigned char const* key, unsigned int keyLen, char const* psw,
                  unsigned int& outLen) {
     if (key == nullptr || keyLen == 0 || keyLen > INT_MAX - kEncryptOverhead || psw == nullptr)
         return false;
+    // An empty password protects nothing: whoever reads the entry would open the key.
     size_t const pswLen = std::strlen(psw);
-    if (pswLen > INT_MAX)
+    if (pswLen == 0 || pswLen > INT_MAX)
         return false;
     OSSL_LIB_CTX* ctx = Contexts::Full();
     if (ctx == nullptr)
@@ -415,7 +723,7 @@ unsigned char DecryptKey(unsigned char* data, unsigned int& len, char const* psw
         return 1;
     X509_ALGOR const* alg = nullptr;
     X509_SIG_get0(sig, &alg, nullptr);
-    bool const whole = p == data + len && PbeWithinBound(alg);
+    bool const whole = p == data + len && PbeIterations(alg) > 0;
     // CBC padding alone lets a wrong password through now and then; the plaintext must then
     // still parse as a private key structure, which garbage does not.
     PKCS8_PRIV_KEY_INFO* p8 =

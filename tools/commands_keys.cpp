@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "cli.h"
+#include "platform/Crypto.h"
 #include "qorldap/qorldap.h"
 
 namespace qortool {
@@ -190,8 +191,13 @@ int RunPutKey(Args const& args) {
     if (inner == 0x02) {
         Fail(args.command, path + " holds an unencrypted key" + convert);
     }
-    if (inner != 0x30) {
-        Fail(args.command, path + " is not an encrypted PKCS#8 private key");
+    // Only a key the library would open is stored: the shape alone would let through a clear key
+    // wrapped as SEQUENCE { SEQUENCE {}, OCTET STRING }.
+    if (inner != 0x30 || !IsProtectedKey(reinterpret_cast<unsigned char const*>(der.data()),
+                                         static_cast<unsigned int>(der.size()))) {
+        Fail(args.command, path +
+                               " is not an encrypted PKCS#8 private key (PBES2 with PBKDF2, or a "
+                               "PKCS#5 or PKCS#12 password-based scheme)");
     }
     Store(args, args.Has("--crypt") ? &CLdap::ModifyCryptPrivateKey : &CLdap::ModifySignPrivateKey,
           dn, der, "private key");

@@ -106,8 +106,9 @@ TEST_F(Publication, BadBundlesAreRefusedBeforeAnythingIsWritten) {
     EXPECT_EQ(QORLDAP_E_PKCS12, PublishP12("", 0, kP12Pw, kKeyPw, true, false));
     EXPECT_EQ(QORLDAP_E_PKCS12, PublishP12(nullptr, 10, kP12Pw, kKeyPw, true, false));
     EXPECT_EQ(QORLDAP_E_PKCS12, Publish(bundle, nullptr, kKeyPw, true, false));
+    EXPECT_EQ(QORLDAP_E_KEY_CONVERT, Publish(bundle, kP12Pw, "", true, false));
     EXPECT_EQ(QORLDAP_E_KEY_CONVERT, Publish(bundle, kP12Pw, nullptr, true, false));
-    // Only the last call got past the bundle: its path exists, its certificate was not stored.
+    // Only the last two calls got past the bundle: its path exists, its certificate was not stored.
     std::string dn = UserDn("never", "refused");
     EXPECT_TRUE(dir_.Values(dn, "signPubcer;binary").empty());
 }
@@ -132,6 +133,13 @@ TEST_F(PasswordChange, BothKeysAreReprotectedAndAWrongOldPasswordChangesNothing)
         EXPECT_TRUE(pki_->OpensWith(key[0], "new")) << attr;
         EXPECT_FALSE(pki_->OpensWith(key[0], "old")) << attr;
     }
+    // An empty password would open the keys for anyone who reads the entry: refused, and both
+    // keys stay as they are, under "new".
+    std::vector<std::string> const sign = dir_.Values(dn, "signPrikey;binary");
+    std::vector<std::string> const crypt = dir_.Values(dn, "cryptPrikey;binary");
+    EXPECT_EQ(QORLDAP_E_KEY_CONVERT, ModifyPriKeyPsw("cn=changer", "new", ""));
+    EXPECT_EQ(sign, dir_.Values(dn, "signPrikey;binary"));
+    EXPECT_EQ(crypt, dir_.Values(dn, "cryptPrikey;binary"));
     EXPECT_EQ(0, ModifyPriKeyPsw("cn=changer", "new", "new"));  // same password: rewritten
     EXPECT_EQ(QORLDAP_E_FAILED, ModifyPriKeyPsw("cn=nobody here", "new", "x"));
     EXPECT_EQ(QORLDAP_E_FAILED, ModifyPriKeyPsw("uid=changer", "new", "x"));

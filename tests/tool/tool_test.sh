@@ -323,6 +323,12 @@ expect_fail "put-key refuses an unencrypted PEM key" 1 "the directory keeps keys
 openssl pkcs8 -topk8 -nocrypt -in li.key -outform DER -out li.plain.der
 run put-key "$zhao" li.plain.der
 expect_fail "put-key refuses an unencrypted DER key" 1 "holds an unencrypted key"
+# The clear key in the shape of an encrypted one: SEQUENCE { SEQUENCE {}, OCTET STRING key }.
+printf 'asn1=SEQUENCE:fake\n[fake]\nalg=SEQUENCE:empty\nkey=FORMAT:HEX,OCTETSTRING:%s\n[empty]\n' \
+    "$(od -An -v -tx1 li.plain.der | tr -d ' \n')" >fake.cnf
+openssl asn1parse -genconf fake.cnf -noout -out li.fake.der >/dev/null
+run put-key "$zhao" li.fake.der
+expect_fail "put-key refuses a clear key wrapped to look encrypted" 1 "is not an encrypted PKCS#8 private key"
 openssl pkcs8 -topk8 -v2 aes-256-cbc -in li.key -passout pass:other-pw -outform DER -out li.enc.der
 run put-key "$zhao" li.enc.der --crypt
 expect_ok "put-key takes an encrypted DER key" "stored the encryption private key of $zhao"
