@@ -23,7 +23,6 @@
 #define ATT_SEPARATE ","
 
 // DN text.
-#define LDAP_COMMA ","
 #define LDAP_E "="
 #define LDAP_ALL "*"
 #define LDAP_QUERY_CONDITION "(%s=%s)"

@@ -97,8 +97,7 @@ int CLdapOp::InsertLdap(char const* dn, tagAtt const& att, bool crypt, unsigned 
     // binary-values flag of its records.
     OfferRecord(request, att);
     char const* privateName = crypt ? LDAP_PERSON_EN_PRI : LDAP_PERSON_SIGN_PRI;
-    char const* publicName = crypt ? (certFlag_ ? LDAP_PERSON_EN_PUB_CER : LDAP_PERSON_EN_PUB)
-                                   : (certFlag_ ? LDAP_PERSON_SIGN_PUB_CER : LDAP_PERSON_SIGN_PUB);
+    char const* publicName = PublicKeyAttribute(!crypt);
     BinaryValue bins[3];
     if (PrepareBinary(bins[0], privateName, privateKey, privateKeyLength)) {
         request.AddBinary(&bins[0].mod);

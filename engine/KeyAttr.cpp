@@ -46,7 +46,7 @@ int CLdapOp::ModifySignPrivateKey(char const* dn, unsigned char const* key, unsi
 }
 
 int CLdapOp::ModifySignPublicKey(char const* dn, unsigned char const* key, unsigned int length) {
-    return ModifyKey(dn, certFlag_ ? LDAP_PERSON_SIGN_PUB_CER : LDAP_PERSON_SIGN_PUB, key, length);
+    return ModifyKey(dn, PublicKeyAttribute(true), key, length);
 }
 
 int CLdapOp::ModifyCryptPrivateKey(char const* dn, unsigned char const* key, unsigned int length) {
@@ -54,7 +54,7 @@ int CLdapOp::ModifyCryptPrivateKey(char const* dn, unsigned char const* key, uns
 }
 
 int CLdapOp::ModifyCryptPublicKey(char const* dn, unsigned char const* key, unsigned int length) {
-    return ModifyKey(dn, certFlag_ ? LDAP_PERSON_EN_PUB_CER : LDAP_PERSON_EN_PUB, key, length);
+    return ModifyKey(dn, PublicKeyAttribute(false), key, length);
 }
 
 int CLdapOp::DeleteSignPrivateKey(char const* dn) {
@@ -70,7 +70,7 @@ int CLdapOp::GetSignPrivateKey(char const* dn, unsigned char*& key, unsigned int
 }
 
 int CLdapOp::GetSignPublicKey(char const* dn, unsigned char*& key, unsigned int& length) {
-    return GetKeyOP(dn, certFlag_ ? LDAP_PERSON_SIGN_PUB_CER : LDAP_PERSON_SIGN_PUB, key, length);
+    return GetKeyOP(dn, PublicKeyAttribute(true), key, length);
 }
 
 int CLdapOp::GetCryptPrivateKey(char const* dn, unsigned char*& key, unsigned int& length) {
@@ -78,7 +78,7 @@ int CLdapOp::GetCryptPrivateKey(char const* dn, unsigned char*& key, unsigned in
 }
 
 int CLdapOp::GetCryptPublicKey(char const* dn, unsigned char*& key, unsigned int& length) {
-    return GetKeyOP(dn, certFlag_ ? LDAP_PERSON_EN_PUB_CER : LDAP_PERSON_EN_PUB, key, length);
+    return GetKeyOP(dn, PublicKeyAttribute(false), key, length);
 }
 
 int CLdapOp::GetKeyOP(char const* name, char const* attribute, unsigned char*& value,
@@ -108,34 +108,28 @@ int CLdapOp::GetEachKey(char const* dn, char const* attribute, unsigned char*& v
     if (!qor::Format(filter, sizeof filter, LDAP_KEY_CONDITION, attribute, LDAP_E, LDAP_ALL)) {
         return QORLDAP_E_FAILED;
     }
-    ldapmsg* result = nullptr;
+    SearchResult result(binding_, Handle());
     if (Search(dn, LDAP_SCOPE_BASE, filter, result) != 0) {
         return QORLDAP_E_FAILED;
     }
-    if (result == nullptr) {
+    if (result.Chain() == nullptr) {
         return QORLDAP_OK;
     }
-    berelement* ber = nullptr;
-    for (char* name = binding_.LdapFirstAttribute(Handle(), result, &ber); name != nullptr;
-         name = binding_.LdapNextAttribute(Handle(), result, ber)) {
-        berval** values = binding_.LdapGetValuesLen(Handle(), result, name);
-        if (values != nullptr) {
-            if (values[0] != nullptr && std::strcmp(name, attribute) == 0) {
-                delete[] value;
-                value = nullptr;
-                length = 0;
-                unsigned int size = static_cast<unsigned int>(values[0]->bv_len);
-                value = new unsigned char[size == 0 ? 1 : size];
-                if (size > 0) {
-                    std::memcpy(value, values[0]->bv_val, size);
-                }
-                length = size;
-            }
-            binding_.LdapValueFreeLen(values);
+    result.ForEachAttribute([&](char const* name) {
+        OctetValues values(binding_, result.Handle(), result.Chain(), name);
+        berval const* first = values.First();
+        if (first == nullptr || std::strcmp(name, attribute) != 0) {
+            return;
         }
-        binding_.LdapMemFree(name);
-    }
-    binding_.BerFree(ber, 0);
-    binding_.LdapMsgFree(result);
+        delete[] value;
+        value = nullptr;
+        length = 0;
+        unsigned int size = static_cast<unsigned int>(first->bv_len);
+        value = new unsigned char[size == 0 ? 1 : size];
+        if (size > 0) {
+            std::memcpy(value, first->bv_val, size);
+        }
+        length = size;
+    });
     return QORLDAP_OK;
 }

@@ -183,13 +183,11 @@ bool CLdapOp::SecureHandle(ldap* ld) {
     return true;
 }
 
-int CLdapOp::Search(char const* base, int scope, char const* filter, ldapmsg*& result) {
-    result = nullptr;
-    int rc = binding_.LdapSearchExtS(Handle(), base, scope, filter, nullptr, 0, nullptr, nullptr,
-                                     nullptr, 0, &result);
-    if (rc != 0 && result != nullptr) {
-        binding_.LdapMsgFree(result);
-        result = nullptr;
+int CLdapOp::Search(char const* base, int scope, char const* filter, SearchResult& result) {
+    int rc = binding_.LdapSearchExtS(result.Handle(), base, scope, filter, nullptr, 0, nullptr,
+                                     nullptr, nullptr, 0, result.Out());
+    if (rc != 0) {
+        result.Reset();
     }
     return rc;
 }

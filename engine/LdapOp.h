@@ -10,7 +10,9 @@
 #include <string>
 
 #include "binding/OpenLdapIF.h"
+#include "engine/Constants.h"
 #include "engine/LinkOptions.h"
+#include "engine/SearchResult.h"
 #include "platform/IniFile.h"
 #include "qorldap/records.h"
 #include "qorldap/result_codes.h"
@@ -48,7 +50,6 @@ class CLdapOp {
         return link_.reconnect ? std::shared_lock<std::shared_mutex>(operations_)
                                : std::shared_lock<std::shared_mutex>();
     }
-    LinkOptions const& Link() const { return link_; }
     // Whether the engine holds a connection; checked under GuardOperation, since with
     // reconnection on another thread may have found the connection lost and failed to redial.
     bool HasConnection() const { return handle_.load(std::memory_order_acquire) != nullptr; }
@@ -120,6 +121,12 @@ class CLdapOp {
                    bool sign, bool publicOnly);
 
   private:
+    // The attribute of the signing (sign) or encryption public key: the certificate attribute
+    // while the certificate flag is set, as it always is, the bare public key otherwise.
+    char const* PublicKeyAttribute(bool sign) const {
+        return sign ? (certFlag_ ? LDAP_PERSON_SIGN_PUB_CER : LDAP_PERSON_SIGN_PUB)
+                    : (certFlag_ ? LDAP_PERSON_EN_PUB_CER : LDAP_PERSON_EN_PUB);
+    }
     // One template's definitions from a schema file already read; see ReadEachConfig.
     bool ReadTemplate(IniFile const& file, std::string const& section, tagAtt& tmpl);
     // A copy of the settings in force, so that SetLdapAtt from another thread never tears a
@@ -128,9 +135,9 @@ class CLdapOp {
         std::lock_guard<std::mutex> guard(settingsLock_);
         return info_;
     }
-    // One synchronous search for all attributes, no limits. On a non-zero code the result the
-    // library may have handed back with it is released and result is null.
-    int Search(char const* base, int scope, char const* filter, ldapmsg*& result);
+    // One synchronous search for all attributes, no limits, on result's handle. On a non-zero
+    // code the chain the library may have handed back with it is released and result is empty.
+    int Search(char const* base, int scope, char const* filter, SearchResult& result);
     // The connection sequence proper, run under connectLock_: drops a lost handle, then
     // opens, secures and binds a new one and checks the root. A QORLDAP code.
     int Dial();

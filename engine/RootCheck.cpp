@@ -32,32 +32,27 @@ bool CLdapOp::ValidateRootAtt() {
 bool CLdapOp::GetRootAtt(char const* dn, char const* filter, DepartementAtt& att) {
     std::memset(&att, 0, sizeof att);
     CChineseCode code;
-    ldapmsg* result = nullptr;
+    SearchResult result(binding_, Handle());
     if (Search(dn, LDAP_SCOPE_BASE, filter, result) != 0) {
         return false;
     }
-    if (result == nullptr) {
+    if (result.Chain() == nullptr) {
         return true;
     }
-    berelement* ber = nullptr;
-    for (char* name = binding_.LdapFirstAttribute(Handle(), result, &ber); name != nullptr;
-         name = binding_.LdapNextAttribute(Handle(), result, ber)) {
-        char** values = binding_.LdapGetValues(Handle(), result, name);
-        if (values != nullptr) {
-            if (std::strcmp(name, LDAP_ORGANIMZATION) == 0 && values[0] != nullptr) {
-                char* converted = nullptr;
-                int n = code.UTF_8ToGB2312(converted, values[0],
-                                           static_cast<int>(std::strlen(values[0])));
-                qor::CutCopy(att.name, n == -1 || converted == nullptr ? values[0] : converted);
-            }
-            qor::CutCopy(att.baseDn, dn);
-            qor::CutCopy(att.dn, dn);
-            binding_.LdapValueFree(values);
+    result.ForEachAttribute([&](char const* name) {
+        TextValues values(binding_, result.Handle(), result.Chain(), name);
+        if (values.get() == nullptr) {
+            return;
         }
-        binding_.LdapMemFree(name);
-    }
-    binding_.BerFree(ber, 0);
-    binding_.LdapMsgFree(result);
+        if (std::strcmp(name, LDAP_ORGANIMZATION) == 0 && values.First() != nullptr) {
+            char* converted = nullptr;
+            int n = code.UTF_8ToGB2312(converted, values.First(),
+                                       static_cast<int>(std::strlen(values.First())));
+            qor::CutCopy(att.name, n == -1 || converted == nullptr ? values.First() : converted);
+        }
+        qor::CutCopy(att.baseDn, dn);
+        qor::CutCopy(att.dn, dn);
+    });
     return true;
 }
 

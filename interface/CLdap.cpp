@@ -2,6 +2,7 @@
 #include "qorldap/CLdap.h"
 
 #include "engine/LdapOp.h"
+#include "interface/ConnectThenRun.h"
 
 CLdap::CLdap() : engine(nullptr), connected(false) {
     engine = new CLdapOp();
@@ -28,14 +29,16 @@ int CLdap::Connected() {
     return QORLDAP_OK;
 }
 
-#define QOR_ON_DEMAND(call)                    \
-    do {                                       \
-        if (Connected() != QORLDAP_OK) {       \
-            return QORLDAP_E_FAILED;           \
-        }                                      \
-        auto inUse = engine->GuardOperation(); \
-        return engine->call;                   \
-    } while (0)
+namespace {
+
+// Members connect on demand; see CLdap::Connected.
+template <typename Operation>
+int OnDemand(CLdap& self, CLdapOp& engine, int (CLdap::*connected)(), Operation operation) {
+    return qor::ConnectThenRun(
+        engine, [&] { return (self.*connected)(); }, qor::Recheck::kNo, operation);
+}
+
+}  // namespace
 
 int CLdap::ConnectLdap() {
     int rc = engine->ConnectLdap();
@@ -56,71 +59,86 @@ void CLdap::SetLdapAtt(LdapInfo info) {
 }
 
 int CLdap::ModifySignPrivateKey(char const* dn, unsigned char const* key, unsigned int length) {
-    QOR_ON_DEMAND(ModifySignPrivateKey(dn, key, length));
+    return OnDemand(*this, *engine, &CLdap::Connected,
+                    [&] { return engine->ModifySignPrivateKey(dn, key, length); });
 }
 
 int CLdap::ModifySignPublicKey(char const* dn, unsigned char const* key, unsigned int length) {
-    QOR_ON_DEMAND(ModifySignPublicKey(dn, key, length));
+    return OnDemand(*this, *engine, &CLdap::Connected,
+                    [&] { return engine->ModifySignPublicKey(dn, key, length); });
 }
 
 int CLdap::ModifyCryptPrivateKey(char const* dn, unsigned char const* key, unsigned int length) {
-    QOR_ON_DEMAND(ModifyCryptPrivateKey(dn, key, length));
+    return OnDemand(*this, *engine, &CLdap::Connected,
+                    [&] { return engine->ModifyCryptPrivateKey(dn, key, length); });
 }
 
 int CLdap::ModifyCryptPublicKey(char const* dn, unsigned char const* key, unsigned int length) {
-    QOR_ON_DEMAND(ModifyCryptPublicKey(dn, key, length));
+    return OnDemand(*this, *engine, &CLdap::Connected,
+                    [&] { return engine->ModifyCryptPublicKey(dn, key, length); });
 }
 
 int CLdap::GetSignPrivateKey(char const* name, unsigned char*& key, unsigned int& length) {
-    QOR_ON_DEMAND(GetSignPrivateKey(name, key, length));
+    return OnDemand(*this, *engine, &CLdap::Connected,
+                    [&] { return engine->GetSignPrivateKey(name, key, length); });
 }
 
 int CLdap::GetSignPublicKey(char const* name, unsigned char*& key, unsigned int& length) {
-    QOR_ON_DEMAND(GetSignPublicKey(name, key, length));
+    return OnDemand(*this, *engine, &CLdap::Connected,
+                    [&] { return engine->GetSignPublicKey(name, key, length); });
 }
 
 int CLdap::GetCryptPrivateKey(char const* name, unsigned char*& key, unsigned int& length) {
-    QOR_ON_DEMAND(GetCryptPrivateKey(name, key, length));
+    return OnDemand(*this, *engine, &CLdap::Connected,
+                    [&] { return engine->GetCryptPrivateKey(name, key, length); });
 }
 
 int CLdap::GetCryptPublicKey(char const* name, unsigned char*& key, unsigned int& length) {
-    QOR_ON_DEMAND(GetCryptPublicKey(name, key, length));
+    return OnDemand(*this, *engine, &CLdap::Connected,
+                    [&] { return engine->GetCryptPublicKey(name, key, length); });
 }
 
 int CLdap::DeleteSignPrivateKey(char const* dn) {
-    QOR_ON_DEMAND(DeleteSignPrivateKey(dn));
+    return OnDemand(*this, *engine, &CLdap::Connected,
+                    [&] { return engine->DeleteSignPrivateKey(dn); });
 }
 
 int CLdap::DeleteCryptPrivateKey(char const* dn) {
-    QOR_ON_DEMAND(DeleteCryptPrivateKey(dn));
+    return OnDemand(*this, *engine, &CLdap::Connected,
+                    [&] { return engine->DeleteCryptPrivateKey(dn); });
 }
 
 int CLdap::ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw) {
-    QOR_ON_DEMAND(ModifyPriKeyPsw(name, oldPsw, newPsw));
+    return OnDemand(*this, *engine, &CLdap::Connected,
+                    [&] { return engine->ModifyPriKeyPsw(name, oldPsw, newPsw); });
 }
 
 int CLdap::SelectLdap(char const* dn, tagAtt& att) {
-    QOR_ON_DEMAND(SelectLdapAtt(dn, att));
+    return OnDemand(*this, *engine, &CLdap::Connected,
+                    [&] { return engine->SelectLdapAtt(dn, att); });
 }
 
 int CLdap::SelectLdap(char const* dn, char const* condition, tagDN*& list, int& count) {
-    QOR_ON_DEMAND(SelectLdap(dn, condition, list, count));
+    return OnDemand(*this, *engine, &CLdap::Connected,
+                    [&] { return engine->SelectLdap(dn, condition, list, count); });
 }
 
 int CLdap::InsertLdap(char const* dn, tagAtt const& att, bool crypt, unsigned char* password,
                       unsigned int passwordLength, unsigned char* publicKey,
                       unsigned int publicKeyLength, unsigned char* privateKey,
                       unsigned int privateKeyLength) {
-    QOR_ON_DEMAND(InsertLdap(dn, att, crypt, password, passwordLength, publicKey, publicKeyLength,
-                             privateKey, privateKeyLength));
+    return OnDemand(*this, *engine, &CLdap::Connected, [&] {
+        return engine->InsertLdap(dn, att, crypt, password, passwordLength, publicKey,
+                                  publicKeyLength, privateKey, privateKeyLength);
+    });
 }
 
 int CLdap::ModifyLdap(char const* dn, tagAtt const& att) {
-    QOR_ON_DEMAND(ModifyLdap(dn, att));
+    return OnDemand(*this, *engine, &CLdap::Connected, [&] { return engine->ModifyLdap(dn, att); });
 }
 
 int CLdap::DeleteLdap(char const* dn) {
-    QOR_ON_DEMAND(DeleteLdap(dn));
+    return OnDemand(*this, *engine, &CLdap::Connected, [&] { return engine->DeleteLdap(dn); });
 }
 
 void CLdap::FreeAtt(tagAtt* att) {

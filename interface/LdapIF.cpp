@@ -3,6 +3,7 @@
 #include "qorldap/LdapIF.h"
 
 #include "engine/LdapOp.h"
+#include "interface/ConnectThenRun.h"
 
 namespace {
 
@@ -30,49 +31,43 @@ void SetLdapAtt(LdapInfo info) {
     opLdap.SetLdapAtt(info);
 }
 
-// With reconnection on, the operation holds the engine's guard, so that another thread cannot
-// release the connection under it, and finds out under the guard whether a connection is left.
-#define QOR_CONNECTED_CALL(call)                  \
-    do {                                          \
-        if (opLdap.ConnectLdap() != QORLDAP_OK) { \
-            return QORLDAP_E_FAILED;              \
-        }                                         \
-        auto inUse = opLdap.GuardOperation();     \
-        if (!opLdap.HasConnection()) {            \
-            return QORLDAP_E_FAILED;              \
-        }                                         \
-        return opLdap.call;                       \
-    } while (0)
+// Every operation connects first, and looks again under the guard that a connection is left.
+template <typename Operation>
+int Connected(Operation operation) {
+    return qor::ConnectThenRun(
+        opLdap, [] { return opLdap.ConnectLdap(); }, qor::Recheck::kYes, operation);
+}
 
 int GetSignPrivateKey(char const* name, unsigned char*& key, unsigned int& length) {
-    QOR_CONNECTED_CALL(GetSignPrivateKey(name, key, length));
+    return Connected([&] { return opLdap.GetSignPrivateKey(name, key, length); });
 }
 
 int GetSignPublicKey(char const* name, unsigned char*& key, unsigned int& length) {
-    QOR_CONNECTED_CALL(GetSignPublicKey(name, key, length));
+    return Connected([&] { return opLdap.GetSignPublicKey(name, key, length); });
 }
 
 int GetCryptPrivateKey(char const* name, unsigned char*& key, unsigned int& length) {
-    QOR_CONNECTED_CALL(GetCryptPrivateKey(name, key, length));
+    return Connected([&] { return opLdap.GetCryptPrivateKey(name, key, length); });
 }
 
 int GetCryptPublicKey(char const* name, unsigned char*& key, unsigned int& length) {
-    QOR_CONNECTED_CALL(GetCryptPublicKey(name, key, length));
+    return Connected([&] { return opLdap.GetCryptPublicKey(name, key, length); });
 }
 
 int DeleteSignPrivateKey(char const* dn) {
-    QOR_CONNECTED_CALL(DeleteSignPrivateKey(dn));
+    return Connected([&] { return opLdap.DeleteSignPrivateKey(dn); });
 }
 
 int DeleteCryptPrivateKey(char const* dn) {
-    QOR_CONNECTED_CALL(DeleteCryptPrivateKey(dn));
+    return Connected([&] { return opLdap.DeleteCryptPrivateKey(dn); });
 }
 
 int ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw) {
-    QOR_CONNECTED_CALL(ModifyPriKeyPsw(name, oldPsw, newPsw));
+    return Connected([&] { return opLdap.ModifyPriKeyPsw(name, oldPsw, newPsw); });
 }
 
 int PublishP12(char const* pfx, unsigned long pfxLength, char const* pfxPsw, char const* keyPsw,
                bool sign, bool publicOnly) {
-    QOR_CONNECTED_CALL(PublishP12(pfx, pfxLength, pfxPsw, keyPsw, sign, publicOnly));
+    return Connected(
+        [&] { return opLdap.PublishP12(pfx, pfxLength, pfxPsw, keyPsw, sign, publicOnly); });
 }

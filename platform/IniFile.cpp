@@ -3,17 +3,9 @@
 #include <fstream>
 
 #include "platform/System.h"
+#include "platform/Trim.h"
 
 namespace {
-
-std::string Trim(std::string const& text) {
-    std::string::size_type first = text.find_first_not_of(" \t\r");
-    if (first == std::string::npos) {
-        return std::string();
-    }
-    std::string::size_type last = text.find_last_not_of(" \t\r");
-    return text.substr(first, last - first + 1);
-}
 
 // Names match without regard to ASCII letter case only: other bytes stay as they are.
 std::string Folded(std::string text) {
@@ -41,7 +33,7 @@ IniFile IniFile::Load(std::string const& file) {
     std::unordered_map<std::string, std::string>* current = nullptr;
     std::string line;
     while (std::getline(in, line)) {
-        std::string text = Trim(line);
+        std::string text = qor::Trim(line);
         if (text.empty() || text[0] == ';' || text[0] == '#') {
             continue;
         }
@@ -49,7 +41,7 @@ IniFile IniFile::Load(std::string const& file) {
             std::string::size_type close = text.find(']');
             current = close == std::string::npos
                           ? nullptr
-                          : &ini.sections_[Folded(Trim(text.substr(1, close - 1)))];
+                          : &ini.sections_[Folded(qor::Trim(text.substr(1, close - 1)))];
             continue;
         }
         std::string::size_type eq = text.find('=');
@@ -58,17 +50,17 @@ IniFile IniFile::Load(std::string const& file) {
         }
         // emplace keeps the first value when a key appears twice, also across two headers of
         // the same section.
-        current->emplace(Folded(Trim(text.substr(0, eq))), Trim(text.substr(eq + 1)));
+        current->emplace(Folded(qor::Trim(text.substr(0, eq))), qor::Trim(text.substr(eq + 1)));
     }
     return ini;
 }
 
 bool IniFile::Get(std::string const& section, std::string const& key, std::string& value) const {
-    auto s = sections_.find(Folded(Trim(section)));
+    auto s = sections_.find(Folded(qor::Trim(section)));
     if (s == sections_.end()) {
         return false;
     }
-    auto k = s->second.find(Folded(Trim(key)));
+    auto k = s->second.find(Folded(qor::Trim(key)));
     if (k == s->second.end()) {
         return false;
     }

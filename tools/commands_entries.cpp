@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "platform/Trim.h"
 #include "qorldap/qorldap.h"
 
 namespace qortool {
@@ -68,13 +69,6 @@ int Lookup(Args const& args, CLdap& ldap, std::string const& dn, Entry& entry) {
     return entry.att.itemCount;
 }
 
-std::string Trim(std::string const& text) {
-    size_t begin = text.find_first_not_of(' ');
-    if (begin == std::string::npos)
-        return "";
-    return text.substr(begin, text.find_last_not_of(' ') - begin + 1);
-}
-
 // The keys and certificates of a user's entry, with their sizes; nothing for other entries,
 // whose names the key reads refuse.
 void ShowKeys(CLdap& ldap, std::string const& dn) {
@@ -114,11 +108,11 @@ int RunShow(Args const& args) {
         Fail(args.command, "no such entry: " + dn);
     }
     tagAtt const& att = entry.att;
-    std::string const parent = Trim(att.parentDn);
+    std::string const parent = qor::Trim(att.parentDn);
     std::printf("dn: %s\n", att.dn);
     // The library names a DN of one part its own parent.
     std::printf("parent: %s\n",
-                parent == Trim(att.dn) ? "(none, top of the tree)" : parent.c_str());
+                parent == qor::Trim(att.dn) ? "(none, top of the tree)" : parent.c_str());
     if (att.objectClass[0] != '\0') {
         std::printf("template: %s (naming attribute %s, level %d of %d)\n", att.objectClass,
                     att.namingAtt, att.templateIndex + 1, att.templateCount);
@@ -220,17 +214,17 @@ int RunAdd(Args const& args) {
     // from the DN when not given.
     std::string const first = dn.substr(0, dn.find(','));
     size_t eq = first.find('=');
-    if (eq == std::string::npos || Trim(first.substr(0, eq)).empty()) {
+    if (eq == std::string::npos || qor::Trim(first.substr(0, eq)).empty()) {
         Usage(args.command, "\"" + dn + "\" does not start with attr=value");
     }
-    std::string const namingType = Trim(first.substr(0, eq));
+    std::string const namingType = qor::Trim(first.substr(0, eq));
     bool given = false;
     for (tagAttItem const& item : items) {
         if (strcasecmp(item.type, namingType.c_str()) == 0)
             given = true;
     }
     if (!given) {
-        std::string const value = ToLibraryText(args.command, Trim(first.substr(eq + 1)));
+        std::string const value = ToLibraryText(args.command, qor::Trim(first.substr(eq + 1)));
         if (value.empty())
             Usage(args.command, "\"" + dn + "\" names its entry with an empty value");
         tagAttItem item;
@@ -259,8 +253,9 @@ int RunAdd(Args const& args) {
             FailCode(args.command, rc,
                      "the directory refused the entry: " + dn + " exists already");
         }
-        std::string const parent =
-            dn.find(',') == std::string::npos ? std::string() : Trim(dn.substr(dn.find(',') + 1));
+        std::string const parent = dn.find(',') == std::string::npos
+                                       ? std::string()
+                                       : qor::Trim(dn.substr(dn.find(',') + 1));
         Entry above(ldap);
         if (!parent.empty() && Lookup(args, ldap, parent, above) <= 0) {
             FailCode(args.command, rc,

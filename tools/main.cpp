@@ -36,7 +36,7 @@ std::vector<Command> const& Commands() {
 
 namespace {
 
-char const kVersion[] = "qorldap 7.0.0\n";
+char const kVersion[] = "qorldap " QORLDAP_VERSION "\n";  // the CMake project version
 
 void Overview(std::FILE* to) {
     std::fprintf(to,

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "cli.h"
+#include "platform/Trim.h"
 
 namespace qortool {
 
@@ -40,14 +41,6 @@ bool WriteAll(int fd, std::string const& data) {
         done += static_cast<size_t>(n);
     }
     return true;
-}
-
-std::string Trimmed(std::string const& line) {
-    size_t begin = line.find_first_not_of(" \t\r");
-    if (begin == std::string::npos)
-        return "";
-    size_t end = line.find_last_not_of(" \t\r");
-    return line.substr(begin, end - begin + 1);
 }
 
 }  // namespace
@@ -174,7 +167,7 @@ bool PemDecode(std::string const& text, std::string& label, std::string& der, st
         size_t next = text.find('\n', pos);
         if (next == std::string::npos || next > end)
             next = end;
-        std::string line = Trimmed(text.substr(pos, next - pos));
+        std::string line = qor::Trim(text.substr(pos, next - pos));
         // Header lines ("Proc-Type: ...") are not part of the data.
         if (line.find(':') == std::string::npos)
             body += line;

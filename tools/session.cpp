@@ -7,25 +7,21 @@
 #include "cli.h"
 #include "engine/LinkOptions.h"
 #include "platform/IniFile.h"
+#include "platform/System.h"
 #include "qorldap/qorldap.h"
 
 namespace qortool {
 
 bool gConfFromOption = false;
 
+// Where the library looks for file, made absolute so that messages say exactly which file.
 std::string ConfigPath(std::string const& file) {
-    char const* dir = std::getenv("QORLDAP_CONF_DIR");
-    if (dir != nullptr && dir[0] != '\0') {
-        std::string path(dir);
-        if (path.back() != '/')
-            path += '/';
-        return path + file;
-    }
+    std::string path = CSystem::ResolveConfigPath(file);
     char cwd[4096];
-    if (::getcwd(cwd, sizeof cwd) != nullptr) {
-        return std::string(cwd) + "/" + file;
+    if (path[0] != '/' && ::getcwd(cwd, sizeof cwd) != nullptr) {
+        path = std::string(cwd) + "/" + path;
     }
-    return file;
+    return path;
 }
 
 bool FileReadable(std::string const& path) {

@@ -1,10 +1,9 @@
 // Attribute values: the command line holds UTF-8, the library takes GB18030 text and sends it on
-// to the directory as UTF-8 again.
-#include <iconv.h>
-
-#include <cerrno>
+// to the directory as UTF-8 again. The conversion is the library's own.
+#include <string>
 
 #include "cli.h"
+#include "platform/ChineseCode.h"
 
 namespace qortool {
 
@@ -18,25 +17,14 @@ std::string ToLibraryText(std::string const& what, std::string const& utf8) {
     }
     if (ascii)
         return utf8;
-    iconv_t cd = iconv_open("GB18030", "UTF-8");
-    if (cd == reinterpret_cast<iconv_t>(-1)) {
-        Fail(what, "this system cannot convert text to GB18030");
-    }
-    std::string out(utf8.size() * 2 + 8, '\0');
-    char* src = const_cast<char*>(utf8.data());
-    size_t srcLeft = utf8.size();
-    char* dst = &out[0];
-    size_t dstLeft = out.size();
-    size_t rc = iconv(cd, &src, &srcLeft, &dst, &dstLeft);
-    if (rc != static_cast<size_t>(-1)) {
-        rc = iconv(cd, nullptr, nullptr, &dst, &dstLeft);
-    }
-    iconv_close(cd);
-    if (rc == static_cast<size_t>(-1) || srcLeft != 0) {
+    std::string in = utf8;
+    char* out = nullptr;
+    CChineseCode code;
+    int n = code.UTF_8ToGB2312(out, &in[0], static_cast<int>(in.size()));
+    if (n < 0 || out == nullptr) {
         Usage(what, "\"" + utf8 + "\" is not valid UTF-8 text");
     }
-    out.resize(static_cast<size_t>(dst - &out[0]));
-    return out;
+    return std::string(out, static_cast<size_t>(n));
 }
 
 }  // namespace qortool

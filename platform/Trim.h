@@ -1,0 +1,20 @@
+// Blanks around a text, the one rule for INI lines and for what the tool reads.
+#ifndef QORLDAP_PLATFORM_TRIM_H
+#define QORLDAP_PLATFORM_TRIM_H
+
+#include <string>
+
+namespace qor {
+
+// text without the spaces, tabs and carriage returns at either end.
+inline std::string Trim(std::string const& text) {
+    std::string::size_type first = text.find_first_not_of(" \t\r");
+    if (first == std::string::npos) {
+        return std::string();
+    }
+    return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
+}
+
+}  // namespace qor
+
+#endif
