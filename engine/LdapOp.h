@@ -1,6 +1,7 @@
 // CLdapOp: the engine. One object holds its own binding to the directory library, its
 // connection, the server settings of "soap.ini" and the entry templates of "ldap.ini".
-// Engines share nothing. Operations that refuse say what they leave in their outputs.
+// Engines share nothing. Each operation says what it leaves in its outputs on success and on
+// each refusal.
 #ifndef QORLDAP_ENGINE_LDAPOP_H
 #define QORLDAP_ENGINE_LDAPOP_H
 
@@ -16,6 +17,8 @@
 #include "platform/IniFile.h"
 #include "qorldap/records.h"
 #include "qorldap/result_codes.h"
+
+class WipedBuffer;  // platform/WipedBuffer.h
 
 // What the root check reads from the base entry. Nothing reads it back; texts are cut to fit.
 struct DepartementAtt {
@@ -39,8 +42,17 @@ class CLdapOp {
     CLdapOp(CLdapOp const&) = delete;
     CLdapOp& operator=(CLdapOp const&) = delete;
 
+    // Contracts. "Untouched" means the output keeps what the caller put there. Operations that
+    // talk to the directory expect a connection (the exported layer connects first); without
+    // one the directory library's own refusal code comes back.
+
     // --- engine core: settings and connection ---
+    // Reads section of soap.ini into the settings and link options; a missing key keeps its
+    // field, a text longer than its field is cut.
     void GetConfig(std::string const& section);
+    // 0 connected (at once when already connected); 0x16000010 no handle, a refused bind or
+    // StartTLS, link keys that do not read, or (with a timeout) another thread's attempt failed
+    // while this one waited; 0x16000011 the root check failed.
     int ConnectLdap();
     // True when reconnection is on and the connection was lost: the next ConnectLdap redials.
     bool NeedsReconnect() const { return link_.reconnect && binding_.ConnectionLost(); }
@@ -53,70 +65,123 @@ class CLdapOp {
     // Whether the engine holds a connection; checked under GuardOperation, since with
     // reconnection on another thread may have found the connection lost and failed to redial.
     bool HasConnection() const { return handle_.load(std::memory_order_acquire) != nullptr; }
-    void GetLdapAtt(LdapInfo& info);
-    void SetLdapAtt(LdapInfo info);
-    void FreeKey(unsigned char*& key);
+    void GetLdapAtt(LdapInfo& info);    // info receives a copy of the settings in force
+    void SetLdapAtt(LdapInfo info);     // replaces the settings whole
+    void FreeKey(unsigned char*& key);  // array delete; key becomes null (null is ignored)
+    // true when the base entry exists or was created, or the base is not "o=..."; false when
+    // the base DN is unusable or the creation failed.
     bool ValidateRootAtt();
+    // true when the search succeeded (att then holds what was found, cut to fit, or zeros);
+    // false when it failed, att zeroed.
     bool GetRootAtt(char const* dn, char const* filter, DepartementAtt& att);
+    // true when the base entry was added.
     bool InsertRootAtt(char const* dn, char const* name);
 
     // --- records ---
-    void FreeAtt(tagAtt* att);
-    void FreeDN(tagDN* list, int count);
+    void FreeAtt(tagAtt* att);            // items released and null, itemCount 0; null ignored
+    void FreeDN(tagDN* list, int count);  // array delete of list; count not read
 
     // --- schema file ---
+    // true with the template table replaced; false (a missing key, a count below 1 or over
+    // 1000, a broken template) with the table as it was, or empty once a template failed.
     bool ReadConfig();
+    // true with tmpl.namingAtt set from the last naming definition; false for a broken
+    // template (tmpl.namingAtt may then hold an earlier naming attribute).
     bool ReadEachConfig(std::string const& section, std::string const& file, tagAtt& tmpl);
+    // Splits "name,code,role"; false, outputs untouched, for text that does not split.
     bool SeparateData(std::string const& text, std::string& name, std::string& code, int& role);
+    // Copies the template whose object class is name into out (out untouched when none is);
+    // always 1.
     int GetLdapOpAtt(char const* name, tagAtt& out);
     int TemplateCount() const { return templateCount_; }
     tagAtt const* Templates() const { return templates_; }
 
     // --- naming (pure text operations) ---
-    static void MakeLower(std::string& text);
+    static void MakeLower(std::string& text);  // ASCII letters only
+    // false for a null argument, else whether the texts are equal regardless of ASCII case.
     static bool CompareNameSame(char const* a, char const* b);
+    // Type and value of component index of dn. true and both set; true with both untouched
+    // when dn has fewer components; false (untouched) for null dn, index out of 0..50, or a
+    // component starting with "=".
     static bool GetFilter(char const* dn, int index, std::string& value, std::string& type);
+    // The DN after the first comma (a one-component DN is its own parent); false, parent
+    // untouched, for null or a leading comma.
     static bool GetParentDN(char const* dn, std::string& parent);
+    // The lower-cased value of the last subject line starting with key; false, value
+    // untouched, when no line does or an argument is null.
     static bool ParseSubject(char const* subject, char const* key, std::string& value);
+    // true with condition the common name and kind 1 for "cn=..." when the last template is
+    // named by cn; false with kind 0 (condition untouched) otherwise or with no templates.
     bool GetCondition(char const* name, std::string& condition, int& kind);
+    // The value of component when its type is exactly type; true only when namingAtt is that
+    // type regardless of case. value may be set also when the result is false.
     static bool FromCNToName(char const* component, char const* type, char const* namingAtt,
                              std::string& value);
 
     // --- entries ---
+    // Fills frame with value converted to UTF-8; false (frame untouched) for a null type, an
+    // empty or unconvertible value.
     static bool GetParaAtt(char const* value, unsigned int op, char const* type, AttFrame& frame);
+    // 0 added; 0x16000010 for a null dn (nothing sent) or any refusal by the directory.
     int InsertLdap(char const* dn, tagAtt const& att, bool crypt, unsigned char* password,
                    unsigned int passwordLength, unsigned char* publicKey,
                    unsigned int publicKeyLength, unsigned char* privateKey,
                    unsigned int privateKeyLength);
+    // The directory's code; 0x16000010 for a null dn (nothing sent).
     int ModifyLdap(char const* dn, tagAtt const& att);
     int DeleteLdap(char const* dn);
+    // See CLdap::SelectLdap(dn, att): 0 whether or not found; 0x16000010, att untouched, for a
+    // dn that is null, over 255 characters or gives no filter.
     int SelectLdapAtt(char const* dn, tagAtt& att);
+    // 1 found (att filled, items new); 0 otherwise: att zeroed when the search succeeded,
+    // only att.dn and att.parentDn emptied when it failed.
     int GetAtt(char const* dn, char const* filter, tagAtt& att);
+    // See CLdap::SelectLdap(dn, condition, list, count).
     int SelectLdap(char const* dn, char const* condition, tagDN*& list, int& count);
+    // true with count set (and list new when count > 0); false, both untouched, for a null
+    // argument or a failed search.
     bool GetChild(char const* base, char const* filter, tagDN*& list, int& count);
+    // 0 with dn the deepest level (dn untouched with no templates); 0x16000010 when the base or
+    // a composed level does not fit 255 characters; else the code of a failed lookup or add,
+    // with the levels made so far left in place.
     int InsertOrganization(char const* subject, std::string& dn);
 
     // --- key store ---
+    // Replaces attribute's values with one value. 0x16000010 for a null argument or an empty
+    // value (nothing sent); else the directory's code.
     int ModifyKey(char const* dn, char const* attribute, unsigned char const* value,
                   unsigned int length);
     int ModifySignPrivateKey(char const* dn, unsigned char const* key, unsigned int length);
     int ModifySignPublicKey(char const* dn, unsigned char const* key, unsigned int length);
     int ModifyCryptPrivateKey(char const* dn, unsigned char const* key, unsigned int length);
     int ModifyCryptPublicKey(char const* dn, unsigned char const* key, unsigned int length);
+    // A replace with no values: 0 when the key is gone (present or not); 0x16000010 for a null
+    // dn (nothing sent); else the directory's code.
     int DeleteSignPrivateKey(char const* dn);
     int DeleteCryptPrivateKey(char const* dn);
+    // As GetKeyOP with the matching attribute.
     int GetSignPrivateKey(char const* dn, unsigned char*& key, unsigned int& length);
     int GetSignPublicKey(char const* dn, unsigned char*& key, unsigned int& length);
     int GetCryptPrivateKey(char const* dn, unsigned char*& key, unsigned int& length);
     int GetCryptPublicKey(char const* dn, unsigned char*& key, unsigned int& length);
+    // value null and length 0 first, whatever follows. 0 with value new (or still null when
+    // the entry lacks the attribute); 0x16000010 name refused (nothing sent); 0x16000015 the
+    // search failed.
     int GetKeyOP(char const* name, char const* attribute, unsigned char*& value,
                  unsigned int& length);
+    // value null and length 0 first. 0 with value new, or null when absent; 0x16000010 for a
+    // null argument, an over-long attribute name or a failed search.
     int GetEachKey(char const* dn, char const* attribute, unsigned char*& value,
                    unsigned int& length);
+    // true with key, length and foundDn set for the first user found depth first; false when
+    // none is found, foundDn untouched (key, when not null, still goes to FreeKey).
     bool GetChildKey(char const* base, int depth, char const* value, char const* attribute,
                      unsigned char*& key, unsigned int& length, std::string& foundDn);
+    // 0 with dn the user's entry; 0x16000010, dn untouched, for a refused name or none found.
     int GetFullDN(char const* name, std::string& dn);
+    // See the free function ModifyPriKeyPsw (qorldap/LdapIF.h).
     int ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw);
+    // See the free function PublishP12 (qorldap/LdapIF.h).
     int PublishP12(char const* pfx, unsigned long pfxLength, char const* pfxPsw, char const* keyPsw,
                    bool sign, bool publicOnly);
 
@@ -152,6 +217,11 @@ class CLdapOp {
     template <typename Get, typename Put>
     int ReprotectKey(std::string const& dn, char const* oldPsw, char const* newPsw, Get get,
                      Put put);
+    // Protects an unencrypted PKCS#8 key of length bytes under psw for storing (Convert2Key,
+    // asked for the size, then run). QORLDAP_OK with out holding the protected key, or
+    // QORLDAP_E_KEY_CONVERT with out empty. See engine/KeyProtect.cpp.
+    static int ProtectKey(unsigned char const* key, unsigned int length, char const* psw,
+                          WipedBuffer& out);
     // The handle operations run on: the connected one, or during the connection sequence the
     // freshly bound one that the root check uses.
     ldap* Handle() const {
