@@ -176,10 +176,31 @@ TEST(Link, ATimeoutBoundsTheWaitForASilentServer) {
 // for the life of the object.
 class Frozen {
   public:
-    explicit Frozen(pid_t pid) : pid_(pid) { kill(pid_, SIGSTOP); }
+    // Returns once the kernel shows the process stopped: a busy machine may let it answer one
+    // more request after the signal is sent.
+    explicit Frozen(pid_t pid) : pid_(pid) {
+        EXPECT_GT(pid_, 0);
+        kill(pid_, SIGSTOP);
+        for (int i = 0; i < 500 && State() != 'T'; ++i)
+            usleep(10 * 1000);
+        EXPECT_EQ('T', State());
+    }
     ~Frozen() { kill(pid_, SIGCONT); }
 
   private:
+    // 'T' once every thread of the process is stopped (the third field of each task's stat).
+    char State() const {
+        std::string const tasks = "/proc/" + std::to_string(pid_) + "/task";
+        std::string all = qortest::Run("cat " + tasks + "/*/stat 2>/dev/null");
+        bool any = false;
+        for (std::string::size_type p = all.find(") "); p != std::string::npos;
+             p = all.find(") ", p + 2)) {
+            any = true;
+            if (all[p + 2] != 'T')
+                return all[p + 2];
+        }
+        return any ? 'T' : '?';
+    }
     pid_t pid_;
 };
 
