@@ -1,27 +1,7 @@
 // Re-protecting a user's two stored private keys under a new password.
-#include <string.h>
-
-#include <memory>
-
 #include "engine/LdapOp.h"
 #include "platform/Crypto.h"
-
-namespace {
-
-// A key buffer released with array delete on every path, wiped first: after decryption it
-// holds a private key in the clear.
-struct KeyBuffer {
-    unsigned char* data = nullptr;
-    unsigned int size = 0;
-    ~KeyBuffer() {
-        if (data != nullptr) {
-            explicit_bzero(data, size);
-        }
-        delete[] data;
-    }
-};
-
-}  // namespace
+#include "platform/WipedBuffer.h"
 
 // One key: read, open with the old password, protect under the new one, write back. A key the
 // entry lacks reads as empty and is refused by the decryption: 0x16000012 with nothing written
@@ -31,29 +11,26 @@ struct KeyBuffer {
 template <typename Get, typename Put>
 int CLdapOp::ReprotectKey(std::string const& dn, char const* oldPsw, char const* newPsw, Get get,
                           Put put) {
-    KeyBuffer stored;
+    unsigned char* read = nullptr;
     unsigned int length = 0;
-    int rc = (this->*get)(dn.c_str(), stored.data, length);
-    stored.size = length;
+    int rc = (this->*get)(dn.c_str(), read, length);
+    // Whatever the read hands back (array new) goes with the buffer, wiped: after decryption
+    // it holds the private key in the clear.
+    WipedBuffer stored(read, length);
     if (rc != QORLDAP_OK) {
         return rc;
     }
     unsigned int plainLength = length;
-    if (stored.data == nullptr || length == 0 ||
-        DecryptKey(stored.data, plainLength, oldPsw) != 0) {
+    if (stored.Data() == nullptr || length == 0 ||
+        DecryptKey(stored.Data(), plainLength, oldPsw) != 0) {
         return QORLDAP_E_OLD_PASSWORD;
     }
-    unsigned int size = 0;
-    if (!Convert2Key(stored.data, plainLength, newPsw, nullptr, size) || size == 0) {
-        return QORLDAP_E_KEY_CONVERT;
+    WipedBuffer converted;
+    rc = ProtectKey(stored.Data(), plainLength, newPsw, converted);
+    if (rc != QORLDAP_OK) {
+        return rc;
     }
-    KeyBuffer converted;
-    converted.data = new unsigned char[size];
-    converted.size = size;
-    if (!Convert2Key(stored.data, plainLength, newPsw, converted.data, size)) {
-        return QORLDAP_E_KEY_CONVERT;
-    }
-    return (this->*put)(dn.c_str(), converted.data, size);
+    return (this->*put)(dn.c_str(), converted.Data(), static_cast<unsigned int>(converted.Size()));
 }
 
 // The encryption key first, and the signing key only once the encryption key is written.

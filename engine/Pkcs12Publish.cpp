@@ -1,24 +1,14 @@
 // Publishing a PKCS#12 bundle: the path its certificate subject names, then the certificate and
 // the password-protected private key in the deepest entry.
-#include <string.h>
-
 #include <climits>
 #include <cstring>
 #include <memory>
 
 #include "engine/LdapOp.h"
 #include "platform/Crypto.h"
+#include "platform/WipedBuffer.h"
 
 namespace {
-
-// The bundle's private key in the clear: wiped before it is released.
-struct WipedDelete {
-    unsigned int size = 0;
-    void operator()(unsigned char* p) const {
-        explicit_bzero(p, size);
-        delete[] p;
-    }
-};
 
 // Empties the thread's slot of an opened bundle on every way out of a publication, so the
 // private key the size query kept there never outlives the call.
@@ -50,9 +40,8 @@ int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pf
         return QORLDAP_E_PKCS12;
     }
     std::unique_ptr<unsigned char[]> cert(new unsigned char[certLength]);
-    std::unique_ptr<unsigned char[], WipedDelete> key(new unsigned char[keyLength],
-                                                      WipedDelete{keyLength});
-    if (!GetKeyFromPfx(bundle, bundleLength, pfxPsw, cert.get(), certLength, key.get(), keyLength,
+    WipedBuffer key(keyLength);  // the bundle's private key in the clear
+    if (!GetKeyFromPfx(bundle, bundleLength, pfxPsw, cert.get(), certLength, key.Data(), keyLength,
                        true) ||
         !GetCertInfo(cert.get(), static_cast<int>(certLength), *info)) {
         return QORLDAP_E_PKCS12;
@@ -61,17 +50,11 @@ int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pf
     if (rc != QORLDAP_OK) {
         return rc;
     }
-    std::unique_ptr<unsigned char[]> stored;
-    unsigned int storedLength = 0;
+    WipedBuffer stored;
     if (!publicOnly) {
-        if (keyPsw == nullptr ||
-            !Convert2Key(key.get(), keyLength, keyPsw, nullptr, storedLength) ||
-            storedLength == 0) {
-            return QORLDAP_E_KEY_CONVERT;
-        }
-        stored.reset(new unsigned char[storedLength]);
-        if (!Convert2Key(key.get(), keyLength, keyPsw, stored.get(), storedLength)) {
-            return QORLDAP_E_KEY_CONVERT;
+        rc = ProtectKey(key.Data(), keyLength, keyPsw, stored);
+        if (rc != QORLDAP_OK) {
+            return rc;
         }
     }
     // The certificate before the private key; a failed key store leaves the certificate.
@@ -80,6 +63,7 @@ int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pf
     if (rc != QORLDAP_OK || publicOnly) {
         return rc;
     }
-    return sign ? ModifySignPrivateKey(dn.c_str(), stored.get(), storedLength)
-                : ModifyCryptPrivateKey(dn.c_str(), stored.get(), storedLength);
+    auto const storedLength = static_cast<unsigned int>(stored.Size());
+    return sign ? ModifySignPrivateKey(dn.c_str(), stored.Data(), storedLength)
+                : ModifyCryptPrivateKey(dn.c_str(), stored.Data(), storedLength);
 }

@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include <openssl/crypto.h>
@@ -19,6 +20,9 @@
 #include <openssl/provider.h>
 #include <openssl/sha.h>
 #include <openssl/x509.h>
+
+#include "platform/OsslPtr.h"
+#include "platform/WipedBuffer.h"
 
 namespace {
 
@@ -74,17 +78,13 @@ class Contexts {
     Contexts() : modern_(Make(false)), full_(Make(true)) {}
 
     static OSSL_LIB_CTX* Make(bool legacy) {
-        OSSL_LIB_CTX* ctx = OSSL_LIB_CTX_new();
-        if (ctx == nullptr)
+        LibCtxPtr ctx(OSSL_LIB_CTX_new());
+        if (ctx == nullptr || OSSL_PROVIDER_load(ctx.get(), "default") == nullptr)
             return nullptr;
-        if (OSSL_PROVIDER_load(ctx, "default") == nullptr) {
-            OSSL_LIB_CTX_free(ctx);
-            return nullptr;
-        }
         // Without the module, old bundles simply do not open.
         if (legacy)
-            OSSL_PROVIDER_load(ctx, "legacy");
-        return ctx;
+            OSSL_PROVIDER_load(ctx.get(), "legacy");
+        return ctx.release();  // kept for good, see above
     }
 
     OSSL_LIB_CTX* modern_;
@@ -100,41 +100,48 @@ class ErrorScope {
     ErrorScope& operator=(ErrorScope const&) = delete;
 };
 
-// Owns a buffer that OpenSSL allocated, wiping it on release when it holds secrets.
-class OsslBuffer {
-  public:
-    explicit OsslBuffer(bool secret) : secret_(secret) {}
-    ~OsslBuffer() {
-        if (secret_)
-            OPENSSL_clear_free(data_, len_ > 0 ? static_cast<size_t>(len_) : 0);
-        else
-            OPENSSL_free(data_);
-    }
-    OsslBuffer(OsslBuffer const&) = delete;
-    OsslBuffer& operator=(OsslBuffer const&) = delete;
+// Decodes into an object made beforehand in our context, which the owner holds. The decoder
+// takes the object and, when it fails, releases it and leaves null, so the owner takes back
+// whatever pointer the decoder leaves. decode is called with the object's address.
+template <typename T, typename D, typename Decode>
+bool DecodeInto(std::unique_ptr<T, D>& owner, Decode decode) {
+    T* object = owner.release();
+    bool const decoded = decode(&object) != nullptr;
+    owner.reset(object);
+    return decoded;
+}
 
-    unsigned char** Out() { return &data_; }
-    unsigned char const* Data() const { return data_; }
-    int len_ = 0;
+// A certificate's DER encoding in bytes OpenSSL allocates; len receives its length, which is
+// not positive when the encoding fails.
+OsslBytesPtr EncodeCertificate(X509 const* x509, int& len) {
+    unsigned char* der = nullptr;
+    len = i2d_X509(x509, &der);
+    return OsslBytesPtr(der);
+}
 
-  private:
-    unsigned char* data_ = nullptr;
-    bool secret_;
-};
+// A private key's DER encoding in a wiped buffer of our own, so that the key in the clear is
+// never left in memory nobody wipes. Empty when the encoding fails.
+WipedBuffer EncodePrivateKey(PKCS8_PRIV_KEY_INFO const* p8) {
+    int const need = i2d_PKCS8_PRIV_KEY_INFO(p8, nullptr);
+    if (need <= 0)
+        return WipedBuffer();
+    WipedBuffer der(static_cast<size_t>(need));
+    unsigned char* q = der.Data();
+    int const len = i2d_PKCS8_PRIV_KEY_INFO(p8, &q);
+    if (len <= 0 || len > need)
+        return WipedBuffer();
+    der.Shrink(static_cast<size_t>(len));
+    return der;
+}
 
 // Parses an unencrypted PKCS#8 private key that must fill exactly len bytes and make a usable
 // key in our context. Null when it does not.
-PKCS8_PRIV_KEY_INFO* ParsePrivateKey(unsigned char const* der, long len, OSSL_LIB_CTX* ctx) {
+Pkcs8Ptr ParsePrivateKey(unsigned char const* der, long len, OSSL_LIB_CTX* ctx) {
     unsigned char const* p = der;
-    PKCS8_PRIV_KEY_INFO* p8 = d2i_PKCS8_PRIV_KEY_INFO(nullptr, &p, len);
-    if (p8 == nullptr)
+    Pkcs8Ptr p8(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &p, len));
+    if (p8 == nullptr || p != der + len ||
+        EvpPkeyPtr(EVP_PKCS82PKEY_ex(p8.get(), ctx, nullptr)) == nullptr)
         return nullptr;
-    EVP_PKEY* pkey = nullptr;
-    if (p != der + len || (pkey = EVP_PKCS82PKEY_ex(p8, ctx, nullptr)) == nullptr) {
-        PKCS8_PRIV_KEY_INFO_free(p8);
-        return nullptr;
-    }
-    EVP_PKEY_free(pkey);
     return p8;
 }
 
@@ -196,26 +203,20 @@ long PbeIterations(X509_ALGOR const* alg) {
     ASN1_TYPE const* param = alg->parameter;
     int const nid = OBJ_obj2nid(oid);
     if (IsPbes1(nid)) {
-        auto* pbe =
-            static_cast<PBEPARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBEPARAM), param));
-        long const n = pbe != nullptr ? Iterations(pbe->iter) : -1;
-        PBEPARAM_free(pbe);
-        return n;
+        PbeParamPtr const pbe(
+            static_cast<PBEPARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBEPARAM), param)));
+        return pbe != nullptr ? Iterations(pbe->iter) : -1;
     }
     if (nid != NID_pbes2)
         return -1;
-    auto* pbe2 =
-        static_cast<PBE2PARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBE2PARAM), param));
-    long n = -1;
-    if (pbe2 != nullptr && pbe2->keyfunc != nullptr &&
-        OBJ_obj2nid(pbe2->keyfunc->algorithm) == NID_id_pbkdf2) {
-        auto* kdf = static_cast<PBKDF2PARAM*>(
-            ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBKDF2PARAM), pbe2->keyfunc->parameter));
-        n = kdf != nullptr ? Iterations(kdf->iter) : -1;
-        PBKDF2PARAM_free(kdf);
-    }
-    PBE2PARAM_free(pbe2);
-    return n;
+    Pbe2ParamPtr const pbe2(
+        static_cast<PBE2PARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBE2PARAM), param)));
+    if (pbe2 == nullptr || pbe2->keyfunc == nullptr ||
+        OBJ_obj2nid(pbe2->keyfunc->algorithm) != NID_id_pbkdf2)
+        return -1;
+    Pbkdf2ParamPtr const kdf(static_cast<PBKDF2PARAM*>(
+        ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBKDF2PARAM), pbe2->keyfunc->parameter)));
+    return kdf != nullptr ? Iterations(kdf->iter) : -1;
 }
 
 // How much of a bundle is looked at. Exporters write two safes (certificates, key) of a few
@@ -232,33 +233,27 @@ constexpr int kMaxPfxNesting = 3;
 class BundleWalk {
   public:
     explicit BundleWalk(OSSL_LIB_CTX* ctx) : ctx_(ctx), certs_(sk_X509_new_null()) {}
-    ~BundleWalk() {
-        EVP_PKEY_free(key_);
-        sk_X509_pop_free(certs_, X509_free);
-    }
     BundleWalk(BundleWalk const&) = delete;
     BundleWalk& operator=(BundleWalk const&) = delete;
 
     // Walks the bundle; true when it opened with a private key.
     bool Open(PKCS12* p12, char const* psw, int pswLen) {
-        STACK_OF(PKCS7)* safes = certs_ != nullptr ? PKCS12_unpack_authsafes(p12) : nullptr;
-        bool ok = safes != nullptr && Walk(p12, safes, psw, pswLen) && key_ != nullptr;
-        sk_PKCS7_pop_free(safes, PKCS7_free);
-        return ok;
+        Pkcs7StackPtr const safes(certs_ != nullptr ? PKCS12_unpack_authsafes(p12) : nullptr);
+        return safes != nullptr && Walk(p12, safes.get(), psw, pswLen) && key_ != nullptr;
     }
 
     // The first certificate that holds the key's public half, as PKCS12_parse picks it; null
     // when none does.
     X509* Certificate() const {
-        for (int i = 0; i < sk_X509_num(certs_); ++i) {
-            X509* x509 = sk_X509_value(certs_, i);
-            if (X509_check_private_key(x509, key_) == 1)
+        for (int i = 0; i < sk_X509_num(certs_.get()); ++i) {
+            X509* x509 = sk_X509_value(certs_.get(), i);
+            if (X509_check_private_key(x509, key_.get()) == 1)
                 return x509;
         }
         return nullptr;
     }
 
-    EVP_PKEY* Key() const { return key_; }
+    EVP_PKEY* Key() const { return key_.get(); }
 
   private:
     bool Spend(long iterations) {
@@ -308,17 +303,15 @@ class BundleWalk {
 
         for (int i = 0; i < count; ++i) {
             PKCS7* safe = sk_PKCS7_value(safes, i);
-            STACK_OF(PKCS12_SAFEBAG)* bags = nullptr;
+            SafeBagStackPtr bags;
             int const type = OBJ_obj2nid(safe->type);
             if (type == NID_pkcs7_data)
-                bags = PKCS12_unpack_p7data(safe);
+                bags.reset(PKCS12_unpack_p7data(safe));
             else if (type == NID_pkcs7_encrypted)
-                bags = PKCS12_unpack_p7encdata(safe, pass_, passLen_);
+                bags.reset(PKCS12_unpack_p7encdata(safe, pass_, passLen_));
             else
                 continue;  // other content types carry nothing for us
-            bool const ok = bags != nullptr && Bags(bags, 0);
-            sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
-            if (!ok)
+            if (bags == nullptr || !Bags(bags.get(), 0))
                 return false;
         }
         return true;
@@ -337,7 +330,7 @@ class BundleWalk {
             case NID_keyBag:
                 if (key_ != nullptr)
                     return true;  // the first key is the one
-                key_ = EVP_PKCS82PKEY_ex(PKCS12_SAFEBAG_get0_p8inf(bag), ctx_, nullptr);
+                key_.reset(EVP_PKCS82PKEY_ex(PKCS12_SAFEBAG_get0_p8inf(bag), ctx_, nullptr));
                 return key_ != nullptr;
             case NID_pkcs8ShroudedKeyBag: {
                 if (key_ != nullptr)
@@ -348,11 +341,9 @@ class BundleWalk {
                     X509_SIG_get0(sig, &alg, nullptr);
                 if (!Spend(PbeIterations(alg)))
                     return false;
-                PKCS8_PRIV_KEY_INFO* p8 =
-                    PKCS12_decrypt_skey_ex(bag, pass_, passLen_, ctx_, nullptr);
+                Pkcs8Ptr const p8(PKCS12_decrypt_skey_ex(bag, pass_, passLen_, ctx_, nullptr));
                 if (p8 != nullptr)
-                    key_ = EVP_PKCS82PKEY_ex(p8, ctx_, nullptr);
-                PKCS8_PRIV_KEY_INFO_free(p8);
+                    key_.reset(EVP_PKCS82PKEY_ex(p8.get(), ctx_, nullptr));
                 return key_ != nullptr;
             }
             case NID_certBag:
@@ -369,30 +360,28 @@ class BundleWalk {
     // The bag's certificate, decoded again in our context so that its public key is read with
     // our providers when it is matched against the private key.
     bool KeepCertificate(PKCS12_SAFEBAG const* bag) {
-        X509* loose = PKCS12_SAFEBAG_get1_cert(bag);
-        OsslBuffer der(false);
-        der.len_ = loose != nullptr ? i2d_X509(loose, der.Out()) : 0;
-        X509_free(loose);
-        if (der.len_ <= 0)
+        X509Ptr const loose(PKCS12_SAFEBAG_get1_cert(bag));
+        if (loose == nullptr)
             return false;
-        X509* x509 = X509_new_ex(ctx_, nullptr);
+        int len = 0;
+        OsslBytesPtr const der = EncodeCertificate(loose.get(), len);
+        if (len <= 0)
+            return false;
+        X509Ptr x509(X509_new_ex(ctx_, nullptr));
         if (x509 == nullptr)
             return false;
-        unsigned char const* p = der.Data();
-        if (d2i_X509(&x509, &p, der.len_) == nullptr) {
-            X509_free(x509);  // null after a failed decode
+        unsigned char const* p = der.get();
+        if (!DecodeInto(x509, [&](X509** object) { return d2i_X509(object, &p, len); }))
             return false;
-        }
-        if (sk_X509_push(certs_, x509) <= 0) {
-            X509_free(x509);
+        if (sk_X509_push(certs_.get(), x509.get()) <= 0)
             return false;
-        }
+        x509.release();  // the stack holds it now
         return true;
     }
 
     OSSL_LIB_CTX* ctx_;
-    STACK_OF(X509) * certs_;
-    EVP_PKEY* key_ = nullptr;
+    X509StackPtr const certs_;
+    EvpPkeyPtr key_;
     char const* pass_ = nullptr;
     int passLen_ = 0;
     long left_ = kMaxPfxIterations;
@@ -400,19 +389,17 @@ class BundleWalk {
 };
 
 // What a bundle opened to: the certificate and the private key (unencrypted PKCS#8), as DER.
+// The key is wiped whenever it goes.
 struct OpenedBundle {
     std::vector<unsigned char> cert;
-    std::vector<unsigned char> key;
+    WipedBuffer key;
 
     OpenedBundle() = default;
-    ~OpenedBundle() { Wipe(); }
     OpenedBundle(OpenedBundle const&) = delete;
     OpenedBundle& operator=(OpenedBundle const&) = delete;
 
     void Wipe() {
-        if (!key.empty())
-            OPENSSL_cleanse(key.data(), key.size());
-        key.clear();
+        key.Reset();
         cert.clear();
     }
 };
@@ -422,33 +409,32 @@ bool OpenBundle(unsigned char const* pfx, int pfxLen, char const* psw, int pswLe
                 OSSL_LIB_CTX* ctx, OpenedBundle& out) {
     // The bundle object is made in our context first and then filled by the decoder, so the
     // MAC check and every decryption inside it fetch their algorithms from our context.
-    PKCS12* p12 = PKCS12_init_ex(NID_pkcs7_data, ctx, nullptr);
+    Pkcs12Ptr p12(PKCS12_init_ex(NID_pkcs7_data, ctx, nullptr));
     if (p12 == nullptr)
         return false;
     unsigned char const* p = pfx;
-    if (d2i_PKCS12(&p12, &p, pfxLen) == nullptr) {
-        PKCS12_free(p12);  // the decoder has already released it on failure; null is harmless
+    if (!DecodeInto(p12, [&](PKCS12** object) { return d2i_PKCS12(object, &p, pfxLen); }))
         return false;
-    }
     BundleWalk walk(ctx);
-    bool const opened = walk.Open(p12, psw, pswLen);
-    PKCS12_free(p12);
+    bool const opened = walk.Open(p12.get(), psw, pswLen);
+    p12.reset();
     X509* const x509 = opened ? walk.Certificate() : nullptr;
     if (x509 == nullptr)
         return false;
 
-    OsslBuffer keyDer(true);
-    OsslBuffer certDer(false);
-    PKCS8_PRIV_KEY_INFO* p8 = EVP_PKEY2PKCS8(walk.Key());
-    bool const ok = p8 != nullptr &&
-                    (keyDer.len_ = i2d_PKCS8_PRIV_KEY_INFO(p8, keyDer.Out())) > 0 &&
-                    (certDer.len_ = i2d_X509(x509, certDer.Out())) > 0;
-    PKCS8_PRIV_KEY_INFO_free(p8);
-    if (!ok)
+    Pkcs8Ptr const p8(EVP_PKEY2PKCS8(walk.Key()));
+    if (p8 == nullptr)
+        return false;
+    WipedBuffer keyDer = EncodePrivateKey(p8.get());
+    if (keyDer.Size() == 0)
+        return false;
+    int certLen = 0;
+    OsslBytesPtr const certDer = EncodeCertificate(x509, certLen);
+    if (certLen <= 0)
         return false;
     out.Wipe();
-    out.cert.assign(certDer.Data(), certDer.Data() + certDer.len_);
-    out.key.assign(keyDer.Data(), keyDer.Data() + keyDer.len_);
+    out.cert.assign(certDer.get(), certDer.get() + certLen);
+    out.key = std::move(keyDer);
     return true;
 }
 
@@ -466,22 +452,20 @@ struct BundleId {
 
     void Compute(OSSL_LIB_CTX* ctx, unsigned char const* pfx, int pfxLen, char const* psw,
                  size_t pswLen, bool legacy) {
-        EVP_MD* md = EVP_MD_fetch(ctx, "SHA2-256", nullptr);
-        EVP_MD_CTX* mdCtx = md != nullptr ? EVP_MD_CTX_new() : nullptr;
-        auto const field = [mdCtx](void const* data, size_t len) {
+        EvpMdPtr const md(EVP_MD_fetch(ctx, "SHA2-256", nullptr));
+        EvpMdCtxPtr const mdCtx(md != nullptr ? EVP_MD_CTX_new() : nullptr);
+        auto const field = [&mdCtx](void const* data, size_t len) {
             unsigned char prefix[8];
             for (int i = 0; i < 8; ++i)
                 prefix[i] = static_cast<unsigned char>(static_cast<uint64_t>(len) >> (56 - 8 * i));
-            return EVP_DigestUpdate(mdCtx, prefix, sizeof prefix) == 1 &&
-                   EVP_DigestUpdate(mdCtx, data, len) == 1;
+            return EVP_DigestUpdate(mdCtx.get(), prefix, sizeof prefix) == 1 &&
+                   EVP_DigestUpdate(mdCtx.get(), data, len) == 1;
         };
         unsigned char const flag = legacy ? 1 : 0;
         unsigned int len = 0;
-        valid = mdCtx != nullptr && EVP_DigestInit_ex2(mdCtx, md, nullptr) == 1 &&
+        valid = mdCtx != nullptr && EVP_DigestInit_ex2(mdCtx.get(), md.get(), nullptr) == 1 &&
                 field(pfx, static_cast<size_t>(pfxLen)) && field(psw, pswLen) && field(&flag, 1) &&
-                EVP_DigestFinal_ex(mdCtx, bytes, &len) == 1 && len == sizeof bytes;
-        EVP_MD_CTX_free(mdCtx);
-        EVP_MD_free(md);
+                EVP_DigestFinal_ex(mdCtx.get(), bytes, &len) == 1 && len == sizeof bytes;
     }
 };
 
@@ -510,7 +494,7 @@ class OpenedSlot {
         Clear();
         std::memcpy(id_, id.bytes, sizeof id_);
         bundle_.cert.swap(bundle.cert);
-        bundle_.key.swap(bundle.key);
+        bundle_.key = std::move(bundle.key);
         full_ = id.valid;
     }
 
@@ -559,7 +543,7 @@ bool GetKeyFromPfx(unsigned char const* pfx, int pfxLen, char const* psw, unsign
     OpenedBundle const& opened = slot.Holds(id) ? slot.Bundle() : fresh;
 
     auto const certNeed = static_cast<unsigned int>(opened.cert.size());
-    auto const keyNeed = static_cast<unsigned int>(opened.key.size());
+    auto const keyNeed = static_cast<unsigned int>(opened.key.Size());
     if (sizeQuery) {
         certLen = certNeed;
         keyLen = keyNeed;
@@ -568,7 +552,7 @@ bool GetKeyFromPfx(unsigned char const* pfx, int pfxLen, char const* psw, unsign
     bool const fits = certLen >= certNeed && keyLen >= keyNeed;
     if (fits) {
         std::memcpy(cert, opened.cert.data(), certNeed);
-        std::memcpy(key, opened.key.data(), keyNeed);
+        std::memcpy(key, opened.key.Data(), keyNeed);
         certLen = certNeed;
         keyLen = keyNeed;
     }
@@ -586,16 +570,14 @@ bool IsProtectedKey(unsigned char const* der, unsigned int len) {
         return false;
     ErrorScope errors;
     unsigned char const* p = der;
-    X509_SIG* sig = d2i_X509_SIG(nullptr, &p, static_cast<long>(len));
+    X509SigPtr const sig(d2i_X509_SIG(nullptr, &p, static_cast<long>(len)));
     if (sig == nullptr)
         return false;
     X509_ALGOR const* alg = nullptr;
     ASN1_OCTET_STRING const* encrypted = nullptr;
-    X509_SIG_get0(sig, &alg, &encrypted);
-    bool const ok = p == der + len && PbeIterations(alg) > 0 && encrypted != nullptr &&
-                    ASN1_STRING_length(encrypted) > 0;
-    X509_SIG_free(sig);
-    return ok;
+    X509_SIG_get0(sig.get(), &alg, &encrypted);
+    return p == der + len && PbeIterations(alg) > 0 && encrypted != nullptr &&
+           ASN1_STRING_length(encrypted) > 0;
 }
 
 bool GetCertInfo(unsigned char const* cert, int certLen, tagCERT& info) {
@@ -607,20 +589,18 @@ bool GetCertInfo(unsigned char const* cert, int certLen, tagCERT& info) {
         return false;
     ErrorScope errors;
 
-    X509* x509 = X509_new_ex(ctx, nullptr);
+    X509Ptr x509(X509_new_ex(ctx, nullptr));
     if (x509 == nullptr)
         return false;
     unsigned char const* p = cert;
-    if (d2i_X509(&x509, &p, certLen) == nullptr) {
-        X509_free(x509);  // null after a failed decode
+    if (!DecodeInto(x509, [&](X509** object) { return d2i_X509(object, &p, certLen); }))
         return false;
-    }
 
     char* const out = info.subject;
     size_t const cap = sizeof info.subject;
     size_t used = 0;
     bool ok = true;
-    X509_NAME const* name = X509_get_subject_name(x509);
+    X509_NAME const* name = X509_get_subject_name(x509.get());
     int const count = X509_NAME_entry_count(name);
     for (int i = 0; ok && i < count; ++i) {
         X509_NAME_ENTRY const* entry = X509_NAME_get_entry(name, i);
@@ -638,17 +618,17 @@ bool GetCertInfo(unsigned char const* cert, int certLen, tagCERT& info) {
             }
             type = oid;
         }
-        unsigned char* value = nullptr;
-        int const valueLen = ASN1_STRING_to_UTF8(&value, X509_NAME_ENTRY_get_data(entry));
+        unsigned char* utf8 = nullptr;
+        int const valueLen = ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(entry));
+        OsslBytesPtr const value(utf8);
         // A value with a NUL inside would read as something else; such a subject is refused.
-        ok = valueLen >= 0 && std::memchr(value, '\0', static_cast<size_t>(valueLen)) == nullptr &&
+        ok = valueLen >= 0 &&
+             std::memchr(value.get(), '\0', static_cast<size_t>(valueLen)) == nullptr &&
              (i == 0 || Append(out, cap, used, "\n", 1)) &&
              Append(out, cap, used, type, std::strlen(type)) && Append(out, cap, used, "=", 1) &&
-             Append(out, cap, used, reinterpret_cast<char const*>(value),
+             Append(out, cap, used, reinterpret_cast<char const*>(value.get()),
                     static_cast<size_t>(valueLen));
-        OPENSSL_free(value);
     }
-    X509_free(x509);
     if (!ok)
         std::memset(&info, 0, sizeof info);
     return ok;
@@ -667,43 +647,37 @@ bool Convert2Key(unsigned char const* key, unsigned int keyLen, char const* psw,
         return false;
     ErrorScope errors;
 
-    PKCS8_PRIV_KEY_INFO* p8 = ParsePrivateKey(key, static_cast<long>(keyLen), ctx);
+    Pkcs8Ptr const p8 = ParsePrivateKey(key, static_cast<long>(keyLen), ctx);
     if (p8 == nullptr)
         return false;
     if (out == nullptr) {
-        PKCS8_PRIV_KEY_INFO_free(p8);
         outLen = keyLen + kEncryptOverhead;
         return true;
     }
 
     // Fresh random salt and IV for every conversion, so equal keys under equal passwords never
     // store alike.
-    X509_SIG* sig = nullptr;
-    EVP_CIPHER* cipher = EVP_CIPHER_fetch(ctx, "AES-256-CBC", nullptr);
-    X509_ALGOR* pbe = cipher == nullptr
-                          ? nullptr
-                          : PKCS5_pbe2_set_iv_ex(cipher, kPbkdf2Iterations, nullptr, kSaltLen,
-                                                 nullptr, NID_hmacWithSHA256, ctx);
-    if (pbe != nullptr) {
-        sig = PKCS8_set0_pbe_ex(psw, static_cast<int>(pswLen), p8, pbe, ctx, nullptr);
-        if (sig == nullptr)
-            X509_ALGOR_free(pbe);  // only taken over on success
-    }
-    EVP_CIPHER_free(cipher);
-    PKCS8_PRIV_KEY_INFO_free(p8);
+    EvpCipherPtr const cipher(EVP_CIPHER_fetch(ctx, "AES-256-CBC", nullptr));
+    if (cipher == nullptr)
+        return false;
+    X509AlgorPtr pbe(PKCS5_pbe2_set_iv_ex(cipher.get(), kPbkdf2Iterations, nullptr, kSaltLen,
+                                          nullptr, NID_hmacWithSHA256, ctx));
+    if (pbe == nullptr)
+        return false;
+    X509SigPtr const sig(
+        PKCS8_set0_pbe_ex(psw, static_cast<int>(pswLen), p8.get(), pbe.get(), ctx, nullptr));
     if (sig == nullptr)
         return false;
+    pbe.release();  // taken over by sig, which it now describes; only on success
 
-    int const need = i2d_X509_SIG(sig, nullptr);
-    bool ok = need > 0 && static_cast<unsigned int>(need) <= outLen;
-    if (ok) {
-        unsigned char* q = out;
-        ok = i2d_X509_SIG(sig, &q) == need;
-        if (ok)
-            outLen = static_cast<unsigned int>(need);
-    }
-    X509_SIG_free(sig);
-    return ok;
+    int const need = i2d_X509_SIG(sig.get(), nullptr);
+    if (need <= 0 || static_cast<unsigned int>(need) > outLen)
+        return false;
+    unsigned char* q = out;
+    if (i2d_X509_SIG(sig.get(), &q) != need)
+        return false;
+    outLen = static_cast<unsigned int>(need);
+    return true;
 }
 
 unsigned char DecryptKey(unsigned char* data, unsigned int& len, char const* psw) {
@@ -718,26 +692,23 @@ unsigned char DecryptKey(unsigned char* data, unsigned int& len, char const* psw
     ErrorScope errors;
 
     unsigned char const* p = data;
-    X509_SIG* sig = d2i_X509_SIG(nullptr, &p, static_cast<long>(len));
+    X509SigPtr const sig(d2i_X509_SIG(nullptr, &p, static_cast<long>(len)));
     if (sig == nullptr)
         return 1;
     X509_ALGOR const* alg = nullptr;
-    X509_SIG_get0(sig, &alg, nullptr);
-    bool const whole = p == data + len && PbeIterations(alg) > 0;
+    X509_SIG_get0(sig.get(), &alg, nullptr);
+    if (p != data + len || PbeIterations(alg) <= 0)
+        return 1;
     // CBC padding alone lets a wrong password through now and then; the plaintext must then
     // still parse as a private key structure, which garbage does not.
-    PKCS8_PRIV_KEY_INFO* p8 =
-        whole ? PKCS8_decrypt_ex(sig, psw, static_cast<int>(pswLen), ctx, nullptr) : nullptr;
-    X509_SIG_free(sig);
+    Pkcs8Ptr const p8(PKCS8_decrypt_ex(sig.get(), psw, static_cast<int>(pswLen), ctx, nullptr));
     if (p8 == nullptr)
         return 1;
 
-    OsslBuffer plain(true);
-    plain.len_ = i2d_PKCS8_PRIV_KEY_INFO(p8, plain.Out());
-    PKCS8_PRIV_KEY_INFO_free(p8);
-    if (plain.len_ <= 0 || static_cast<unsigned int>(plain.len_) > len)
+    WipedBuffer const plain = EncodePrivateKey(p8.get());
+    if (plain.Size() == 0 || plain.Size() > len)
         return 1;
-    std::memcpy(data, plain.Data(), static_cast<size_t>(plain.len_));
-    len = static_cast<unsigned int>(plain.len_);
+    std::memcpy(data, plain.Data(), plain.Size());
+    len = static_cast<unsigned int>(plain.Size());
     return 0;
 }
