@@ -1,10 +1,8 @@
 // The hardened directory link on real servers started by the test: StartTLS, LDAPS, a server
 // that refuses clear binds, a wrong CA, bounded waits, failover and recovery after a restart.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -96,80 +94,36 @@ std::string Hosted(Server&, int port) {
     return "host=127.0.0.1\nport=" + std::to_string(port) + "\n";
 }
 
-TEST(Link, StartTlsAndLdapsConnectBindAndCarryKeys) {
-    Server server("--tls");
-    ASSERT_FALSE(server.Env("LDAPS_PORT").empty());
-    std::string ca = "tls_cacert=" + server.Env("LDAP_TLS_CACERT") + "\n";
-
-    Config startTls(Hosted(server, server.Port()) + "tls=starttls\n" + ca);
-    std::unique_ptr<CLdap> a(startTls.Make());
-    ASSERT_EQ(0, a->ConnectLdap());
-    WriteAndRead(*a, "Over StartTLS");
-
-    Config ldaps(Hosted(server, std::atoi(server.Env("LDAPS_PORT").c_str())) + "tls=ldaps\n" + ca);
-    std::unique_ptr<CLdap> b(ldaps.Make());
-    ASSERT_EQ(0, b->ConnectLdap());
-    WriteAndRead(*b, "Over LDAPS");
-}
-
-TEST(Link, ClearBindsAreRefusedWhereTheServerDemandsTlsAndAWrongCaNeverBinds) {
-    Server server("--require-tls");
-    Config clear(Hosted(server, server.Port()));
-    std::unique_ptr<CLdap> plain(clear.Make());
-    EXPECT_EQ(QORLDAP_E_FAILED, plain->ConnectLdap());
-
-    std::string ca = "tls_cacert=" + server.Env("LDAP_TLS_CACERT") + "\n";
-    Config tls(Hosted(server, server.Port()) + "tls=starttls\n" + ca);
-    std::unique_ptr<CLdap> secured(tls.Make());
-    EXPECT_EQ(0, secured->ConnectLdap());
-
-    // A CA the server's certificate does not chain to: StartTLS fails and nothing is bound.
+// StartTLS and LDAPS bind and carry keys; a server that demands TLS refuses a clear bind; a CA the
+// server's certificate does not chain to never binds.
+TEST(Link, TlsBindsOnlyOverAVerifiedLink) {
+    Server server("--tls --require-tls");
+    int const ldaps = std::atoi(server.Env("LDAPS_PORT").c_str());
+    ASSERT_NE(0, ldaps);
     ScratchDir other;
     qortest::Run("cd '" + other.Path() +
                  "' && openssl req -x509 -newkey rsa:2048 -nodes -keyout k -out ca.crt -days 1"
                  " -subj /CN=Other >/dev/null 2>&1");
-    Config wrong(Hosted(server, server.Port()) +
-                 "tls=starttls\ntls_cacert=" + other.File("ca.crt") + "\n");
-    std::unique_ptr<CLdap> refused(wrong.Make());
-    EXPECT_EQ(QORLDAP_E_FAILED, refused->ConnectLdap());
-    Config wrongLdaps(Hosted(server, std::atoi(server.Env("LDAPS_PORT").c_str())) +
-                      "tls=ldaps\ntls_cacert=" + other.File("ca.crt") + "\n");
-    std::unique_ptr<CLdap> refused2(wrongLdaps.Make());
-    EXPECT_EQ(QORLDAP_E_FAILED, refused2->ConnectLdap());
-}
-
-// A socket that accepts connections into its backlog and never answers.
-class SilentListener {
-  public:
-    SilentListener() {
-        fd_ = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr = {};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-        listen(fd_, 8);
-        socklen_t len = sizeof addr;
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
-        port_ = ntohs(addr.sin_port);
+    std::string const ca = "tls_cacert=" + server.Env("LDAP_TLS_CACERT") + "\n";
+    std::string const wrong = "tls_cacert=" + other.File("ca.crt") + "\n";
+    struct Case {
+        int port;
+        std::string keys;
+        int rc;
+    } const cases[] = {
+        {server.Port(), "tls=starttls\n" + ca, 0},
+        {ldaps, "tls=ldaps\n" + ca, 0},
+        {server.Port(), "", QORLDAP_E_FAILED},
+        {server.Port(), "tls=starttls\n" + wrong, QORLDAP_E_FAILED},
+        {ldaps, "tls=ldaps\n" + wrong, QORLDAP_E_FAILED},
+    };
+    for (Case const& c : cases) {
+        Config config(Hosted(server, c.port) + c.keys);
+        std::unique_ptr<CLdap> ldap(config.Make());
+        EXPECT_EQ(c.rc, ldap->ConnectLdap()) << c.keys;
+        if (c.rc == 0)
+            WriteAndRead(*ldap, "Over " + std::to_string(c.port));
     }
-    ~SilentListener() { close(fd_); }
-    int Port() const { return port_; }
-
-  private:
-    int fd_ = -1;
-    int port_ = 0;
-};
-
-TEST(Link, ATimeoutBoundsTheWaitForASilentServer) {
-    SilentListener silent;
-    Config config("host=127.0.0.1\nport=" + std::to_string(silent.Port()) + "\ntimeout=2\n");
-    std::unique_ptr<CLdap> ldap(config.Make());
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(QORLDAP_E_FAILED, ldap->ConnectLdap());
-    double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    std::printf("connect to a silent server with timeout=2 returned after %.2f s\n", seconds);
-    EXPECT_LT(seconds, 4.0);  // the bound plus a little; without a timeout it would never return
 }
 
 // Stops a server (SIGSTOP: it keeps its port and accepts connections, but answers nothing)
@@ -290,13 +244,8 @@ TEST(SharedEngine, SixteenThreadsEachReturnWithinTwiceTheTimeout) {
 
 TEST(Link, TheSecondHostOfTheListTakesOverWhenTheFirstIsDown) {
     Server server("");
-    int closedPort = 0;
-    {
-        SilentListener placeholder;  // a port that was just ours and is closed again
-        closedPort = placeholder.Port();
-    }
-    Config config("host=127.0.0.1:" + std::to_string(closedPort) +
-                  " 127.0.0.1:" + std::to_string(server.Port()) + "\nport=389\n");
+    // Nothing listens on port 1 of the loopback address.
+    Config config("host=127.0.0.1:1 127.0.0.1:" + std::to_string(server.Port()) + "\nport=389\n");
     std::unique_ptr<CLdap> ldap(config.Make());
     EXPECT_EQ(0, ldap->ConnectLdap());
     WriteAndRead(*ldap, "Failover");

@@ -22,7 +22,7 @@ trap '"$directory" stop --dir "$dir" >&2 || true' EXIT
 "$directory" start --dir "$dir" --nosync >&2
 # shellcheck source=/dev/null
 set -a && . "$dir/env" && set +a
-export QORLDAP_TEST_DIR=$dir
+export QORLDAP_TEST_DIR=$dir QORLDAP_SOURCE_DIR=$root
 
 echo "==> running $binary"
 status=0
