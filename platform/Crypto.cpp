@@ -699,10 +699,11 @@ unsigned char DecryptKey(unsigned char* data, unsigned int& len, char const* psw
     X509_SIG_get0(sig.get(), &alg, nullptr);
     if (p != data + len || PbeIterations(alg) <= 0)
         return 1;
-    // CBC padding alone lets a wrong password through now and then; the plaintext must then
-    // still parse as a private key structure, which garbage does not.
+    // CBC padding alone lets a wrong password through now and then, and a damaged IV garbles
+    // only the first block; the plaintext must then still make a usable private key, which
+    // garbage does not. So a key that opens here can always be protected again.
     Pkcs8Ptr const p8(PKCS8_decrypt_ex(sig.get(), psw, static_cast<int>(pswLen), ctx, nullptr));
-    if (p8 == nullptr)
+    if (p8 == nullptr || EvpPkeyPtr(EVP_PKCS82PKEY_ex(p8.get(), ctx, nullptr)) == nullptr)
         return 1;
 
     WipedBuffer const plain = EncodePrivateKey(p8.get());

@@ -53,7 +53,9 @@ if [ "$check_only" = 0 ]; then
     work=${work:-$(mktemp -d /tmp/qorldap-mutate.XXXXXX)}
     src=$work/src
     rm -rf "$src" && mkdir -p "$src"
-    (cd "$root" && git ls-files -co --exclude-standard -z | xargs -0 tar cf - 2>/dev/null) | tar xf - -C "$src"
+    # Files deleted in the working tree but not yet in git are left out.
+    (cd "$root" && git ls-files -co --exclude-standard | grep -vxF -f <(git ls-files -d; echo /) |
+        tr '\n' '\0' | xargs -0 tar cf -) | tar xf - -C "$src"
     ln -sfn "$root/../shared" "$work/shared" 2>/dev/null || true
     echo "==> building a copy in $work"
     cmake -S "$src" -B "$work/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
