@@ -158,14 +158,12 @@ class Frozen {
     pid_t pid_;
 };
 
-double Seconds(std::chrono::steady_clock::time_point since) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
-}
-
-TEST(Link, WithReconnectATimedOutCallMovesTheEngineToTheNextHost) {
+// A host that is down (nothing listens on port 1) is passed over by libldap itself; one that has
+// stopped answering is passed over by the redial that follows a timed-out call.
+TEST(Link, AHostListFailsOverFromADeadAndFromAHungServer) {
     Server a("");
     Server b("");
-    Config config("host=127.0.0.1:" + std::to_string(a.Port()) +
+    Config config("host=127.0.0.1:1 127.0.0.1:" + std::to_string(a.Port()) +
                   " 127.0.0.1:" + std::to_string(b.Port()) + "\nreconnect=yes\ntimeout=1\n");
     std::unique_ptr<CLdap> ldap(config.Make());
     ASSERT_EQ(0, ldap->ConnectLdap());
@@ -173,7 +171,9 @@ TEST(Link, WithReconnectATimedOutCallMovesTheEngineToTheNextHost) {
     Frozen hung(a.Pid());
     tagDN* list = nullptr;
     int count = 0;
-    // The call that meets the silent server returns its timeout; the next one dials B.
+    // The call that meets A returns its timeout; the redial starting at A times out too; the
+    // next one starts at B.
+    EXPECT_NE(0, ldap->SelectLdap("o=root", nullptr, list, count));
     EXPECT_NE(0, ldap->SelectLdap("o=root", nullptr, list, count));
     WriteAndRead(*ldap, "On B");
 }
@@ -223,9 +223,9 @@ TEST(SharedEngine, SixteenThreadsEachReturnWithinTwiceTheTimeout) {
                     unsigned int length = 0;
                     auto start = std::chrono::steady_clock::now();
                     int rc = GetSignPublicKey("cn=nobody,ou=none,o=root", key, length);
-                    double took = Seconds(start);
+                    std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
                     std::lock_guard<std::mutex> guard(lock);
-                    worst = std::max(worst, took);
+                    worst = std::max(worst, took.count());
                     failed += rc != 0;
                 }
             });
@@ -240,15 +240,6 @@ TEST(SharedEngine, SixteenThreadsEachReturnWithinTwiceTheTimeout) {
     EXPECT_EQ(48, failed);
     // One call's own timeout, plus the one in flight when it queued (plus a redial's).
     EXPECT_LT(worst, 2.5);
-}
-
-TEST(Link, TheSecondHostOfTheListTakesOverWhenTheFirstIsDown) {
-    Server server("");
-    // Nothing listens on port 1 of the loopback address.
-    Config config("host=127.0.0.1:1 127.0.0.1:" + std::to_string(server.Port()) + "\nport=389\n");
-    std::unique_ptr<CLdap> ldap(config.Make());
-    EXPECT_EQ(0, ldap->ConnectLdap());
-    WriteAndRead(*ldap, "Failover");
 }
 
 TEST(Link, WithReconnectAnEngineRecoversFromARestartedServer) {
