@@ -5,7 +5,6 @@
 
 #include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
 #define FAKE_LDAP_API __attribute__((visibility("default")))
@@ -26,11 +25,7 @@ struct State {
     int errors = 0;                    // misuses
 
     // A new log, and the entries and failures of the next calls.
-    void Reset(std::vector<Entry> next = {}, Fails nextFails = {}) {
-        log.clear();
-        entries = std::move(next);
-        fails = std::move(nextFails);
-    }
+    void Reset(std::vector<Entry> e = {}, Fails f = {}) { log.clear(), entries = e, fails = f; }
 };
 
 FAKE_LDAP_API State& Fake();

@@ -31,32 +31,28 @@ std::string Value(int kind, int thread, int round) {
     return value;
 }
 
-// One thread's rounds: round 0 writes both certificates, each later round one of them in turn.
-// The first thing that went wrong, or "".
+// One thread's rounds: write both certificates, then read both back through reader (the shared
+// engine when null). The first thing that went wrong, or "".
 std::string RunThread(CLdap& writer, CLdap* reader, std::string const& dn, int thread) {
-    std::string last[2];
-    for (int round = 0, rounds = Rounds(); round <= rounds; ++round) {
+    for (int round = 0, rounds = Rounds(); round < rounds; ++round) {
         for (int kind : {0, 1}) {
-            if (round > 0 && kind != round % 2)
-                continue;
-            last[kind] = Value(kind, thread, round);
+            std::string const value = Value(kind, thread, round);
             auto put = kind == 0 ? &CLdap::ModifySignPublicKey : &CLdap::ModifyCryptPublicKey;
-            if (int rc = (writer.*put)(dn.c_str(),
-                                       reinterpret_cast<unsigned char const*>(last[kind].data()),
-                                       unsigned(last[kind].size())))
+            auto const* bytes = reinterpret_cast<unsigned char const*>(value.data());
+            if (int rc = (writer.*put)(dn.c_str(), bytes, unsigned(value.size())))
                 return "write returned " + std::to_string(rc);
         }
         for (int kind : {0, 1}) {
             unsigned char* key = nullptr;
             unsigned int length = 0;
-            int rc = reader == nullptr ? (kind == 0 ? GetSignPublicKey : GetCryptPublicKey)(
-                                             dn.c_str(), key, length)
-                     : kind == 0 ? reader->GetSignPublicKey(dn.c_str(), key, length)
-                                 : reader->GetCryptPublicKey(dn.c_str(), key, length);
+            int rc = reader == nullptr
+                         ? (kind ? GetCryptPublicKey : GetSignPublicKey)(dn.c_str(), key, length)
+                     : kind ? reader->GetCryptPublicKey(dn.c_str(), key, length)
+                            : reader->GetSignPublicKey(dn.c_str(), key, length);
             std::string got =
                 key != nullptr ? std::string(reinterpret_cast<char*>(key), length) : "";
             reader != nullptr ? reader->FreeKey(key) : FreeKey(key);
-            if (rc != 0 || got != last[kind])
+            if (rc != 0 || got != Value(kind, thread, round))
                 return "round " + std::to_string(round) + ": read " + std::to_string(rc) +
                        ", not the last value written";
         }
@@ -64,49 +60,44 @@ std::string RunThread(CLdap& writer, CLdap* reader, std::string const& dn, int t
     return "";
 }
 
+// Runs work(i) on n threads released at once.
+template <typename Work>
+void AtOnce(int n, Work work) {
+    std::promise<void> go;
+    std::shared_future<void> started = go.get_future().share();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < n; ++i)
+        threads.emplace_back([&, i] { started.wait(), work(i); });
+    go.set_value();
+    for (std::thread& t : threads)
+        t.join();
+}
+
 TEST(Stress, SharedEngineAndOwnEnginesReadBackTheirLastWritesUnderLoad) {
     qortest::Directory dir;
     ASSERT_TRUE(dir.Ready()) << "no test directory (QORLDAP_TEST_DIR)";
     CLdap setup;
     ASSERT_EQ(0, setup.ConnectLdap());
-    std::promise<void> go;
-    std::shared_future<void> started = go.get_future().share();
-    std::vector<std::string> errors(16);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 16; ++i) {
-        std::string dn =
-            qortest::MakeUser(setup, dir.Base(), "StressUnit", "u" + std::to_string(i));
-        threads.emplace_back([&, i, dn] {
-            CLdap own;
-            started.wait();
-            errors[i] = RunThread(own, i % 2 == 1 ? &own : nullptr, dn, i);
-        });
-    }
-    go.set_value();
-    for (std::thread& t : threads)
-        t.join();
+    std::vector<std::string> dns, errors(16);
+    for (int i = 0; i < 16; ++i)
+        dns.push_back(qortest::MakeUser(setup, dir.Base(), "StressUnit", "u" + std::to_string(i)));
+    AtOnce(16, [&](int i) {
+        CLdap own;
+        errors[i] = RunThread(own, i % 2 == 1 ? &own : nullptr, dns[i], i);
+    });
     for (int i = 0; i < 16; ++i)
         EXPECT_EQ("", errors[i]) << (i % 2 ? "CLdap thread " : "free-function thread ") << i;
 }
 
-// Eight threads released at once onto the first connections of a process in which nothing has
-// touched the client library yet; exits 0 when every ConnectLdap returned 0. With own, the odd
-// threads connect engines of their own, so that first connections of different engines race.
+// First connections of a process in which nothing has touched the client library yet, on eight
+// threads at once; exits 0 when every ConnectLdap returned 0. With own, the odd threads connect
+// engines of their own, so that first connections of different engines race too.
 void FirstConnectionsAtOnce(bool own) {
-    std::promise<void> go;
-    std::shared_future<void> started = go.get_future().share();
     std::vector<int> codes(8, -1);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i) {
-        threads.emplace_back([&, i] {
-            CLdap mine;
-            started.wait();
-            codes[i] = own && i % 2 == 1 ? mine.ConnectLdap() : ConnectLdap();
-        });
-    }
-    go.set_value();
-    for (std::thread& t : threads)
-        t.join();
+    AtOnce(8, [&](int i) {
+        CLdap mine;
+        codes[i] = own && i % 2 == 1 ? mine.ConnectLdap() : ConnectLdap();
+    });
     for (int code : codes)
         if (code != 0)
             std::exit(1);

@@ -1,5 +1,5 @@
 // The real directory started for the test run (scripts/directory), read from its env file, and
-// an independent client (the ldap command-line tools) to check what the library wrote.
+// an independent client (ldapsearch) to check what the library wrote.
 #ifndef QORLDAP_TESTS_DIRECTORY_H
 #define QORLDAP_TESTS_DIRECTORY_H
 
@@ -12,8 +12,7 @@
 
 namespace qortest {
 
-class Directory {
-  public:
+struct Directory {
     bool Ready() const { return !Var("LDAP_URI").empty(); }
     // A variable of the env file that scripts/directory wrote, read by the shell.
     std::string Var(std::string const& name) const {
@@ -26,28 +25,14 @@ class Directory {
     // The raw values of one attribute of one entry, read by ldapsearch into files.
     std::vector<std::string> Values(std::string const& dn, std::string const& attr) const {
         ScratchDir tmp;
-        std::istringstream files(Run("ldapsearch -LLL -o ldif-wrap=no -tt -T '" + tmp.Path() + "'" +
-                                     Bind() + " -b '" + dn + "' -s base '(objectClass=*)' '" +
-                                     attr + "' 2>/dev/null | sed -n 's|^[^:]*:< file://||p'"));
+        std::istringstream files(Run("ldapsearch -LLL -o ldif-wrap=no -tt -T '" + tmp.Path() +
+                                     "' -x -H '" + Var("LDAP_URI") + "' -b '" + dn +
+                                     "' -s base '(objectClass=*)' '" + attr +
+                                     "' 2>/dev/null | sed -n 's|^[^:]*:< file://||p'"));
         std::vector<std::string> values;
         for (std::string file; std::getline(files, file);)
             values.push_back(ReadFile(file));
         return values;
-    }
-
-    // Adds entries from LDIF text with ldapadd; returns its exit status.
-    int Add(std::string const& ldif) const {
-        ScratchDir tmp;
-        int status = 0;
-        Run("ldapadd -c" + Bind() + " -f '" + tmp.Write("add.ldif", ldif) + "' >/dev/null 2>&1",
-            &status);
-        return status;
-    }
-
-  private:
-    std::string Bind() const {
-        return " -x -H '" + Var("LDAP_URI") + "' -D '" + Var("LDAP_BINDDN") + "' -w '" +
-               Var("LDAP_BINDPW") + "'";
     }
 };
 

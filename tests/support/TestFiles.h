@@ -32,10 +32,8 @@ inline std::string ReadFile(std::string const& path) {
 
 class ScratchDir {
   public:
-    ScratchDir() {
-        char pattern[] = "/tmp/qorldap-test-XXXXXX";
-        path_ = mkdtemp(pattern) != nullptr ? pattern : "";  // rm -rf '' removes nothing
-    }
+    // An empty path when none was made: rm -rf '' removes nothing.
+    ScratchDir() { path_ = mkdtemp(&path_[0]) != nullptr ? path_ : ""; }
     ~ScratchDir() { Run("rm -rf '" + path_ + "'"); }
     ScratchDir(ScratchDir const&) = delete;
     ScratchDir& operator=(ScratchDir const&) = delete;
@@ -48,23 +46,15 @@ class ScratchDir {
     }
 
   private:
-    std::string path_;
+    std::string path_ = "/tmp/qorldap-test-XXXXXX";
 };
 
 // Points the INI reader at a folder for the life of the object.
-class ConfDir {
-  public:
-    explicit ConfDir(std::string const& dir) : had_(getenv("QORLDAP_CONF_DIR") != nullptr) {
-        old_ = had_ ? getenv("QORLDAP_CONF_DIR") : "";
-        setenv("QORLDAP_CONF_DIR", dir.c_str(), 1);
-    }
-    ~ConfDir() {
-        had_ ? setenv("QORLDAP_CONF_DIR", old_.c_str(), 1) : unsetenv("QORLDAP_CONF_DIR");
-    }
-
-  private:
-    bool had_;
-    std::string old_;
+struct ConfDir {
+    char const* const was = getenv("QORLDAP_CONF_DIR");
+    std::string const old = was != nullptr ? was : "";
+    explicit ConfDir(std::string const& dir) { setenv("QORLDAP_CONF_DIR", dir.c_str(), 1); }
+    ~ConfDir() { was ? setenv("QORLDAP_CONF_DIR", old.c_str(), 1) : unsetenv("QORLDAP_CONF_DIR"); }
 };
 
 }  // namespace qortest

@@ -60,10 +60,9 @@ fails_to_open() { ! opens "$@"; }
 same_file() { cmp -s "$1" "$2"; }
 # The value of attr in the entry dn, as ldapsearch sees it (base64 values decoded).
 stored_value() {
-    ldapsearch -x -LLL -o ldif-wrap=no -H "$LDAP_URI" -b "$1" -s base '(objectClass=*)' "$2" 2>/dev/null |
-        sed -n "s/^$2:: //Ip" | base64 -d
-    ldapsearch -x -LLL -o ldif-wrap=no -H "$LDAP_URI" -b "$1" -s base '(objectClass=*)' "$2" 2>/dev/null |
-        sed -n "s/^$2: //Ip" | tr -d '\n'
+    ldapsearch -x -LLL -o ldif-wrap=no -H "$LDAP_URI" -b "$1" -s base '(objectClass=*)' "$2" >ldif 2>/dev/null
+    sed -n "s/^$2:: //Ip" ldif | base64 -d
+    sed -n "s/^$2: //Ip" ldif | tr -d '\n'
 }
 
 # --- a directory, a CA and three users -----------------------------------------------------
@@ -73,30 +72,19 @@ conf=$tmp/dir/conf
 LDAP_URI=$(sed -n 's/^LDAP_URI=//p' "$tmp/dir/env")
 LDAP_PORT=$(sed -n 's/^LDAP_PORT=//p' "$tmp/dir/env")
 cd "$tmp" || exit 1
-make_user() {  # name, subject, key algorithm options...
+make_user() {  # name, subject, key algorithm options...: a key, a certificate and a bundle
     local name=$1 subject=$2
     shift 2
-    openssl genpkey "$@" -out "$name.key" &&
-        openssl req -new -key "$name.key" -subj "$subject" -out "$name.csr" &&
-        openssl x509 -req -in "$name.csr" -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 \
-            -out "$name.pem" &&
-        openssl x509 -in "$name.pem" -outform DER -out "$name.der" &&
-        openssl pkcs12 -export -inkey "$name.key" -in "$name.pem" -out "$name.p12" \
-            -passout pass:bundle-pw
+    openssl genpkey "$@" -out "$name.key" && openssl req -new -key "$name.key" -subj "$subject" |
+        openssl x509 -req -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -out "$name.pem" &&
+        openssl x509 -in "$name.pem" -outform DER -out "$name.der" && openssl pkcs12 -export \
+        -inkey "$name.key" -in "$name.pem" -out "$name.p12" -passout pass:bundle-pw
 }
-if ! {
-    openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2 \
-        -subj "/C=CN/O=Acme/CN=Tool Test CA" &&
-        make_user li "/C=CN/O=Acme/OU=Sales/CN=Li Lei" -algorithm RSA -pkeyopt rsa_keygen_bits:2048 &&
-        make_user wang "/C=CN/O=Acme/OU=Research/CN=Wang Fang" -algorithm EC \
-            -pkeyopt ec_paramgen_curve:SM2 &&
-        make_user zhao "/C=CN/O=Acme/OU=Sales/CN=Zhao Min" -algorithm EC \
-            -pkeyopt ec_paramgen_curve:P-256
-} >"$tmp/openssl.log" 2>&1; then
-    cat "$tmp/openssl.log"
-    echo "0 passed, 1 failed"
-    exit 1
-fi
+{ openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2 -subj "/CN=Test CA" &&
+    make_user li "/C=CN/O=Acme/OU=Sales/CN=Li Lei" -algorithm RSA &&
+    make_user wang "/C=CN/O=Acme/OU=Research/CN=Wang Fang" -algorithm EC -pkeyopt ec_paramgen_curve:SM2 &&
+    make_user zhao "/C=CN/O=Acme/OU=Sales/CN=Zhao Min" -algorithm EC -pkeyopt ec_paramgen_curve:P-256
+} >"$tmp/openssl.log" 2>&1 || { cat "$tmp/openssl.log"; echo "0 passed, 1 failed"; exit 1; }
 li="cn=li lei, ou=sales, o=root"
 wang="cn=wang fang, ou=research, o=root"
 zhao="cn=zhao min, ou=sales, o=root"
@@ -123,10 +111,7 @@ check "no command: usage on stderr, status 2" test "$status" = 2 -a -n "$(grep '
 no "an unknown command" 2 'unknown command "frobnicate"' frobnicate
 no "a missing argument" 2 "get-cert: missing argument" get-cert
 no "an unknown option" 2 "get-cert: unknown option --bogus" get-cert "$li" --bogus
-no "an option without its value" 2 "get-cert: --output needs a value" get-cert "$li" -o
-for c in publish get-cert get-key put-cert put-key rm-key passwd show ls add modify delete config; do
-    ok "$c --help" "usage: qorldap $c" "$c" --help
-done
+for c in publish get-cert get-key put-cert put-key rm-key passwd show ls add modify delete config; do ok "$c --help" "usage: qorldap $c" "$c" --help; done
 
 group "config and connection failures"
 run config
@@ -194,7 +179,6 @@ run get-key "$wang" --crypt -o wang.p8
 check "the stored SM2 key opens with the key password" opens wang.p8 key-pw
 no "a missing certificate is named" 1 "get-cert: $zhao holds no encryption certificate" get-cert "$zhao" --crypt
 no "get-cert of a missing user" 1 "get-cert: 0x16000015" get-cert "cn=ghost, ou=sales, o=root"
-no "get-cert of a DN without cn=" 1 "get-cert: 0x16000010" get-cert "ou=sales, o=root"
 ok "put-cert takes PEM" "stored the encryption certificate of $zhao" put-cert "$zhao" wang.pem --crypt
 run get-cert "$zhao" --crypt
 check "and stores it as DER" same_file "$tmp/out" wang.der
@@ -241,7 +225,6 @@ ok "add takes the naming value from the DN" "added $unit" add "$unit" --class or
 check "the naming value is stored" test "$(stored_value "$unit" ou)" = tooltest
 no "adding it again" 1 "$unit exists already" add "$unit" --class organizationalUnit
 no "a missing parent is named" 1 "its parent ou=nowhere, o=root does not exist" add "cn=x, ou=nowhere, o=root" --class qorPerson
-no "an argument that is not attr=value" 2 '"novalue" is not attr=value' add "cn=x, $unit" --class qorPerson novalue
 ok "add takes UTF-8 values" "added $person" add "$person" --class qorPerson sn=Zhang "description=测试 ✓"
 check "non-ASCII text reaches the directory unchanged" test "$(stored_value "$person" description)" = "测试 ✓"
 ok "modify replaces values" "modified $person" modify "$person" mail=zs@example.org sn=San
