@@ -3,9 +3,11 @@
 #include <strings.h>
 
 #include <cstring>
+#include <utility>
 
 #include "engine/Constants.h"
 #include "engine/LdapOp.h"
+#include "platform/Trim.h"
 
 namespace {
 
@@ -14,11 +16,7 @@ int const kMaxComponent = 50;
 }  // namespace
 
 void CLdapOp::MakeLower(std::string& text) {
-    for (char& c : text) {
-        if (c >= 'A' && c <= 'Z') {
-            c = static_cast<char>(c - 'A' + 'a');
-        }
-    }
+    text = qor::Folded(std::move(text));
 }
 
 bool CLdapOp::CompareNameSame(char const* a, char const* b) {

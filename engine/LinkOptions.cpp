@@ -5,17 +5,9 @@
 
 #include "engine/Constants.h"
 #include "platform/IniFile.h"
+#include "platform/Trim.h"
 
 namespace {
-
-std::string Lower(std::string text) {
-    for (char& c : text) {
-        if (c >= 'A' && c <= 'Z') {
-            c = static_cast<char>(c - 'A' + 'a');
-        }
-    }
-    return text;
-}
 
 bool OneOf(std::string const& value, std::initializer_list<char const*> spellings) {
     for (char const* s : spellings) {
@@ -60,7 +52,7 @@ void LinkOptions::Read(IniFile const& soap, std::string const& section) {
         }
     };
     if (soap.Get(section, SECTION_LDAP_TLS, raw)) {
-        std::string const value = Lower(raw);
+        std::string const value = qor::Folded(raw);
         if (value.empty() || OneOf(value, {"none", "no", "off"})) {
             tls = Tls::kNone;
         } else if (OneOf(value, {"starttls", "start_tls"})) {
@@ -75,7 +67,7 @@ void LinkOptions::Read(IniFile const& soap, std::string const& section) {
         caCert = raw;
     }
     if (soap.Get(section, SECTION_LDAP_TLS_VERIFY, raw) &&
-        !ReadSwitch(Lower(raw), true, {"yes", "true", "on", "1", "demand"},
+        !ReadSwitch(qor::Folded(raw), true, {"yes", "true", "on", "1", "demand"},
                     {"no", "false", "off", "0", "never"}, verify)) {
         fail(SECTION_LDAP_TLS_VERIFY, raw);
     }
@@ -93,8 +85,8 @@ void LinkOptions::Read(IniFile const& soap, std::string const& section) {
         }
     }
     if (soap.Get(section, SECTION_LDAP_RECONNECT, raw) &&
-        !ReadSwitch(Lower(raw), false, {"yes", "true", "on", "1"}, {"no", "false", "off", "0"},
-                    reconnect)) {
+        !ReadSwitch(qor::Folded(raw), false, {"yes", "true", "on", "1"},
+                    {"no", "false", "off", "0"}, reconnect)) {
         fail(SECTION_LDAP_RECONNECT, raw);
     }
 }

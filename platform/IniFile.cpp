@@ -5,19 +5,8 @@
 #include "platform/System.h"
 #include "platform/Trim.h"
 
-namespace {
-
-// Names match without regard to ASCII letter case only: other bytes stay as they are.
-std::string Folded(std::string text) {
-    for (char& c : text) {
-        if (c >= 'A' && c <= 'Z') {
-            c = static_cast<char>(c - 'A' + 'a');
-        }
-    }
-    return text;
-}
-
-}  // namespace
+// Names match without regard to ASCII letter case only.
+using qor::Folded;
 
 IniFile IniFile::Load(std::string const& file) {
     IniFile ini;

@@ -1,4 +1,5 @@
-// Blanks around a text, the one rule for INI lines and for what the tool reads.
+// Blanks around a text and ASCII letter case: the one rule for INI lines, link keys and what the
+// tool reads.
 #ifndef QORLDAP_PLATFORM_TRIM_H
 #define QORLDAP_PLATFORM_TRIM_H
 
@@ -13,6 +14,16 @@ inline std::string Trim(std::string const& text) {
         return std::string();
     }
     return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
+}
+
+// text with the ASCII letters A-Z in lower case; other bytes stay as they are.
+inline std::string Folded(std::string text) {
+    for (char& c : text) {
+        if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c - 'A' + 'a');
+        }
+    }
+    return text;
 }
 
 }  // namespace qor
