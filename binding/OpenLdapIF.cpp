@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "binding/LastResult.h"
 #include "binding/LdapNames.h"
 #include "platform/System.h"
 
@@ -159,17 +160,45 @@ bool COpenLdapIF::WaitForLock(unsigned long seen) {
     return false;
 }
 
+// Notes a request's result for the calling thread. The server's texts are read only when asked
+// for, and only after a failure, so that by default no call is added to the sequence.
+void COpenLdapIF::NoteResult(char const* operation, int result, ldap* ld) {
+    qor::LastResult& last = qor::LastResult::OfThread();
+    last.code = result;
+    last.operation = operation;
+    last.matchedDn.clear();
+    last.diagnostic.clear();
+    if (result == LDAP_SUCCESS || ld == nullptr ||
+        !qor::LastResult::KeepDiagnostics().load(std::memory_order_relaxed) ||
+        !Resolve(getOption_, LDAP_GET_OPTION_N) || !Resolve(memFree_, LDAP_MEMFREE_N)) {
+        return;
+    }
+    auto read = [&](int option, std::string& into) {
+        char* text = nullptr;
+        if (getOption_(ld, option, &text) == LDAP_OPT_SUCCESS && text != nullptr) {
+            into = text;
+            memFree_(text);
+        }
+    };
+    read(LDAP_OPT_MATCHED_DN, last.matchedDn);
+    read(LDAP_OPT_DIAGNOSTIC_MESSAGE, last.diagnostic);
+}
+
 template <typename Fn, typename... Args>
-int COpenLdapIF::CallServer(Fn& slot, char const* name, int unavailable, Args... args) {
+int COpenLdapIF::CallServer(Fn& slot, char const* name, char const* operation, int unavailable,
+                            ldap* ld, Args... args) {
     unsigned long const seen = failures_.load(std::memory_order_acquire);
     if (failFast_.load(std::memory_order_relaxed) && !WaitForLock(seen)) {
-        return lastFailure_.load(std::memory_order_relaxed);
+        int const failure = lastFailure_.load(std::memory_order_relaxed);
+        NoteResult(operation, failure, nullptr);
+        return failure;
     }
     ScopeLock lock(&lock_);
     if (!Resolve(slot, name)) {
         return unavailable;
     }
-    int const result = slot(args...);
+    int const result = slot(ld, args...);
+    NoteResult(operation, result, ld);
     if (MeansLinkFailure(result)) {
         if (watch_.load(std::memory_order_relaxed)) {
             lost_.store(true);
@@ -204,7 +233,7 @@ int COpenLdapIF::LdapSetOption(ldap* ld, int option, void const* value) {
 }
 
 int COpenLdapIF::LdapSimpleBindS(ldap* ld, char const* who, char const* passwd) {
-    return CallServer(simpleBindS_, LDAP_SIMPLE_BIND_S_N, 0, ld, who, passwd);
+    return CallServer(simpleBindS_, LDAP_SIMPLE_BIND_S_N, "bind", 0, ld, who, passwd);
 }
 
 int COpenLdapIF::LdapGetLastErr() {
@@ -219,7 +248,7 @@ int COpenLdapIF::LdapSearchExtS(ldap* ld, char const* base, int scope, char cons
                                 char** attrs, int attrsonly, ldapcontrol** serverctrls,
                                 ldapcontrol** clientctrls, timeval* timeout, int sizelimit,
                                 ldapmsg** res) {
-    return CallServer(searchExtS_, LDAP_SEARCH_EXT_S_N, 0, ld, base, scope, filter, attrs,
+    return CallServer(searchExtS_, LDAP_SEARCH_EXT_S_N, "search", 0, ld, base, scope, filter, attrs,
                       attrsonly, serverctrls, clientctrls, timeout, sizelimit, res);
 }
 
@@ -272,19 +301,19 @@ void COpenLdapIF::LdapMemFree(void* p) {
 }
 
 int COpenLdapIF::LdapAddS(ldap* ld, char const* dn, ldapmod** attrs) {
-    return CallServer(addS_, LDAP_ADD_S_N, 0, ld, dn, attrs);
+    return CallServer(addS_, LDAP_ADD_S_N, "add", 0, ld, dn, attrs);
 }
 
 int COpenLdapIF::LdapDeleteS(ldap* ld, char const* dn) {
-    return CallServer(deleteS_, LDAP_DELETE_S_N, 0, ld, dn);
+    return CallServer(deleteS_, LDAP_DELETE_S_N, "delete", 0, ld, dn);
 }
 
 int COpenLdapIF::LdapModifyS(ldap* ld, char const* dn, ldapmod** mods) {
-    return CallServer(modifyS_, LDAP_MODIFY_S_N, 0, ld, dn, mods);
+    return CallServer(modifyS_, LDAP_MODIFY_S_N, "modify", 0, ld, dn, mods);
 }
 
 int COpenLdapIF::LdapAdd(ldap* ld, char const* dn, ldapmod** attrs) {
-    return CallServer(add_, LDAP_ADD_N, 0, ld, dn, attrs);
+    return CallServer(add_, LDAP_ADD_N, "add", 0, ld, dn, attrs);
 }
 
 void COpenLdapIF::BerFree(berelement* ber, int freebuf) {
@@ -308,7 +337,7 @@ ldap* COpenLdapIF::LdapInitialize(char const* uri) {
 }
 
 int COpenLdapIF::LdapStartTlsS(ldap* ld) {
-    return CallServer(startTlsS_, LDAP_START_TLS_S_N, LDAP_UNAVAILABLE, ld,
+    return CallServer(startTlsS_, LDAP_START_TLS_S_N, "starttls", LDAP_UNAVAILABLE, ld,
                       static_cast<LDAPControl**>(nullptr), static_cast<LDAPControl**>(nullptr));
 }
 

@@ -105,6 +105,7 @@ class COpenLdapIF {
     typedef int (*InitializeFn)(LDAP**, char const*);
     typedef int (*StartTlsSFn)(LDAP*, LDAPControl**, LDAPControl**);
     typedef int (*UnbindExtSFn)(LDAP*, LDAPControl**, LDAPControl**);
+    typedef int (*GetOptionFn)(LDAP*, int, void*);
 
     // Loads the library and resolves one entry point; false when either cannot be had.
     // Called with the lock held. A failure is not remembered, so the next call tries again.
@@ -118,8 +119,11 @@ class COpenLdapIF {
     // counted since seen.
     bool WaitForLock(unsigned long seen);
     // Call for the functions that talk to the server; see FailFast.
+    // Each such call notes its result for the calling thread (qorldap/LastResult.h).
     template <typename Fn, typename... Args>
-    int CallServer(Fn& slot, char const* name, int unavailable, Args... args);
+    int CallServer(Fn& slot, char const* name, char const* operation, int unavailable, ldap* ld,
+                   Args... args);
+    void NoteResult(char const* operation, int result, ldap* ld);
 
     void* library_;
     InitFn init_;
@@ -148,6 +152,7 @@ class COpenLdapIF {
     InitializeFn initialize_;
     StartTlsSFn startTlsS_;
     UnbindExtSFn unbindExtS_;
+    GetOptionFn getOption_ = nullptr;  // bound only when diagnostics are kept
     LockPair lock_;
     LDAP* handle_;
     std::atomic<bool> watch_{false};

@@ -16,6 +16,8 @@
 #define SECTION_LDAP_TLS_VERIFY "tls_verify"
 #define SECTION_LDAP_TIMEOUT "timeout"
 #define SECTION_LDAP_RECONNECT "reconnect"
+#define SECTION_LDAP_BIND_DN "bind_dn"
+#define SECTION_LDAP_BIND_PASSWORD "bind_password"
 #define LDAP_BASE "base"
 #define LDAP_SUM "sum"
 #define LDAP_ATT "A"

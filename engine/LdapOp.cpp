@@ -134,7 +134,9 @@ int CLdapOp::Dial() {
     if (!SecureHandle(ld)) {
         return QORLDAP_E_FAILED;
     }
-    if (binding_.LdapSimpleBindS(ld, settings.managerdn, settings.psw) != 0) {
+    char const* who = link_.bindDn.empty() ? settings.managerdn : link_.bindDn.c_str();
+    char const* secret = link_.bindPassword.empty() ? settings.psw : link_.bindPassword.c_str();
+    if (binding_.LdapSimpleBindS(ld, who, secret) != 0) {
         return QORLDAP_E_FAILED;
     }
     // The root check runs on the bound handle before the engine counts as connected.

@@ -84,6 +84,12 @@ void LinkOptions::Read(IniFile const& soap, std::string const& section) {
             fail(SECTION_LDAP_TIMEOUT, raw);
         }
     }
+    if (soap.Get(section, SECTION_LDAP_BIND_DN, raw)) {
+        bindDn = raw;
+    }
+    if (soap.Get(section, SECTION_LDAP_BIND_PASSWORD, raw)) {
+        bindPassword = raw;
+    }
     if (soap.Get(section, SECTION_LDAP_RECONNECT, raw) &&
         !ReadSwitch(qor::Folded(raw), false, {"yes", "true", "on", "1"},
                     {"no", "false", "off", "0"}, reconnect)) {

@@ -15,6 +15,13 @@ struct LinkOptions {
     bool verify = true;      // "tls_verify": yes (default) demands a verified server certificate
     int timeout = 0;         // "timeout": seconds for connecting and for each request; 0 = none
     bool reconnect = false;  // "reconnect": yes drops a lost connection so the next call redials
+    // "bind_dn", "bind_password": the identity the engine binds as, when it does not fit the
+    // settings record (managerdn and psw hold 32 characters each; service DNs and generated
+    // passwords are often longer). Each one, when present and not empty, takes the place of
+    // its record field at every bind; the record itself, and what GetLdapAtt shows, stay as
+    // they were.
+    std::string bindDn;
+    std::string bindPassword;
     // Empty when every key present is written in one of its documented spellings; otherwise
     // "key=value" of the first one that is not. An engine whose link keys do not read never
     // connects: a misspelt "tls" or "tls_verify" must not quietly mean a clear or unverified

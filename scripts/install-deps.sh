@@ -4,7 +4,8 @@
 set -euo pipefail
 pkgs=(build-essential cmake pkg-config clang libclang-rt-14-dev
       libldap-dev slapd ldap-utils libssl-dev openssl
-      libgtest-dev googletest libgmock-dev libbenchmark-dev valgrind)
+      libgtest-dev googletest libgmock-dev libbenchmark-dev valgrind
+      389-ds-base)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

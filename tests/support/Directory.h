@@ -22,11 +22,12 @@ struct Directory {
     }
     std::string Base() const { return Var("LDAP_BASEDN"); }
 
-    // The raw values of one attribute of one entry, read by ldapsearch into files.
+    // The raw values of one attribute of one entry, read by ldapsearch as the rootdn into files.
     std::vector<std::string> Values(std::string const& dn, std::string const& attr) const {
         ScratchDir tmp;
         std::istringstream files(Run("ldapsearch -LLL -o ldif-wrap=no -tt -T '" + tmp.Path() +
-                                     "' -x -H '" + Var("LDAP_URI") + "' -b '" + dn +
+                                     "' -x -D '" + Var("LDAP_BINDDN") + "' -w '" + Var("LDAP_BINDPW") +
+                                     "' -H '" + Var("LDAP_URI") + "' -b '" + dn +
                                      "' -s base '(objectClass=*)' '" + attr +
                                      "' 2>/dev/null | sed -n 's|^[^:]*:< file://||p'"));
         std::vector<std::string> values;

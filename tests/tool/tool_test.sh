@@ -60,7 +60,7 @@ fails_to_open() { ! opens "$@"; }
 same_file() { cmp -s "$1" "$2"; }
 # The value of attr in the entry dn, as ldapsearch sees it (base64 values decoded).
 stored_value() {
-    ldapsearch -x -LLL -o ldif-wrap=no -H "$LDAP_URI" -b "$1" -s base '(objectClass=*)' "$2" >ldif 2>/dev/null
+    ldapsearch -x -D "$LDAP_BINDDN" -w "$LDAP_BINDPW" -LLL -o ldif-wrap=no -H "$LDAP_URI" -b "$1" -s base '(objectClass=*)' "$2" >ldif 2>/dev/null
     sed -n "s/^$2:: //Ip" ldif | base64 -d
     sed -n "s/^$2: //Ip" ldif | tr -d '\n'
 }
@@ -71,6 +71,8 @@ stored_value() {
 conf=$tmp/dir/conf
 LDAP_URI=$(sed -n 's/^LDAP_URI=//p' "$tmp/dir/env")
 LDAP_PORT=$(sed -n 's/^LDAP_PORT=//p' "$tmp/dir/env")
+LDAP_BINDDN=$(sed -n 's/^LDAP_BINDDN=//p' "$tmp/dir/env")
+LDAP_BINDPW=$(sed -n 's/^LDAP_BINDPW=//p' "$tmp/dir/env")
 cd "$tmp" || exit 1
 make_user() {  # name, subject, key algorithm options...: a key, a certificate and a bundle
     local name=$1 subject=$2
@@ -115,7 +117,7 @@ for c in publish get-cert get-key put-cert put-key rm-key passwd show ls add mod
 
 group "config and connection failures"
 run config
-expect_ok "config shows the folder's settings" "port       $LDAP_PORT" "managerdn  cn=admin,o=root" \
+expect_ok "config shows the folder's settings" "port       $LDAP_PORT" "managerdn  cn=qorldap,ou=services,o=root" \
     "psw        ********" "tls        none (clear text)" "timeout    (not set" "$conf/soap.ini"
 check "config never shows the bind password" test -z "$(grep secret "$tmp/out")"
 QORLDAP_CONF_DIR=$tmp/unreachable run_bare --conf "$conf" config --check
