@@ -26,6 +26,10 @@ struct Stop {
 [[noreturn]] void Fail(std::string const& what, std::string const& text);
 // "qorldap: <what>: <code> <meaning>", exit 1; meaning defaults to the code's own text.
 [[noreturn]] void FailCode(std::string const& what, int code, std::string const& meaning = "");
+// What the directory answered to this thread's last request when it failed, for people:
+// "object class violation (65): object class 'inetOrgPerson' requires attribute 'sn'";
+// empty when the last request succeeded.
+std::string DirectoryCause();
 // "qorldap: <what>: <text> (see qorldap <what> --help)" or with no command, exit 2.
 [[noreturn]] void Usage(std::string const& what, std::string const& text);
 

@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "cli.h"
+#include "qorldap/LastResult.h"
 #include "qorldap/result_codes.h"
 
 namespace qortool {
@@ -25,56 +26,6 @@ Meaning const kLibrary[] = {
     {QORLDAP_E_KEY_SEARCH, "the key search failed (is there such an entry?)"},
 };
 
-// The directory's codes that a caller may meet, and the client library's negative ones.
-Meaning const kDirectory[] = {
-    {1, "operations error"},
-    {2, "protocol error"},
-    {3, "time limit exceeded"},
-    {4, "size limit exceeded"},
-    {7, "authentication method not supported"},
-    {8, "stronger authentication required"},
-    {11, "administrative limit exceeded"},
-    {12, "unavailable critical extension"},
-    {13, "confidentiality required"},
-    {16, "no such attribute"},
-    {17, "undefined attribute type"},
-    {18, "inappropriate matching"},
-    {19, "constraint violation"},
-    {20, "attribute or value exists"},
-    {21, "invalid attribute syntax"},
-    {32, "no such object"},
-    {33, "alias problem"},
-    {34, "invalid DN syntax"},
-    {36, "alias dereferencing problem"},
-    {48, "inappropriate authentication"},
-    {49, "invalid credentials"},
-    {50, "insufficient access rights"},
-    {51, "busy"},
-    {52, "unavailable"},
-    {53, "unwilling to perform"},
-    {54, "loop detected"},
-    {64, "naming violation"},
-    {65, "object class violation"},
-    {66, "not allowed on non-leaf"},
-    {67, "not allowed on RDN"},
-    {68, "already exists"},
-    {69, "cannot modify object class"},
-    {71, "affects multiple servers"},
-    {80, "other"},
-    {-1, "cannot reach the server"},
-    {-2, "local error"},
-    {-3, "encoding error"},
-    {-4, "decoding error"},
-    {-5, "timed out"},
-    {-6, "unknown authentication method"},
-    {-7, "bad search filter"},
-    {-8, "cancelled"},
-    {-9, "bad parameter"},
-    {-10, "out of memory"},
-    {-11, "connect error"},
-    {-12, "not supported"},
-};
-
 }  // namespace
 
 std::string CodeText(int code) {
@@ -88,24 +39,58 @@ std::string CodeText(int code) {
     return std::to_string(code);
 }
 
+bool IsLibraryCode(int code) {
+    for (Meaning const& m : kLibrary) {
+        if (m.code == code)
+            return true;
+    }
+    return false;
+}
+
 std::string CodeMeaning(int code) {
     for (Meaning const& m : kLibrary) {
         if (m.code == code)
             return m.text;
     }
-    for (Meaning const& m : kDirectory) {
-        if (m.code == code)
-            return m.text;
+    // libldap's own text, with a small first letter to sit inside a sentence.
+    std::string text = QorLdapResultText(code);
+    if (text.empty())
+        return "unknown result code";
+    if (text.size() > 1 && text[0] >= 'A' && text[0] <= 'Z' && !(text[1] >= 'A' && text[1] <= 'Z'))
+        text[0] = static_cast<char>(text[0] - 'A' + 'a');
+    return text;
+}
+
+std::string DirectoryCause() {
+    QorLdapResult last = {};
+    QorLdapLastResult(&last);
+    if (last.code == 0)
+        return "";
+    std::string cause = CodeMeaning(last.code) + " (" + std::to_string(last.code) + ")";
+    if (last.diagnostic[0] != '\0')
+        cause += std::string(": ") + last.diagnostic;
+    if (last.matchedDn[0] != '\0')
+        cause += std::string(" [the nearest entry that exists: ") + last.matchedDn + "]";
+    // One line, whatever the server put in its text.
+    for (char& c : cause) {
+        if (c == '\n' || c == '\r')
+            c = ' ';
     }
-    return "unknown result code";
+    return cause;
 }
 
 void Fail(std::string const& what, std::string const& text) {
     throw Stop{kExitFailed, what + ": " + text};
 }
 
+// The library's code and its meaning, then what the directory itself answered, when the last
+// request failed: "0x16000010 ...: the directory answered: invalid credentials (49)".
 void FailCode(std::string const& what, int code, std::string const& meaning) {
-    Fail(what, CodeText(code) + " " + (meaning.empty() ? CodeMeaning(code) : meaning));
+    std::string text = CodeText(code) + " " + (meaning.empty() ? CodeMeaning(code) : meaning);
+    std::string const cause = DirectoryCause();
+    if (!cause.empty())
+        text += "; the directory answered: " + cause;
+    Fail(what, text);
 }
 
 void Usage(std::string const& what, std::string const& text) {

@@ -254,11 +254,14 @@ int RunPublish(Args const& args) {
     rc = PublishP12(bundle.data(), bundle.size(), bundlePassword.c_str(),
                     publicOnly ? nullptr : keyPassword.c_str(), !crypt, publicOnly);
     if (rc == QORLDAP_E_FAILED) {
+        // When the directory refused a level, its own answer says why (a class that needs more
+        // than the naming attribute: "object class 'inetOrgPerson' requires attribute 'sn'").
         std::string hint = MissingTemplatesHint();
+        if (hint.empty() && DirectoryCause().empty())
+            hint = "is the DN longer than 255 characters?";
         FailCode(args.command, rc,
-                 "the entries that the certificate's subject names could not be made (" +
-                     (hint.empty() ? std::string("is the DN longer than 255 characters?") : hint) +
-                     ")");
+                 "the entries that the certificate's subject names could not be made" +
+                     (hint.empty() ? std::string() : " (" + hint + ")"));
     }
     if (rc != QORLDAP_OK)
         FailCode(args.command, rc);

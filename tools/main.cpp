@@ -15,6 +15,7 @@
 #include <new>
 
 #include "cli.h"
+#include "qorldap/LastResult.h"
 
 namespace qortool {
 
@@ -226,6 +227,8 @@ int Main(int argc, char** argv) {
 int main(int argc, char** argv) {
     using namespace qortool;
     int status;
+    // Failures name the directory's own reason, which the library keeps only when asked.
+    QorLdapKeepDiagnostics(1);
     try {
         status = Main(argc, argv);
     } catch (Stop const& stop) {
