@@ -82,7 +82,10 @@ extern bool gConfFromOption;
 // directory. The second form is made absolute for messages.
 std::string ConfigPath(std::string const& file);
 bool FileReadable(std::string const& path);
-// Connects ldap, or Fail("connect", ...).
+// Fails when soap.ini holds a managerdn or psw longer than the library's record keeps: the
+// library would cut it and bind as somebody else, or fail to bind for no visible reason.
+void RefuseCutSettings();
+// Connects ldap, or Fail("connect", ...), after RefuseCutSettings.
 void Connect(CLdap& ldap);
 // A hint for a refused name or a failed build of entries: where ldap.ini was looked for when it
 // is missing, else empty.

@@ -61,35 +61,52 @@ std::string CodeMeaning(int code) {
     return text;
 }
 
-std::string DirectoryCause() {
-    QorLdapResult last = {};
-    QorLdapLastResult(&last);
-    if (last.code == 0)
-        return "";
-    std::string cause = CodeMeaning(last.code) + " (" + std::to_string(last.code) + ")";
+namespace {
+
+// ": <diagnostic text> [the nearest entry that exists: <matched DN>]", on one line.
+std::string Detail(QorLdapResult const& last) {
+    std::string detail;
     if (last.diagnostic[0] != '\0')
-        cause += std::string(": ") + last.diagnostic;
+        detail += std::string(": ") + last.diagnostic;
     if (last.matchedDn[0] != '\0')
-        cause += std::string(" [the nearest entry that exists: ") + last.matchedDn + "]";
-    // One line, whatever the server put in its text.
-    for (char& c : cause) {
+        detail += std::string(" [the nearest entry that exists: ") + last.matchedDn + "]";
+    for (char& c : detail) {
         if (c == '\n' || c == '\r')
             c = ' ';
     }
-    return cause;
+    return detail;
+}
+
+QorLdapResult LastResult() {
+    QorLdapResult last = {};
+    QorLdapLastResult(&last);
+    return last;
+}
+
+}  // namespace
+
+std::string DirectoryCause() {
+    QorLdapResult const last = LastResult();
+    if (last.code == 0)
+        return "";
+    return CodeMeaning(last.code) + " (" + std::to_string(last.code) + ")" + Detail(last);
 }
 
 void Fail(std::string const& what, std::string const& text) {
     throw Stop{kExitFailed, what + ": " + text};
 }
 
-// The library's code and its meaning, then what the directory itself answered, when the last
-// request failed: "0x16000010 ...: the directory answered: invalid credentials (49)".
+// The code and its meaning, then what the directory itself answered when the last request
+// failed: its text after a directory code the library handed on ("65 object class violation:
+// attribute 'x' not allowed"), its code as well after one of the library's own ("0x16000010 ...;
+// the directory answered: invalid credentials (49)").
 void FailCode(std::string const& what, int code, std::string const& meaning) {
     std::string text = CodeText(code) + " " + (meaning.empty() ? CodeMeaning(code) : meaning);
-    std::string const cause = DirectoryCause();
-    if (!cause.empty())
-        text += "; the directory answered: " + cause;
+    QorLdapResult const last = LastResult();
+    if (last.code == code && !IsLibraryCode(code))
+        text += Detail(last);
+    else if (last.code != 0)
+        text += "; the directory answered: " + DirectoryCause();
     Fail(what, text);
 }
 

@@ -54,10 +54,15 @@ int RunConfig(Args const& args) {
         std::printf("  timeout    (not set: a silent server blocks a call for ever)\n");
     }
     std::printf("  reconnect  %s\n", link.reconnect ? "yes" : "no");
+    if (!link.bindDn.empty())
+        std::printf("  bind_dn    %s (bound as, in place of managerdn)\n", link.bindDn.c_str());
+    if (!link.bindPassword.empty())
+        std::printf("  bind_password ******** (in place of psw)\n");
     if (args.Has("--check")) {
         std::fflush(stdout);
         Connect(ldap);
-        std::printf("connection: ok, bound as %s\n", Shown(info.managerdn).c_str());
+        std::printf("connection: ok, bound as %s\n",
+                    link.bindDn.empty() ? Shown(info.managerdn).c_str() : link.bindDn.c_str());
     }
     return kExitOk;
 }
@@ -73,6 +78,9 @@ char const kConfigHelp[] =
     "  tls_verify  yes | true | on | 1 | demand  /  no | false | off | 0 | never\n"
     "  reconnect   yes | true | on | 1  /  no | false | off | 0\n"
     "  timeout     whole seconds (0 or absent: none)\n"
+    "managerdn and psw hold 32 characters each; a longer bind DN or password goes into\n"
+    "bind_dn and bind_password, which take their place at every bind. Every command\n"
+    "refuses a managerdn or psw that does not fit rather than bind with a cut value.\n"
     "Any other value refuses every connection: nothing is sent in clear by mistake.\n"
     "\n"
     "  --check  also connect and bind, and say whether that worked\n";

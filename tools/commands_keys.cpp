@@ -237,6 +237,7 @@ int RunPublish(Args const& args) {
     bool const crypt = args.Has("--crypt");
     bool const publicOnly = args.Has("--public-only");
     std::string const bundle = ReadFile(args.command, path, kMaxInput);
+    RefuseCutSettings();
     int rc = ConnectLdap();
     LdapInfo info;
     GetLdapAtt(info);

@@ -64,7 +64,28 @@ void FailConnect(int code, std::string const& host, int port, std::string const&
     FailCode("connect", code);
 }
 
+void RefuseCutSettings() {
+    std::string const soap = ConfigPath("soap.ini");
+    IniFile const ini = IniFile::Load(soap);
+    struct Field {
+        char const* key;
+        size_t room;
+        char const* instead;
+    };
+    for (Field const& f : {Field{"managerdn", sizeof(LdapInfo::managerdn) - 1, "bind_dn"},
+                           Field{"psw", sizeof(LdapInfo::psw) - 1, "bind_password"}}) {
+        std::string value;
+        if (ini.Get("ldap", f.key, value) && value.size() > f.room) {
+            Fail("config", std::string(f.key) + " in " + soap + " has " +
+                               std::to_string(value.size()) + " characters; the library keeps " +
+                               std::to_string(f.room) + " and would bind with a cut value (write it as " +
+                               f.instead + " instead)");
+        }
+    }
+}
+
 void Connect(CLdap& ldap) {
+    RefuseCutSettings();
     int rc = ldap.ConnectLdap();
     if (rc != QORLDAP_OK) {
         LdapInfo info;
