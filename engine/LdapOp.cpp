@@ -157,6 +157,12 @@ ldap* CLdapOp::OpenHandle(LdapInfo const& settings) {
         return binding_.LdapInitialize(
             LinkOptions::LdapsUris(hosts.c_str(), settings.port).c_str());
     }
+    // ldap_init takes host names only; a list that holds URIs (ldap://, ldaps://, ldapi://)
+    // goes to ldap_initialize, with the hosts written without a scheme made ldap:// URIs.
+    if (LinkOptions::HasUri(hosts.c_str())) {
+        return binding_.LdapInitialize(
+            LinkOptions::Uris(hosts.c_str(), settings.port, "ldap").c_str());
+    }
     return binding_.LdapInit(hostShift_ == 0 ? settings.host : hosts.c_str(), settings.port);
 }
 

@@ -97,7 +97,11 @@ void LinkOptions::Read(IniFile const& soap, std::string const& section) {
     }
 }
 
-std::string LinkOptions::LdapsUris(char const* hosts, int port) {
+bool LinkOptions::HasUri(char const* hosts) {
+    return hosts != nullptr && std::string(hosts).find("://") != std::string::npos;
+}
+
+std::string LinkOptions::Uris(char const* hosts, int port, char const* scheme) {
     std::string uris;
     for (std::string const& host : Hosts(hosts)) {
         if (!uris.empty()) {
@@ -106,13 +110,13 @@ std::string LinkOptions::LdapsUris(char const* hosts, int port) {
         if (host.find("://") != std::string::npos) {
             uris += host;
         } else {
-            uris += "ldaps://" + host;
+            uris += std::string(scheme) + "://" + host;
             if (host.find(':') == std::string::npos && port > 0) {
                 uris += ':' + std::to_string(port);
             }
         }
     }
-    return uris.empty() ? "ldaps://localhost" : uris;
+    return uris.empty() ? std::string(scheme) + "://localhost" : uris;
 }
 
 std::string LinkOptions::RotateHosts(char const* hosts, unsigned shift) {

@@ -36,8 +36,12 @@ struct LinkOptions {
     //   timeout     whole seconds, 0 to 86400 (0: none)
     void Read(IniFile const& soap, std::string const& section);
     bool Valid() const { return fault.empty(); }
-    // "ldaps://host:port" for each blank-separated host; a host written as a URI stays as it is.
-    static std::string LdapsUris(char const* hosts, int port);
+    // "scheme://host:port" for each blank-separated host; a host written as a URI stays as it
+    // is. The port is added to hosts written without one, when it is above 0.
+    static std::string Uris(char const* hosts, int port, char const* scheme);
+    static std::string LdapsUris(char const* hosts, int port) { return Uris(hosts, port, "ldaps"); }
+    // Whether any host of the list is written as a URI (ldap://, ldaps://, ldapi://).
+    static bool HasUri(char const* hosts);
     // The blank-separated host list turned by shift places: "a b c" by 1 is "b c a".
     static std::string RotateHosts(char const* hosts, unsigned shift);
     // What the settings make of the link, for people: "starttls, server certificate verified".

@@ -82,7 +82,7 @@ std::string Hosted(Server&, int port) {
 }
 
 // StartTLS and LDAPS bind and carry keys; a server that demands TLS refuses a clear bind; a CA the
-// server's certificate does not chain to never binds.
+// server's certificate does not chain to never binds; hosts may be written as URIs.
 TEST(Link, TlsBindsOnlyOverAVerifiedLink) {
     Server server("--tls --require-tls");
     int const ldaps = std::atoi(server.Env("LDAPS_PORT").c_str());
@@ -103,9 +103,12 @@ TEST(Link, TlsBindsOnlyOverAVerifiedLink) {
         {server.Port(), "", QORLDAP_E_FAILED},
         {server.Port(), "tls=starttls\n" + wrong, QORLDAP_E_FAILED},
         {ldaps, "tls=ldaps\n" + wrong, QORLDAP_E_FAILED},
+        // Hosts written as URIs, a list among them (port 0: the keys name the host).
+        {0, "host=ldap://127.0.0.1:" + std::to_string(server.Port()) + "\ntls=starttls\n" + ca, 0},
+        {0, "host=ldap://127.0.0.1:1 " + server.Env("LDAP_LDAPI_URI") + "\n", 0},
     };
     for (Case const& c : cases) {
-        Config config(Hosted(server, c.port) + c.keys);
+        Config config((c.port > 0 ? Hosted(server, c.port) : "") + c.keys);
         std::unique_ptr<CLdap> ldap(config.Make());
         EXPECT_EQ(c.rc, ldap->ConnectLdap()) << c.keys;
         if (c.rc == 0)
