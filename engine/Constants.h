@@ -18,6 +18,7 @@
 #define SECTION_LDAP_RECONNECT "reconnect"
 #define SECTION_LDAP_BIND_DN "bind_dn"
 #define SECTION_LDAP_BIND_PASSWORD "bind_password"
+#define SECTION_LDAP_FAST_LOOKUP "fast_lookup"
 #define LDAP_BASE "base"
 #define LDAP_SUM "sum"
 #define LDAP_ATT "A"
@@ -38,6 +39,8 @@
 #define LDAP_DEPART_OR_PER_TYPE "objectClass"
 #define LDAP_COMMONNAME "cn"
 #define LDAP_PERSON_CN "cn"
+// The attribute list that asks for no attributes at all.
+#define LDAP_NO_ATTRS "1.1"
 #define LDAP_OU "ou"
 #define LDAP_CN "cn"
 #define LDAP_OTHER_DEPARTMENT "Other"

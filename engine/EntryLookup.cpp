@@ -108,8 +108,12 @@ bool CLdapOp::GetChild(char const* base, char const* filter, tagDN*& list, int& 
     if (filter == nullptr || base == nullptr) {
         return false;
     }
+    // The list holds names only: with fast_lookup the listing asks for no attributes.
+    char noAttributes[] = LDAP_NO_ATTRS;
+    char* namesOnly[] = {noAttributes, nullptr};
     SearchResult result(binding_, Handle());
-    if (Search(base, LDAP_SCOPE_ONELEVEL, filter, result) != 0) {
+    if (Search(base, LDAP_SCOPE_ONELEVEL, filter, result, link_.fastLookup ? namesOnly : nullptr) !=
+        0) {
         return false;
     }
     if (result.Chain() == nullptr) {

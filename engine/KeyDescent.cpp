@@ -54,6 +54,9 @@ int CLdapOp::GetFullDN(char const* name, std::string& dn) {
     if (!GetCondition(name, condition, kind)) {
         return QORLDAP_E_FAILED;
     }
+    if (link_.fastLookup) {
+        return FindUser(condition.c_str(), dn);
+    }
     unsigned char* key = nullptr;
     unsigned int length = 0;
     LdapInfo const settings = Settings();

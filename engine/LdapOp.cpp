@@ -191,8 +191,9 @@ bool CLdapOp::SecureHandle(ldap* ld) {
     return true;
 }
 
-int CLdapOp::Search(char const* base, int scope, char const* filter, SearchResult& result) {
-    int rc = binding_.LdapSearchExtS(result.Handle(), base, scope, filter, nullptr, 0, nullptr,
+int CLdapOp::Search(char const* base, int scope, char const* filter, SearchResult& result,
+                    char** attributes) {
+    int rc = binding_.LdapSearchExtS(result.Handle(), base, scope, filter, attributes, 0, nullptr,
                                      nullptr, nullptr, 0, result.Out());
     if (rc != 0) {
         result.Reset();

@@ -178,7 +178,12 @@ class CLdapOp {
     bool GetChildKey(char const* base, int depth, char const* value, char const* attribute,
                      unsigned char*& key, unsigned int& length, std::string& foundDn);
     // 0 with dn the user's entry; 0x16000010, dn untouched, for a refused name or none found.
+    // With fast_lookup, FindUser answers instead of the walk.
     int GetFullDN(char const* name, std::string& dn);
+    // One subtree search for the user whose last-level naming attribute equals value; 0 with dn
+    // composed as the walk composes it when exactly one user matches, else 0x16000010. See
+    // engine/FastLookup.cpp.
+    int FindUser(char const* value, std::string& dn);
     // See the free function ModifyPriKeyPsw (qorldap/LdapIF.h).
     int ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw);
     // See the free function PublishP12 (qorldap/LdapIF.h).
@@ -202,7 +207,9 @@ class CLdapOp {
     }
     // One synchronous search for all attributes, no limits, on result's handle. On a non-zero
     // code the chain the library may have handed back with it is released and result is empty.
-    int Search(char const* base, int scope, char const* filter, SearchResult& result);
+    // attributes, when given, names the attributes wanted (null: all of them).
+    int Search(char const* base, int scope, char const* filter, SearchResult& result,
+               char** attributes = nullptr);
     // The connection sequence proper, run under connectLock_: drops a lost handle, then
     // opens, secures and binds a new one and checks the root. A QORLDAP code.
     int Dial();

@@ -90,6 +90,11 @@ void LinkOptions::Read(IniFile const& soap, std::string const& section) {
     if (soap.Get(section, SECTION_LDAP_BIND_PASSWORD, raw)) {
         bindPassword = raw;
     }
+    if (soap.Get(section, SECTION_LDAP_FAST_LOOKUP, raw) &&
+        !ReadSwitch(qor::Folded(raw), false, {"yes", "true", "on", "1"},
+                    {"no", "false", "off", "0"}, fastLookup)) {
+        fail(SECTION_LDAP_FAST_LOOKUP, raw);
+    }
     if (soap.Get(section, SECTION_LDAP_RECONNECT, raw) &&
         !ReadSwitch(qor::Folded(raw), false, {"yes", "true", "on", "1"},
                     {"no", "false", "off", "0"}, reconnect)) {

@@ -22,6 +22,9 @@ struct LinkOptions {
     // they were.
     std::string bindDn;
     std::string bindPassword;
+    // "fast_lookup": yes finds a user by name with one indexed search below the base DN
+    // instead of walking the tree, and lists children by name only (engine/FastLookup.cpp).
+    bool fastLookup = false;
     // Empty when every key present is written in one of its documented spellings; otherwise
     // "key=value" of the first one that is not. An engine whose link keys do not read never
     // connects: a misspelt "tls" or "tls_verify" must not quietly mean a clear or unverified
@@ -34,6 +37,7 @@ struct LinkOptions {
     //   tls_verify  yes | true | on | 1 | demand  /  no | false | off | 0 | never
     //   reconnect   yes | true | on | 1  /  no | false | off | 0
     //   timeout     whole seconds, 0 to 86400 (0: none)
+    //   fast_lookup yes | true | on | 1  /  no | false | off | 0
     void Read(IniFile const& soap, std::string const& section);
     bool Valid() const { return fault.empty(); }
     // "scheme://host:port" for each blank-separated host; a host written as a URI stays as it

@@ -15,7 +15,7 @@ TEST(EngineOnServer, LevelsAreCreatedOnceEachAndNeverCutAndDescentFindsTheFirstU
     ASSERT_TRUE(dir.Ready()) << "no test directory (QORLDAP_TEST_DIR)";
     std::string const base = "o=paths," + dir.Base();
     std::string dn, again, found = "untouched";
-    EXPECT_EQ(0, CLdapOp().ConnectLdap());  // creates the directory's base, the parent of ours
+    EXPECT_EQ(0, CLdapOp().ConnectLdap());
     CLdapOp op;
     LdapInfo info;
     op.GetLdapAtt(info);
@@ -45,6 +45,25 @@ TEST(EngineOnServer, LevelsAreCreatedOnceEachAndNeverCutAndDescentFindsTheFirstU
     EXPECT_EQ("cn=zhang san, ou=dept1," + base, found);
     ASSERT_EQ(0, op.GetFullDN("cn=li si,ou=anything", found));
     EXPECT_EQ("cn=li si, ou=dept2," + base, found);
+
+    // fast_lookup: one search finds what the walk finds for a unique name, and refuses a name
+    // two users share where the walk takes the first.
+    qortest::ScratchDir conf;
+    conf.Write("soap.ini", qortest::ReadFile(dir.Var("QORLDAP_CONF_DIR") + "/soap.ini") +
+                               "\nfast_lookup=yes\n");
+    conf.Write("ldap.ini", qortest::ReadFile(dir.Var("QORLDAP_CONF_DIR") + "/ldap.ini"));
+    qortest::ConfDir use(conf.Path());
+    CLdapOp fast;
+    fast.SetLdapAtt(info);
+    ASSERT_EQ(0, fast.ConnectLdap());
+    for (std::string name : {"cn=li si", "cn=wang wu", "cn=zhang san", "cn=nobody", "cn=*"}) {
+        std::string walked = "none", looked = "none";
+        op.GetFullDN(name.c_str(), walked);
+        int rc = fast.GetFullDN(name.c_str(), looked);
+        EXPECT_EQ(name == "cn=zhang san" || looked == "none" ? "none" : walked, looked) << name;
+        EXPECT_EQ(looked == "none" ? QORLDAP_E_FAILED : 0, rc) << name;
+    }
+    EXPECT_EQ("cn=wang wu, ou=Other," + base, (fast.GetFullDN("cn=wang wu", found), found));
     unsigned char* key = nullptr;
     unsigned int length = 0;
     EXPECT_FALSE(op.GetChildKey(base.c_str(), 3, "zhang san", "cn", key, length, found));

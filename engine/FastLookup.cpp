@@ -1,0 +1,93 @@
+// The opt-in lookup of a user by name ("fast_lookup = yes" in soap.ini): one indexed search
+// instead of the walk down the tree, and child listings that ask for names only.
+#include <cstring>
+
+#include "engine/Bounded.h"
+#include "engine/Constants.h"
+#include "engine/LdapOp.h"
+
+namespace {
+
+// At most this many entries come back; more than one user of the name refuses the lookup anyway.
+int const kLookupSizeLimit = 16;
+
+// The value as a filter assertion: the characters a filter gives a meaning are written as \XX.
+std::string FilterValue(std::string const& value) {
+    static char const hex[] = "0123456789abcdef";
+    std::string out;
+    for (unsigned char c : value) {
+        if (c == '*' || c == '(' || c == ')' || c == '\\' || c == '\0') {
+            out += '\\';
+            out += hex[c >> 4];
+            out += hex[c & 15];
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+// The number of components of a DN: its unescaped commas plus one.
+int Components(std::string const& dn) {
+    int count = 1;
+    for (std::size_t i = 0; i < dn.size(); ++i) {
+        if (dn[i] == '\\') {
+            ++i;
+        } else if (dn[i] == ',') {
+            ++count;
+        }
+    }
+    return count;
+}
+
+// The DN without its first component, as the server wrote it.
+std::string Parent(std::string const& dn) {
+    for (std::size_t i = 0; i < dn.size(); ++i) {
+        if (dn[i] == '\\') {
+            ++i;
+        } else if (dn[i] == ',') {
+            return dn.substr(i + 1);
+        }
+    }
+    return "";
+}
+
+}  // namespace
+
+// The walk finds users exactly as many levels below the base as there are templates, and names
+// them "<naming attribute>=<value as given>, <parent>", the parent as the server listed it (the
+// base as set for the first level). The search keeps to the same: entries at other depths are
+// not users. Where the walk takes the first of two users of one name in the server's listing
+// order, the lookup refuses: a password change must not reach a user the caller may not have
+// meant. Intermediate entries are not required to hold ou or cn, as the walk's listings are.
+int CLdapOp::FindUser(char const* value, std::string& dn) {
+    LdapInfo const settings = Settings();
+    char const* naming = templates_[templateCount_ - 1].namingAtt;
+    std::string const filter = "(" + std::string(naming) + "=" + FilterValue(value) + ")";
+    char noAttributes[] = LDAP_NO_ATTRS;
+    char* attributes[] = {noAttributes, nullptr};
+    SearchResult result(binding_, Handle());
+    int rc = binding_.LdapSearchExtS(result.Handle(), settings.basedn, LDAP_SCOPE_SUBTREE,
+                                     filter.c_str(), attributes, 0, nullptr, nullptr, nullptr,
+                                     kLookupSizeLimit, result.Out());
+    if (rc != LDAP_SUCCESS || result.Chain() == nullptr) {
+        return QORLDAP_E_FAILED;  // no such base, no answer, or more users than the limit
+    }
+    int const depth = Components(settings.basedn) + templateCount_;
+    int const entries = binding_.LdapCountEntries(result.Handle(), result.Chain());
+    std::string parent;
+    int users = 0;
+    result.ForEachEntryDn(entries, [&](char const* found, int) {
+        if (found != nullptr && Components(found) == depth) {
+            ++users;
+            parent = templateCount_ == 1 ? std::string(settings.basedn) : Parent(found);
+        }
+    });
+    char composed[513];
+    if (users != 1 ||
+        !qor::Format(composed, sizeof composed, LDAP_DN_COMPOSE, naming, value, parent.c_str())) {
+        return QORLDAP_E_FAILED;
+    }
+    dn = composed;
+    return QORLDAP_OK;
+}
