@@ -20,7 +20,8 @@ values() { ldapsearch -LLL -o ldif-wrap=no "${@:3}" -b "$1" -s base '(objectClas
     sed -n "s/^$2[;:][^ ]* //Ip"; }
 quiet() { "$@" >"$tmp/out" 2>"$tmp/err"; }
 
-ldapadd "${admin[@]}" >/dev/null <<EOF
+tree_ldif() {
+    cat <<EOF
 dn: $people
 objectClass: organizationalUnit
 objectClass: labeledURIObject
@@ -43,6 +44,8 @@ cn: Han Mei
 sn: Han
 userPassword: han-mei-pw
 EOF
+}
+tree_ldif | ldapadd "${admin[@]}" >/dev/null
 
 group "1. the schema loads into cn=config and leaves the directory as it was"
 check "ldapadd -Y EXTERNAL loads schema/qorldap.ldif" quiet ldapadd "${config[@]}" -f "$project/schema/qorldap.ldif"
@@ -129,6 +132,36 @@ check "nobody but the rootdn lists the service identities" test -z "$(ldapsearch
 group "undo"
 check "--undo takes the keys and the class back" eval '"$prepare" --subtree --filter "(cn=Li Lei)" --undo --apply "$people" | grep -q "took the keys and qorKeyHolder from 1 entry"'
 check "Li Lei is as it was" test "$(values "cn=Li Lei,$people" objectClass "${admin[@]}" | sort | tr '\n' ' ')/$(values "${li[@]}" "${admin[@]}")" = "inetOrgPerson posixAccount /"
+
+group "389 Directory Server: the same tree, the 389 schema and ACIs, the same publication"
+d389=$tmp/d389
+trap '"$directory" stop --server 389ds --dir "$d389" >/dev/null 2>&1; "$directory" stop --dir "$tmp/dir" >/dev/null 2>&1; rm -rf "$tmp"' EXIT
+if "$directory" start --server 389ds --dir "$d389" --nosync --base "$base" >"$tmp/start389.log" 2>&1; then
+    e() { sed -n "s/^$1=//p" "$d389/env" | tr -d "'"; }
+    admin=(-x -H "$(e LDAP_URI)" -D "$(e LDAP_BINDDN)" -w "$(e LDAP_BINDPW)")
+    check "a dcObject base, a labeledURIObject ou, an inetOrgPerson + posixAccount user" eval 'tree_ldif | quiet ldapadd "${admin[@]}"'
+    check "loading the 389 schema again changes nothing" quiet ldapmodify "${admin[@]}" -f "$project/schema/389ds/qorldap-schema.ldif"
+    check "the base stays writable" quiet ldapmodify "${admin[@]}" <<<"dn: $base
+changetype: modify
+replace: description
+description: still ours"
+    LDAP_URI=$(e LDAP_URI) LDAP_BINDDN=$(e LDAP_BINDDN) LDAP_BINDPW=$(e LDAP_BINDPW) "$prepare" --subtree --apply \
+        --filter '(objectClass=inetOrgPerson)' "$people" >"$tmp/out" 2>&1
+    check "qorldap-prepare gives the people qorKeyHolder" grep -q "gave qorKeyHolder to 2 entries" "$tmp/out"
+    sed -e "s/^host=.*/host=127.0.0.1/" -e "s/^port=.*/port=$(e LDAP_PORT)/" -e '/^tls/d' \
+        -e "s|^bind_dn=.*|bind_dn=$(e QORLDAP_SERVICE_DN)|" -e "s|^bind_password=.*|bind_password=$(e QORLDAP_SERVICE_PW)|" \
+        "$project/schema/examples/inetorgperson/soap.ini" >qconf/soap.ini
+    cp "$project/schema/examples/inetorgperson/ldap.ini" qconf/
+    ok "an existing inetOrgPerson receives its keys" "published LiLei.p12" publish LiLei.p12
+    ok "both pairs" "published LiLei.p12" publish --crypt LiLei.p12
+    run get-cert "cn=Li Lei, ou=People, $base" -o li389.der
+    check "the certificate reads back byte-exact" cmp -s li389.der LiLei.der
+    QORLDAP_OLD_PASSWORD=key-pw QORLDAP_NEW_PASSWORD=new-pw run passwd "cn=Li Lei"
+    expect_ok "the password change by name" "changed the password"
+    check "an anonymous search gets no private key" test -z "$(values "cn=Li Lei,$people" "signPrikey;binary" -x -H "$(e LDAP_URI)")"
+else
+    fail "389 Directory Server did not start" "$(tail -n 5 "$tmp/start389.log")"
+fi
 
 echo
 echo "$passed passed, $failed failed"
