@@ -36,6 +36,7 @@
 #include <vector>
 
 #include "BenchCommon.h"
+#include "Raw.h"
 #include "qorldap/qorldap.h"
 
 namespace {
@@ -75,68 +76,6 @@ Fixture* g = nullptr;
 using qorbench::AddEntry;
 
 // --- raw libldap: the same requests as the library, nothing more ---------------------------
-
-LDAP* RawConnect(LdapInfo const& info) {
-    LDAP* ld = ldap_init(info.host, info.port);
-    if (ld == nullptr) {
-        return nullptr;
-    }
-    int version = LDAP_VERSION3;
-    ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
-    if (ldap_simple_bind_s(ld, info.managerdn, info.psw) != LDAP_SUCCESS) {
-        ldap_unbind_ext_s(ld, nullptr, nullptr);
-        return nullptr;
-    }
-    return ld;
-}
-
-// A key read: one base search with the presence filter, then a walk over the attributes that
-// copies the wanted value into a new buffer (the caller releases it with delete[]).
-int RawReadKey(LDAP* ld, char const* dn, unsigned char*& value, unsigned int& length) {
-    value = nullptr;
-    length = 0;
-    LDAPMessage* result = nullptr;
-    int rc = ldap_search_ext_s(ld, dn, LDAP_SCOPE_BASE, kKeyFilter, nullptr, 0, nullptr, nullptr,
-                               nullptr, 0, &result);
-    if (rc != LDAP_SUCCESS) {
-        if (result != nullptr) {
-            ldap_msgfree(result);
-        }
-        return rc;
-    }
-    BerElement* ber = nullptr;
-    for (char* name = ldap_first_attribute(ld, result, &ber); name != nullptr;
-         name = ldap_next_attribute(ld, result, ber)) {
-        berval** values = ldap_get_values_len(ld, result, name);
-        if (values != nullptr) {
-            if (values[0] != nullptr && std::strcmp(name, kKeyAttribute) == 0) {
-                delete[] value;
-                length = static_cast<unsigned int>(values[0]->bv_len);
-                value = new unsigned char[length == 0 ? 1 : length];
-                std::memcpy(value, values[0]->bv_val, length);
-            }
-            ldap_value_free_len(values);
-        }
-        ldap_memfree(name);
-    }
-    ber_free(ber, 0);
-    ldap_msgfree(result);
-    return LDAP_SUCCESS;
-}
-
-// A key write: one modify replacing the attribute's values with this one binary value.
-int RawWriteKey(LDAP* ld, char const* dn, unsigned char const* data, unsigned int length) {
-    berval bv;
-    bv.bv_len = length;
-    bv.bv_val = reinterpret_cast<char*>(const_cast<unsigned char*>(data));
-    berval* values[2] = {&bv, nullptr};
-    LDAPMod mod;
-    mod.mod_op = LDAP_MOD_REPLACE | LDAP_MOD_BVALUES;
-    mod.mod_type = const_cast<char*>(kKeyAttribute);
-    mod.mod_bvalues = values;
-    LDAPMod* mods[2] = {&mod, nullptr};
-    return ldap_modify_s(ld, dn, mods);
-}
 
 // An entry select: one base search, a first walk over the attributes that counts them and
 // looks at objectClass, a second walk that copies their names.
@@ -232,7 +171,7 @@ bool LibraryKeyRead() {
 bool RawKeyRead() {
     unsigned char* key = nullptr;
     unsigned int length = 0;
-    int rc = RawReadKey(g->raw, g->readerDn.c_str(), key, length);
+    int rc = qorbench::RawReadKey(g->raw, g->readerDn.c_str(), kKeyFilter, kKeyAttribute, key, length);
     delete[] key;
     return rc == 0 && length == kCertBytes;
 }
@@ -245,7 +184,7 @@ bool LibraryKeyWrite() {
 }
 
 bool RawKeyWrite() {
-    return RawWriteKey(g->raw, g->writerDn.c_str(), g->certs[g->writes++ & 1].data(), kCertBytes) ==
+    return qorbench::RawWriteKey(g->raw, g->writerDn.c_str(), kKeyAttribute, g->certs[g->writes++ & 1].data(), kCertBytes) ==
            0;
 }
 
@@ -327,7 +266,7 @@ void ThreadsRawSharedHandle(benchmark::State& state) {
         int rc;
         {
             std::lock_guard<std::mutex> hold(g->rawSharedLock);
-            rc = RawReadKey(g->rawShared, dn, key, length);
+            rc = qorbench::RawReadKey(g->rawShared, dn, kKeyFilter, kKeyAttribute, key, length);
         }
         if (rc != 0 || length != kCertBytes) {
             state.SkipWithError("raw key read failed");
@@ -343,7 +282,7 @@ void ThreadsRawHandlePerThread(benchmark::State& state) {
     for (auto _ : state) {
         unsigned char* key = nullptr;
         unsigned int length = 0;
-        if (RawReadKey(ld, dn, key, length) != 0 || length != kCertBytes) {
+        if (qorbench::RawReadKey(ld, dn, kKeyFilter, kKeyAttribute, key, length) != 0 || length != kCertBytes) {
             state.SkipWithError("raw key read failed");
             break;
         }
@@ -506,14 +445,14 @@ bool SetUp(bool withBundles) {
 
     for (int i = 0; i < kMaxThreads; ++i) {
         g->perThread[i].reset(new CLdap());
-        g->rawPerThread[i] = RawConnect(g->info);
+        g->rawPerThread[i] = qorbench::RawConnect(g->info);
         if (g->perThread[i]->ConnectLdap() != 0 || g->rawPerThread[i] == nullptr) {
             std::fprintf(stderr, "bench: cannot open the per-thread connections\n");
             return false;
         }
     }
-    g->raw = RawConnect(g->info);
-    g->rawShared = RawConnect(g->info);
+    g->raw = qorbench::RawConnect(g->info);
+    g->rawShared = qorbench::RawConnect(g->info);
     if (g->raw == nullptr || g->rawShared == nullptr) {
         std::fprintf(stderr, "bench: raw libldap cannot bind as %s\n", g->info.managerdn);
         return false;

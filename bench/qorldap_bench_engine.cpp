@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "BenchCommon.h"
+#include "Raw.h"
 #include "engine/LdapOp.h"
 
 namespace {
@@ -92,109 +93,13 @@ bool Populate(CLdapOp& op) {
     return true;
 }
 
-// --- the raw walk: the engine's requests, in its order, with libldap directly ---------------
-
-// One-level listing of the children holding an ou or a cn; their DNs.
-bool RawChildren(char const* base, std::vector<std::string>& children) {
-    children.clear();
-    LDAPMessage* result = nullptr;
-    if (ldap_search_ext_s(g_raw, base, LDAP_SCOPE_ONELEVEL, "(|(ou=*)(cn=*))", nullptr, 0, nullptr,
-                          nullptr, nullptr, 0, &result) != LDAP_SUCCESS) {
-        if (result != nullptr) {
-            ldap_msgfree(result);
-        }
-        return false;
-    }
-    children.reserve(static_cast<size_t>(ldap_count_entries(g_raw, result)));
-    for (LDAPMessage* e = ldap_first_entry(g_raw, result); e != nullptr;
-         e = ldap_next_entry(g_raw, e)) {
-        char* dn = ldap_get_dn(g_raw, e);
-        children.emplace_back(dn != nullptr ? dn : "");
-        ldap_memfree(dn);
-    }
-    ldap_msgfree(result);
-    return true;
-}
-
-// Base select of an entry named by ou=...: two walks over its attributes.
-bool RawSelectSelf(char const* dn) {
-    LDAPMessage* result = nullptr;
-    if (ldap_search_ext_s(g_raw, dn, LDAP_SCOPE_BASE, "(ou=*)", nullptr, 0, nullptr, nullptr,
-                          nullptr, 0, &result) != LDAP_SUCCESS) {
-        if (result != nullptr) {
-            ldap_msgfree(result);
-        }
-        return false;
-    }
-    for (int pass = 0; pass < 2; ++pass) {
-        BerElement* ber = nullptr;
-        for (char* a = ldap_first_attribute(g_raw, result, &ber); a != nullptr;
-             a = ldap_next_attribute(g_raw, result, ber)) {
-            char** values = ldap_get_values(g_raw, result, a);
-            ldap_value_free(values);
-            ldap_memfree(a);
-        }
-        ber_free(ber, 0);
-    }
-    ldap_msgfree(result);
-    return true;
-}
-
-// Base search on a candidate with (cn=*); true when it exists and holds a cn value.
-bool RawCandidate(char const* dn) {
-    LDAPMessage* result = nullptr;
-    if (ldap_search_ext_s(g_raw, dn, LDAP_SCOPE_BASE, "(cn=*)", nullptr, 0, nullptr, nullptr,
-                          nullptr, 0, &result) != LDAP_SUCCESS) {
-        if (result != nullptr) {
-            ldap_msgfree(result);
-        }
-        return false;
-    }
-    bool found = false;
-    BerElement* ber = nullptr;
-    for (char* a = ldap_first_attribute(g_raw, result, &ber); a != nullptr;
-         a = ldap_next_attribute(g_raw, result, ber)) {
-        berval** values = ldap_get_values_len(g_raw, result, a);
-        if (values != nullptr) {
-            found = found || (values[0] != nullptr && std::strcmp(a, "cn") == 0);
-            ldap_value_free_len(values);
-        }
-        ldap_memfree(a);
-    }
-    ber_free(ber, 0);
-    ldap_msgfree(result);
-    return found;
-}
-
-bool RawWalk(std::string const& root, std::string const& value, std::string& dn) {
-    std::vector<std::string> units;
-    std::vector<std::string> users;
-    if (!RawChildren(root.c_str(), units) || !RawSelectSelf(root.c_str())) {
-        return false;
-    }
-    for (std::string const& unit : units) {
-        if (!RawChildren(unit.c_str(), users) || !RawSelectSelf(unit.c_str())) {
-            continue;
-        }
-        if (users.empty()) {
-            continue;
-        }
-        std::string candidate = "cn=" + value + ", " + unit;
-        if (RawCandidate(candidate.c_str())) {
-            dn = candidate;
-            return true;
-        }
-    }
-    return false;
-}
-
 void FullDnRaw(benchmark::State& state) {
     int users = static_cast<int>(state.range(0));
     std::string value = UserName(users, kUnits - 1, users / kUnits - 1);
     std::string expected = "cn=" + value + ", " + UnitDn(users, kUnits - 1);
     for (auto _ : state) {
         std::string dn;
-        if (!RawWalk(TreeDn(users), value, dn) || dn != expected) {
+        if (!qorbench::RawWalk(g_raw, TreeDn(users), value, dn) || dn != expected) {
             state.SkipWithError(("raw walk gave '" + dn + "'").c_str());
             break;
         }
@@ -238,7 +143,7 @@ void FullDnPaired(benchmark::State& state) {
         },
         [&] {
             std::string dn;
-            return RawWalk(root, value, dn) && dn == expected;
+            return qorbench::RawWalk(g_raw, root, value, dn) && dn == expected;
         });
 }
 

@@ -1,8 +1,8 @@
 // The opt-in lookup of a user by name ("fast_lookup = yes" in soap.ini): one indexed search
 // instead of the walk down the tree, and child listings that ask for names only.
 #include <cstring>
+#include <utility>
 
-#include "engine/Bounded.h"
 #include "engine/Constants.h"
 #include "engine/LdapOp.h"
 
@@ -83,11 +83,11 @@ int CLdapOp::FindUser(char const* value, std::string& dn) {
             parent = templateCount_ == 1 ? std::string(settings.basedn) : Parent(found);
         }
     });
-    char composed[513];
-    if (users != 1 ||
-        !qor::Format(composed, sizeof composed, LDAP_DN_COMPOSE, naming, value, parent.c_str())) {
+    // "attr=value, parent", as LDAP_DN_COMPOSE writes it, and no longer than the walk's 512.
+    std::string composed = std::string(naming) + "=" + value + ", " + parent;
+    if (users != 1 || composed.size() > 512) {
         return QORLDAP_E_FAILED;
     }
-    dn = composed;
+    dn = std::move(composed);
     return QORLDAP_OK;
 }
