@@ -32,6 +32,15 @@ int ConnectLdap(), GetSignPrivateKey(C, K, N), GetSignPublicKey(C, K, N),
     PublishP12(C, unsigned long, C, C, bool, bool);
 void FreeKey(unsigned char*), GetLdapAtt(LdapInfo&), SetLdapAtt(LdapInfo);
 
+extern "C" {
+struct QorLdapResult {
+    int code;
+    C operation, matchedDn, diagnostic;
+};
+void QorLdapLastResult(QorLdapResult*), QorLdapKeepDiagnostics(int);
+C QorLdapResultText(int);
+}
+
 class CLdap {
   public:
     CLdap();
@@ -85,6 +94,12 @@ int main() {
                   F(ldap.SelectLdap(dn, nullptr, list, count)) +
                   F(ldap.InsertLdap(dn, att, false, b, 2, b, 2, b, 2)) +
                   F(ldap.ModifyLdap(dn, att)) + F(ldap.DeleteLdap(dn));
+    // The extension: this thread's last request was a bind nobody answered.
+    QorLdapKeepDiagnostics(1);
+    QorLdapResult last = {};
+    QorLdapLastResult(&last);
+    ok = ok && last.code == -1 && !std::strcmp(last.operation, "bind") &&
+         !std::strcmp(QorLdapResultText(49), "Invalid credentials");
     FreeKey(key);
     ldap.FreeKey(key);
     ldap.FreeAtt(&att);
