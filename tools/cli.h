@@ -38,6 +38,9 @@ std::string CodeText(int code);
 // What a result code means, in a few words.
 std::string CodeMeaning(int code);
 
+// The largest file read as a key, a certificate or a bundle.
+size_t const kMaxInput = 16 * 1024 * 1024;
+
 // --- command lines ---
 
 struct Option {
@@ -69,17 +72,41 @@ struct Command {
 };
 
 std::vector<Command> const& Commands();
+// Reads words with getopt_long against options (-h, --help among them when wanted): values and
+// flags into args, other words into args.positional. untilWord stops at the first word that is
+// not an option and returns its index (what comes before the command); otherwise every word is
+// read and options may follow other words. Usage errors name what.
+size_t ReadOptions(std::string const& what, std::vector<Option> const& options,
+                   std::vector<std::string> const& words, bool untilWord, Args& args);
 // The commands of each file, in the order the overview lists them.
 std::vector<Command> KeyCommands();
+Command PublishCommand();
+Command PasswdCommand();
+Command ShowCommand();
+Command TreeCommand();
 std::vector<Command> EntryCommands();
 std::vector<Command> ConfigCommands();
-// Whether --conf chose the configuration folder (for "config").
-extern bool gConfFromOption;
+
+// --- the settings the library reads (settings.cpp) ---
+
+struct Settings {
+    std::string folder;   // the user's folder of soap.ini and ldap.ini, absolute
+    std::string origin;   // "option" (--conf), "environment" (QORLDAP_CONF_DIR) or "current"
+    bool copied = false;  // the library reads a private copy that adds the timeout below
+    bool timeoutFromOption = false;
+    int timeout = 0;
+};
+// Chooses the folder (--conf, else QORLDAP_CONF_DIR, else the current directory) and, when
+// soap.ini there sets no timeout or --timeout is given, hands the library a private copy
+// with the timeout (10 s unless --timeout says otherwise): this program is then run again on
+// the copy, and the copy removed when that run ends. Before any command runs.
+void PrepareSettings(Args const& args, char** argv);
+Settings const& CurrentSettings();
 
 // --- the library ---
 
-// Where the library looks for a bare file name: $QORLDAP_CONF_DIR/NAME, or NAME in the current
-// directory. The second form is made absolute for messages.
+// The user's file NAME in the folder of the settings, absolute, for messages and for the
+// tool's own reading; the library may be reading a private copy (see PrepareSettings).
 std::string ConfigPath(std::string const& file);
 bool FileReadable(std::string const& path);
 // Fails when soap.ini holds a managerdn or psw longer than the library's record keeps: the
@@ -97,23 +124,61 @@ std::string MissingTemplatesHint();
 // --- files and output (output.cpp) ---
 
 std::string ReadFile(std::string const& what, std::string const& path, size_t limit);
-std::string Base64Encode(std::string const& data);
-bool Base64Decode(std::string const& text, std::string& out);
-std::string PemEncode(std::string const& label, std::string const& der);
-// Decodes the first PEM block of text: its label and its data as DER. False, with error set,
-// for a broken block.
-bool PemDecode(std::string const& text, std::string& label, std::string& der, std::string& error);
-bool LooksLikePem(std::string const& text);
 // Usage error when binary data would go to a terminal.
 void RefuseBinaryOnTerminal(std::string const& what, std::string const& path, bool binary);
 // Writes data to path ("-" or empty: standard output). binary data is refused on a terminal.
 // privateFile leaves the file readable by its owner only.
 void WriteOutput(std::string const& what, std::string const& data, std::string const& path,
                  bool binary, bool privateFile);
-// The DER element at offset: its tag, header length and content length; false when the
-// element does not fit in der.
-bool DerHeader(std::string const& der, size_t offset, unsigned char& tag, size_t& headerLength,
-               size_t& contentLength);
+
+// --- PEM and base64 (pem.cpp) ---
+
+std::string Base64Encode(std::string const& data);  // one line
+std::string PemEncode(std::string const& label, std::string const& der);
+enum class Pem { kNone, kRead, kBroken };
+// Decodes the first PEM block of text: its label and its data. kNone when text holds none (it
+// may be DER); kBroken, with error set, for a block that does not decode.
+Pem PemDecode(std::string const& text, std::string& label, std::string& der, std::string& error);
+
+// --- what DER holds (der.cpp, describe.cpp) ---
+
+enum class DerKind { kCertificate, kPublicKey, kEncryptedKey, kPrivateKey, kOther };
+// Decided by decoding der whole: an X.509 certificate, a SubjectPublicKeyInfo, a PKCS#8
+// EncryptedPrivateKeyInfo, a clear private key (PKCS#8 or the algorithm's own form), or other.
+DerKind Classify(std::string const& der);
+struct Field {
+    std::string name;  // "subject", "notAfter", "sha256"
+    std::string value;
+};
+// What der is, for people: for a certificate its subject, issuer, serial, validity, key and
+// SHA-256 fingerprint; for a public key its type and size; for a private key whether and how
+// it is encrypted.
+std::vector<Field> Describe(std::string const& der);
+
+// --- names (dn.cpp, levels.cpp, bundle.cpp) ---
+
+// The first positional argument as a DN the library takes, and fits its records.
+std::string CheckedDn(Args const& args);
+// The DN or name argument as the library takes it: attribute types in lower case, values and
+// the blanks after commas as given. A usage error, naming the character, for a value the
+// library cannot store unescaped, and for a part that is not type=value.
+std::string LibraryDn(std::string const& what, std::string const& dn);
+// Why value cannot be part of a DN the library composes ("it holds \"+\"", "it starts with a
+// blank"); empty when it can.
+std::string UnsafeInValue(std::string const& value);
+// The parts between commas, as given.
+std::vector<std::string> DnParts(std::string const& dn);
+// dn folded for comparison: blanks around the parts dropped, ASCII letters in lower case.
+std::string DnKey(std::string const& dn);
+// The naming attribute of each level of ldap.ini, from the top down; empty when the file does
+// not read.
+std::vector<std::string> NamingAttributes();
+// The value of a certificate subject ("type=value" lines) that the library takes for type;
+// line receives where that line starts. Empty, line untouched, when no line matches.
+std::string SubjectValue(std::string const& subject, std::string const& type, size_t& line);
+// The certificate subject of a PKCS#12 bundle as the library reads it at publication; false
+// when the bundle does not open.
+bool BundleSubject(std::string const& bundle, std::string const& password, std::string& subject);
 
 // --- passwords (password.cpp) ---
 

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 
 #include "cli.h"
 #include "engine/LinkOptions.h"
@@ -22,18 +21,22 @@ int RunConfig(Args const& args) {
     LdapInfo info;
     ldap.GetLdapAtt(info);
 
-    char const* dir = std::getenv("QORLDAP_CONF_DIR");
-    if (dir != nullptr && dir[0] != '\0') {
-        std::printf("files looked for in %s (QORLDAP_CONF_DIR%s)\n", dir,
-                    gConfFromOption ? ", from --conf" : "");
-    } else {
-        char here[4096];
+    Settings const& settings = CurrentSettings();
+    if (settings.origin == "current") {
         std::printf("files looked for in the current directory %s (QORLDAP_CONF_DIR is not set)\n",
-                    ::getcwd(here, sizeof here) != nullptr ? here : ".");
+                    settings.folder.c_str());
+    } else {
+        std::printf("files looked for in %s (QORLDAP_CONF_DIR%s)\n", settings.folder.c_str(),
+                    settings.origin == "option" ? ", from --conf" : "");
     }
     for (char const* file : {"soap.ini", "ldap.ini"}) {
         std::string const path = ConfigPath(file);
         std::printf("  %s  %s%s\n", file, path.c_str(), FileReadable(path) ? "" : " (not found)");
+    }
+    if (settings.copied) {
+        std::printf(
+            "  (the library reads a copy of them that adds the timeout, in a private\n"
+            "  folder removed at exit; the files themselves are left as they are)\n");
     }
     std::printf("settings in force (section [ldap] of soap.ini):\n");
     std::printf("  host       %s\n", Shown(info.host).c_str());
@@ -48,7 +51,17 @@ int RunConfig(Args const& args) {
     LinkOptions link;
     link.Read(IniFile::Load(ConfigPath("soap.ini")), "ldap");
     std::printf("  tls        %s\n", link.Describe().c_str());
-    if (link.timeout > 0) {
+    if (settings.copied && settings.timeoutFromOption) {
+        if (settings.timeout > 0) {
+            std::printf("  timeout    %d s (--timeout)\n", settings.timeout);
+        } else {
+            std::printf(
+                "  timeout    none (--timeout 0: a silent server blocks a call for ever)\n");
+        }
+    } else if (settings.copied) {
+        std::printf("  timeout    %d s (the tool's default; soap.ini sets none)\n",
+                    settings.timeout);
+    } else if (link.timeout > 0) {
         std::printf("  timeout    %d s for connecting and for each request\n", link.timeout);
     } else {
         std::printf("  timeout    (not set: a silent server blocks a call for ever)\n");
@@ -78,6 +91,12 @@ char const kConfigHelp[] =
     "  tls_verify  yes | true | on | 1 | demand  /  no | false | off | 0 | never\n"
     "  reconnect   yes | true | on | 1  /  no | false | off | 0\n"
     "  timeout     whole seconds (0 or absent: none)\n"
+    "When soap.ini sets no timeout, qorldap (not the library) uses 10 s, and --timeout N\n"
+    "(before or after the command) sets another for one run, 0 for none. The library takes\n"
+    "its settings from the files alone, so the tool hands it a copy of soap.ini and\n"
+    "ldap.ini with the timeout added, in a private folder (mode 0700) removed at exit; the\n"
+    "files themselves are never changed. \"config\" shows which timeout is in force:\n"
+    "  timeout    10 s (the tool's default; soap.ini sets none)\n"
     "managerdn and psw hold 32 characters each; a longer bind DN or password goes into\n"
     "bind_dn and bind_password, which take their place at every bind. Every command\n"
     "refuses a managerdn or psw that does not fit rather than bind with a cut value.\n"

@@ -1,4 +1,4 @@
-// The entry commands: show, ls, add, modify, delete.
+// The entry commands: ls, add, modify, delete (show has a file of its own).
 #include <strings.h>
 
 #include <algorithm>
@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "holders.h"
 #include "platform/Trim.h"
 #include "qorldap/qorldap.h"
 
@@ -17,47 +18,20 @@ namespace {
 // A listing's subtree never goes deeper than this; a loop in the data must not run forever.
 int const kMaxDepth = 32;
 
-// An entry record, released through the object that filled it.
-class Entry {
-  public:
-    explicit Entry(CLdap& ldap) : ldap_(ldap) { std::memset(&att, 0, sizeof att); }
-    ~Entry() { ldap_.FreeAtt(&att); }
-    Entry(Entry const&) = delete;
-    Entry& operator=(Entry const&) = delete;
+}  // namespace
 
-    tagAtt att;
-
-  private:
-    CLdap& ldap_;
-};
-
-class Children {
-  public:
-    explicit Children(CLdap& ldap) : ldap_(ldap) {}
-    ~Children() {
-        if (list != nullptr)
-            ldap_.FreeDN(list, count);
-    }
-    Children(Children const&) = delete;
-    Children& operator=(Children const&) = delete;
-
-    tagDN* list = nullptr;
-    int count = 0;
-
-  private:
-    CLdap& ldap_;
-};
-
-void CheckDn(Args const& args, std::string const& dn) {
-    if (dn.empty())
+std::string CheckedDn(Args const& args) {
+    std::string const& given = args.positional[0];
+    if (given.empty())
         Usage(args.command, "the DN is empty");
+    std::string const dn = LibraryDn(args.command, given);
     if (dn.size() >= sizeof(tagAtt::dn)) {
         Usage(args.command,
               "the DN is longer than " + std::to_string(sizeof(tagAtt::dn) - 1) + " characters");
     }
+    return dn;
 }
 
-// 0 when the entry is missing, else its number of attributes.
 int Lookup(Args const& args, CLdap& ldap, std::string const& dn, Entry& entry) {
     int rc = ldap.SelectLdap(dn.c_str(), entry.att);
     if (rc == QORLDAP_E_FAILED) {
@@ -69,71 +43,7 @@ int Lookup(Args const& args, CLdap& ldap, std::string const& dn, Entry& entry) {
     return entry.att.itemCount;
 }
 
-// The keys and certificates of a user's entry, with their sizes; nothing for other entries,
-// whose names the key reads refuse.
-void ShowKeys(CLdap& ldap, std::string const& dn) {
-    typedef int (CLdap::*KeyGet)(char const*, unsigned char*&, unsigned int&);
-    static struct {
-        KeyGet get;
-        char const* text;
-    } const kKeys[] = {
-        {&CLdap::GetSignPublicKey, "signing certificate"},
-        {&CLdap::GetSignPrivateKey, "signing private key (encrypted)"},
-        {&CLdap::GetCryptPublicKey, "encryption certificate"},
-        {&CLdap::GetCryptPrivateKey, "encryption private key (encrypted)"},
-    };
-    std::vector<std::string> lines;
-    for (auto const& k : kKeys) {
-        unsigned char* data = nullptr;
-        unsigned int length = 0;
-        int rc = (ldap.*k.get)(dn.c_str(), data, length);
-        ldap.FreeKey(data);
-        if (rc != QORLDAP_OK)
-            return;
-        if (length > 0)
-            lines.push_back(std::string(k.text) + ", " + std::to_string(length) + " bytes");
-    }
-    std::printf("keys and certificates:%s\n", lines.empty() ? " none" : "");
-    for (std::string const& line : lines)
-        std::printf("  %s\n", line.c_str());
-}
-
-int RunShow(Args const& args) {
-    std::string const& dn = args.positional[0];
-    CheckDn(args, dn);
-    CLdap ldap;
-    Connect(ldap);
-    Entry entry(ldap);
-    if (Lookup(args, ldap, dn, entry) <= 0) {
-        Fail(args.command, "no such entry: " + dn);
-    }
-    tagAtt const& att = entry.att;
-    std::string const parent = qor::Trim(att.parentDn);
-    std::printf("dn: %s\n", att.dn);
-    // The library names a DN of one part its own parent.
-    std::printf("parent: %s\n",
-                parent == qor::Trim(att.dn) ? "(none, top of the tree)" : parent.c_str());
-    if (att.objectClass[0] != '\0') {
-        std::printf("template: %s (naming attribute %s, level %d of %d)\n", att.objectClass,
-                    att.namingAtt, att.templateIndex + 1, att.templateCount);
-    } else {
-        std::printf("template: none\n");
-    }
-    std::printf("attributes:\n");
-    int unnamed = 0;
-    for (int i = 0; i < att.itemCount; ++i) {
-        if (att.items[i].type[0] == '\0') {
-            ++unnamed;
-        } else {
-            std::printf("  %s\n", att.items[i].type);
-        }
-    }
-    if (unnamed > 0) {
-        std::printf("  (and %d more whose names do not fit the record)\n", unnamed);
-    }
-    ShowKeys(ldap, dn);
-    return kExitOk;
-}
+namespace {
 
 void List(Args const& args, CLdap& ldap, std::string const& dn, int depth, bool recursive) {
     Children children(ldap);
@@ -154,8 +64,7 @@ void List(Args const& args, CLdap& ldap, std::string const& dn, int depth, bool 
 }
 
 int RunLs(Args const& args) {
-    std::string const& dn = args.positional[0];
-    CheckDn(args, dn);
+    std::string const dn = CheckedDn(args);
     bool const recursive = args.Has("--recursive");
     CLdap ldap;
     Connect(ldap);
@@ -204,8 +113,7 @@ void SetClass(Args const& args, tagAtt& att) {
 }
 
 int RunAdd(Args const& args) {
-    std::string const& dn = args.positional[0];
-    CheckDn(args, dn);
+    std::string const dn = CheckedDn(args);
     if (!args.HasValue("--class") || args.Value("--class").empty()) {
         Usage(args.command, "--class OBJECTCLASS is required");
     }
@@ -288,8 +196,7 @@ int RunAdd(Args const& args) {
 }
 
 int RunModify(Args const& args) {
-    std::string const& dn = args.positional[0];
-    CheckDn(args, dn);
+    std::string const dn = CheckedDn(args);
     std::vector<tagAttItem> items = Items(args);
     tagAtt att;
     std::memset(&att, 0, sizeof att);
@@ -313,8 +220,7 @@ int RunModify(Args const& args) {
 }
 
 int RunDelete(Args const& args) {
-    std::string const& dn = args.positional[0];
-    CheckDn(args, dn);
+    std::string const dn = CheckedDn(args);
     CLdap ldap;
     Connect(ldap);
     int rc = ldap.DeleteLdap(dn.c_str());
@@ -323,12 +229,6 @@ int RunDelete(Args const& args) {
     std::printf("deleted %s\n", dn.c_str());
     return kExitOk;
 }
-
-char const kShowHelp[] =
-    "usage: qorldap show DN\n"
-    "\n"
-    "Describes the entry DN: its parent, the template of ldap.ini its class matches (if\n"
-    "any), and the names of its attributes. Exit status 1 when there is no such entry.\n";
 
 char const kLsHelp[] =
     "usage: qorldap ls DN [-R]\n"
@@ -361,7 +261,8 @@ char const kDeleteHelp[] =
 std::vector<Command> EntryCommands() {
     Option const klass{"--class", nullptr, true};
     return {
-        {"show", "describe an entry", kShowHelp, {}, 1, 1, RunShow},
+        ShowCommand(),
+        TreeCommand(),
         {"ls",
          "list the entries below an entry",
          kLsHelp,

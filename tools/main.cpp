@@ -1,13 +1,5 @@
-// qorldap: keys and certificates in an LDAP directory, from the command line.
-//
-// The global option --conf DIR must hold before libqorldap reads its files. The engine of the
-// free functions is built, and its files read, when the library is loaded, before main runs;
-// so --conf sets QORLDAP_CONF_DIR and starts this program again, which then loads the library
-// with the right files.
-#include <limits.h>
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
+// qorldap: keys and certificates in an LDAP directory, from the command line. The settings the
+// library reads are chosen before any command runs (settings.cpp).
 
 #include <cerrno>
 #include <cstdio>
@@ -37,11 +29,11 @@ std::vector<Command> const& Commands() {
 
 namespace {
 
-char const kVersion[] = "qorldap " QORLDAP_VERSION "\n";  // the CMake project version
+char const kVersionText[] = "qorldap " QORLDAP_VERSION "\n";  // the CMake project version
 
 void Overview(std::FILE* to) {
     std::fprintf(to,
-                 "usage: qorldap [--conf DIR] COMMAND [ARGS...]\n"
+                 "usage: qorldap [--conf DIR] [--timeout N] COMMAND [ARGS...]\n"
                  "\n"
                  "Keeps users' keys and certificates in an LDAP directory, through libqorldap.\n"
                  "\n"
@@ -54,6 +46,8 @@ void Overview(std::FILE* to) {
                  "Options (before or after the command):\n"
                  "  --conf DIR  read soap.ini and ldap.ini from DIR (default: $QORLDAP_CONF_DIR,\n"
                  "              else the current directory)\n"
+                 "  --timeout N give up on a silent directory after N seconds (0: never);\n"
+                 "              default: soap.ini's timeout, else 10 (see qorldap config --help)\n"
                  "  -h, --help  this text; \"qorldap COMMAND --help\" describes one command\n"
                  "  --version   the version\n"
                  "\n"
@@ -68,123 +62,25 @@ Command const* Find(std::string const& name) {
     return nullptr;
 }
 
-// Points the library at dir and starts again when it is not pointed there yet.
-void UseConfDir(std::string const& dir, char** argv) {
-    char resolved[PATH_MAX];
-    struct stat st;
-    if (::realpath(dir.c_str(), resolved) == nullptr || ::stat(resolved, &st) != 0 ||
-        !S_ISDIR(st.st_mode)) {
-        Usage("--conf", "no such directory: " + dir);
-    }
-    char const* current = std::getenv("QORLDAP_CONF_DIR");
-    if (current != nullptr && std::strcmp(current, resolved) == 0) {
-        return;
-    }
-    if (::setenv("QORLDAP_CONF_DIR", resolved, 1) != 0) {
-        Fail("--conf", std::string("cannot set QORLDAP_CONF_DIR: ") + std::strerror(errno));
-    }
-    std::fflush(nullptr);
-    ::execv("/proc/self/exe", argv);
-    Fail("--conf",
-         std::string("cannot start again with the new settings: ") + std::strerror(errno));
-}
-
-Args Parse(Command const& command, std::vector<std::string> const& words, bool& help) {
-    Args args;
-    args.command = command.name;
-    help = false;
-    bool options = true;
-    for (size_t i = 0; i < words.size(); ++i) {
-        std::string const& word = words[i];
-        if (!options || word.empty() || word[0] != '-' || word == "-") {
-            args.positional.push_back(word);
-            continue;
-        }
-        if (word == "--") {
-            options = false;
-            continue;
-        }
-        if (word == "--help" || word == "-h") {
-            help = true;
-            continue;
-        }
-        std::string name = word;
-        std::string value;
-        bool inlineValue = false;
-        size_t eq = word.find('=');
-        if (word.compare(0, 2, "--") == 0 && eq != std::string::npos) {
-            name = word.substr(0, eq);
-            value = word.substr(eq + 1);
-            inlineValue = true;
-        }
-        Option const* found = nullptr;
-        for (Option const& o : command.options) {
-            if (name == o.name || (o.alias != nullptr && name == o.alias))
-                found = &o;
-        }
-        if (found == nullptr)
-            Usage(args.command, "unknown option " + name);
-        if (!found->takesValue) {
-            if (inlineValue)
-                Usage(args.command, std::string(found->name) + " takes no value");
-            args.flags.insert(found->name);
-            continue;
-        }
-        if (!inlineValue) {
-            if (i + 1 >= words.size()) {
-                Usage(args.command, std::string(found->name) + " needs a value");
-            }
-            value = words[++i];
-        }
-        args.values[found->name] = value;
-    }
-    return args;
-}
+Option const kConf{"--conf", nullptr, true};
+Option const kTimeout{"--timeout", nullptr, true};
+Option const kHelp{"--help", "-h", false};
+Option const kVersion{"--version", nullptr, false};
 
 int Main(int argc, char** argv) {
-    std::string conf;
-    bool confGiven = false;
-    bool help = false;
-    std::string commandName;
-    std::vector<std::string> rest;
-    bool options = true;
-    for (int i = 1; i < argc; ++i) {
-        std::string const word = argv[i];
-        if (options && word == "--conf") {
-            if (i + 1 >= argc)
-                Usage("--conf", "needs a directory");
-            conf = argv[++i];
-            confGiven = true;
-            continue;
-        }
-        if (options && word.compare(0, 7, "--conf=") == 0) {
-            conf = word.substr(7);
-            confGiven = true;
-            continue;
-        }
-        if (commandName.empty()) {
-            if (options && (word == "--help" || word == "-h")) {
-                help = true;
-                continue;
-            }
-            if (options && word == "--version") {
-                std::fputs(kVersion, stdout);
-                return kExitOk;
-            }
-            if (options && word == "--") {
-                options = false;
-                continue;
-            }
-            if (options && word.size() > 1 && word[0] == '-') {
-                Usage("", "unknown option " + word + " before the command");
-            }
-            commandName = word;
-            continue;
-        }
-        if (word == "--")
-            options = false;
-        rest.push_back(word);
+    std::vector<std::string> const words(argv + 1, argv + argc);
+    // Before the command only the global options; after it, those and the command's own.
+    Args global;
+    size_t at = ReadOptions("", {kConf, kTimeout, kHelp, kVersion}, words, true, global);
+    if (global.Has("--version")) {
+        std::fputs(kVersionText, stdout);
+        return kExitOk;
     }
+    bool help = global.Has("--help");
+    std::string commandName = at < words.size() ? words[at] : "";
+    std::vector<std::string> rest;
+    if (at < words.size())
+        rest.assign(words.begin() + static_cast<long>(at) + 1, words.end());
     if (commandName == "help") {
         if (rest.empty()) {
             Overview(stdout);
@@ -201,9 +97,15 @@ int Main(int argc, char** argv) {
     Command const* command = Find(commandName);
     if (command == nullptr)
         Usage("", "unknown command \"" + commandName + "\"");
-    bool commandHelp = false;
-    Args args = Parse(*command, rest, commandHelp);
-    if (help || commandHelp) {
+    std::vector<Option> options = command->options;
+    options.push_back(kConf);
+    options.push_back(kTimeout);
+    options.push_back(kHelp);
+    Args args;
+    args.command = command->name;
+    args.values = global.values;
+    ReadOptions(args.command, options, rest, false, args);
+    if (help || args.Has("--help")) {
         std::fputs(command->help, stdout);
         return kExitOk;
     }
@@ -213,10 +115,7 @@ int Main(int argc, char** argv) {
     if (args.positional.size() > command->maxPositional) {
         Usage(args.command, "too many arguments");
     }
-    if (confGiven) {
-        gConfFromOption = true;
-        UseConfDir(conf, argv);
-    }
+    PrepareSettings(args, argv);
     return command->run(args);
 }
 

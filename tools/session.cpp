@@ -12,10 +12,10 @@
 
 namespace qortool {
 
-bool gConfFromOption = false;
-
 // Where the library looks for file, made absolute so that messages say exactly which file.
 std::string ConfigPath(std::string const& file) {
+    if (!CurrentSettings().folder.empty())
+        return CurrentSettings().folder + "/" + file;
     std::string path = CSystem::ResolveConfigPath(file);
     char cwd[4096];
     if (path[0] != '/' && ::getcwd(cwd, sizeof cwd) != nullptr) {
@@ -76,10 +76,10 @@ void RefuseCutSettings() {
                            Field{"psw", sizeof(LdapInfo::psw) - 1, "bind_password"}}) {
         std::string value;
         if (ini.Get("ldap", f.key, value) && value.size() > f.room) {
-            Fail("config", std::string(f.key) + " in " + soap + " has " +
-                               std::to_string(value.size()) + " characters; the library keeps " +
-                               std::to_string(f.room) + " and would bind with a cut value (write it as " +
-                               f.instead + " instead)");
+            Fail("config",
+                 std::string(f.key) + " in " + soap + " has " + std::to_string(value.size()) +
+                     " characters; the library keeps " + std::to_string(f.room) +
+                     " and would bind with a cut value (write it as " + f.instead + " instead)");
         }
     }
 }

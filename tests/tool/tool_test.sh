@@ -24,7 +24,8 @@ make_user() {  # name, subject, key algorithm options...: a key, a certificate a
 { openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2 -subj "/CN=Test CA" &&
     make_user li "/C=CN/O=Acme/OU=Sales/CN=Li Lei" -algorithm RSA &&
     make_user wang "/C=CN/O=Acme/OU=Research/CN=Wang Fang" -algorithm EC -pkeyopt ec_paramgen_curve:SM2 &&
-    make_user zhao "/C=CN/O=Acme/OU=Sales/CN=Zhao Min" -algorithm EC -pkeyopt ec_paramgen_curve:P-256
+    make_user zhao "/C=CN/O=Acme/OU=Sales/CN=Zhao Min" -algorithm EC -pkeyopt ec_paramgen_curve:P-256 &&
+    make_user plus "/C=CN/O=Acme/OU=R\+D/CN=Plus" -algorithm EC -pkeyopt ec_paramgen_curve:P-256
 } >"$tmp/openssl.log" 2>&1 || { cat "$tmp/openssl.log"; echo "0 passed, 1 failed"; exit 1; }
 li="cn=li lei, ou=sales, o=root"
 wang="cn=wang fang, ou=research, o=root"
@@ -48,12 +49,16 @@ check "no command: usage on stderr, status 2" test "$status" = 2 -a -n "$(grep '
 no "an unknown command" 2 'unknown command "frobnicate"' frobnicate
 no "a missing argument" 2 "get-cert: missing argument" get-cert
 no "an unknown option" 2 "get-cert: unknown option --bogus" get-cert "$li" --bogus
-for c in publish get-cert get-key put-cert put-key rm-key passwd show ls add modify delete config; do ok "$c --help" "usage: qorldap $c" "$c" --help; done
+no "a value given to a flag" 2 "get-cert: --pem takes no value" get-cert "$li" --pem=yes
+for c in publish get-cert get-key put-cert put-key rm-key passwd show tree ls add modify delete config; do ok "$c --help" "usage: qorldap $c" "$c" --help; done
+docs=${directory%/scripts/directory}  # the project, from harness.sh
+check "the manual and the completion know every command" test -z "$(run_bare --help; sed -n 's/^  \([a-z][a-z-]*\) .*/\1/p' <<<"$out" |
+    while read -r c; do grep -qF ".SS \"${c//-/\\-} " "$docs/man/qorldap.1" && grep -qw -- "$c" "$docs/completion/qorldap.bash" || echo "$c"; done)"
 
 group "config and connection failures"
 run config
 expect_ok "config shows the folder's settings" "port       $LDAP_PORT" "managerdn  cn=qorldap,ou=services,o=root" \
-    "psw        ********" "tls        none (clear text)" "timeout    (not set" "$conf/soap.ini"
+    "psw        ********" "tls        none (clear text)" "timeout    10 s (the tool's default; soap.ini sets none)" "$conf/soap.ini"
 check "config never shows the bind password" test -z "$(grep secret "$tmp/out")"
 QORLDAP_CONF_DIR=$tmp/unreachable run_bare --conf "$conf" config --check
 expect_ok "--conf wins over QORLDAP_CONF_DIR, also for the library" "connection: ok"
@@ -65,6 +70,15 @@ run_bare --conf "$tmp/badtls" ls o=root
 expect_fail "a misspelt tls key refuses before connecting" 1 "tls=yes in $tmp/badtls/soap.ini is not a spelling"
 run_bare --conf "$tmp/empty" ls o=root
 expect_fail "a folder without soap.ini" 1 "no soap.ini at $tmp/empty/soap.ini"
+# A server that takes connections and never answers; the private copy of the settings goes.
+perl -MIO::Socket::INET -e '$s = IO::Socket::INET->new(LocalAddr => "127.0.0.1", Listen => 5) or die;
+    open(P, ">", "silent.port") && print(P $s->sockport) && close(P); sleep 60' & silent=$!
+for _ in {1..100}; do [ -s silent.port ] && break; sleep 0.1; done
+mkdir silent tmpdir && sed "s/^port=.*/port=$(cat silent.port)/" "$conf/soap.ini" >silent/soap.ini
+TMPDIR=$tmp/tmpdir run_bare --conf "$tmp/silent" ls o=root --timeout 1
+expect_fail "--timeout: a silent server is given up" 1 "the directory answered: timed out (-5)"
+kill $silent
+check "and the private copy of the settings is gone" test -z "$(ls tmpdir)"
 
 group "publish"
 QORLDAP_P12_PASSWORD=wrong run publish li.p12
@@ -76,6 +90,9 @@ expect_fail "no password and no terminal: no prompt" 2 "set QORLDAP_P12_PASSWORD
 QORLDAP_KEY_PASSWORD="" run publish li.p12
 expect_fail "an empty key password" 2 "empty"
 ok "publish stores the signing pair" "published li.p12 (signing pair)" publish li.p12
+no "a subject value the library cannot store" 1 "subject's OU=R+D cannot name an entry: it holds \"+\"" publish plus.p12
+run ls o=root
+check "and nothing was written" test -n "$out" -a -z "$(grep -i 'r+d' "$tmp/out")"
 ok "publish --crypt, the encryption pair" "published li.p12 (encryption pair)" publish li.p12 --crypt
 ok "an SM2 bundle" "(encryption pair)" publish wang.p12 --crypt
 printf 'bundle-pw\nignored line\n' >p12.pw
@@ -91,6 +108,14 @@ env -u QORLDAP_KEY_PASSWORD "$tool" --conf "$conf" publish wang.p12 --public-onl
 status=$? out=$(cat "$tmp/out") err=$(cat "$tmp/err")
 expect_ok "--public-only needs no key password" "published wang.p12 (signing certificate only)"
 
+group "publish many"
+mkdir bundles && cp li.p12 zhao.p12 bundles/ && echo junk >bundles/junk.pfx && echo other >bundles/notes.txt
+run publish bundles --jobs 2 --report report.txt --public-only
+check "a folder: its bundles, a broken one reported, status 1" test "$status" = 1 -a -n "$(grep '^2 published, 1 failed in' "$tmp/out")" \
+    -a -n "$(grep '^bundles/junk.pfx: 0x16000014' report.txt)" -a "$(wc -l <report.txt)" = 1
+printf '%s\n' li.p12 missing.p12 | "${detach[@]}" "$tool" --conf "$conf" publish --from-stdin --public-only >"$tmp/out" 2>"$tmp/err"
+check "paths from standard input, and the missing one named" test $? = 1 -a -n "$(grep '^1 published, 1 failed' "$tmp/out")" -a -n "$(grep 'publish: cannot read missing.p12' "$tmp/err")"
+
 group "ls and show"
 run ls -R o=root
 expect_ok "ls -R shows the tree, indented by depth" $'o=root\n  ou=sales,o=root\n    cn=li lei,ou=sales,o=root' \
@@ -99,7 +124,14 @@ no "ls of a missing entry" 1 "ls: 0x16000010" ls "ou=nowhere, o=root"
 run show "$li"
 expect_ok "show describes a user" "dn: $li" "parent: ou=sales, o=root" \
     "template: qorPerson (naming attribute cn, level 2 of 2)" \
-    "signing certificate, $(stat -c %s li.der) bytes" "encryption private key (encrypted)"
+    "signing certificate, $(stat -c %s li.der) bytes" "subject    CN=Li Lei,OU=Sales,O=Acme,C=CN" \
+    "encryption private key, " "PBES2 (PBKDF2, hmacWithSHA256, 100000 iterations; aes-256-cbc)"
+run show "cn=li lei,ou=sales,o=root" --ldif
+ldapsearch -x -D "$LDAP_BINDDN" -w "$LDAP_BINDPW" -LLL -H "$LDAP_URI" -b "cn=li lei,ou=sales,o=root" -s base >li.ldif 2>&1
+check "show --ldif writes what ldapsearch -LLL writes" test "$(grep -v '^#' <<<"$out" | grep . | sort)" = "$(grep . li.ldif | sort)"
+ok "show --json: the fingerprint as openssl gives it" "\"sha256\": \"$(openssl x509 -in li.pem -noout -fingerprint -sha256 | cut -d= -f2)\"" show "$li" --json
+LC_ALL=C ok "tree, in ASCII" $'o=root\n|-- ou=sales\n|   |-- cn=li lei  [sign cert, sign key, crypt cert, crypt key]' tree
+LC_ALL=C.UTF-8 ok "tree --depth 1, with box drawing" $'o=root\n├── ou=sales\n└── ou=research' tree --depth 1
 no "show of a missing entry" 1 "show: no such entry: cn=nobody, ou=sales, o=root" show "cn=nobody, ou=sales, o=root"
 
 group "keys"
@@ -107,7 +139,8 @@ run get-cert "$li"
 check "get-cert: the certificate as published" same_file "$tmp/out" li.der
 run get-cert "$li" --pem
 check "get-cert --pem writes what openssl writes" same_file "$tmp/out" li.pem
-ok "get-cert -o names the file" "stored-wang.der" get-cert "$wang" --crypt -o stored-wang.der
+ok "get-cert --output=FILE before the DN" "stored-wang.der" get-cert --crypt --output=stored-wang.der "$wang"
+ok "an attached -oFILE, and -- before the DN" "li-attached.der" get-cert -oli-attached.der -- "$li"
 check "the SM2 certificate comes back unchanged" same_file stored-wang.der wang.der
 run get-key "$li" -o li.p8
 check "get-key -o makes a file only its owner reads" test "$(stat -c %a li.p8 2>&1)" = 600
@@ -119,7 +152,16 @@ no "get-cert of a missing user" 1 "get-cert: 0x16000015" get-cert "cn=ghost, ou=
 ok "put-cert takes PEM" "stored the encryption certificate of $zhao" put-cert "$zhao" wang.pem --crypt
 run get-cert "$zhao" --crypt
 check "and stores it as DER" same_file "$tmp/out" wang.der
-no "put-cert refuses a key" 1 'holds a PEM "PRIVATE KEY" block' put-cert "$zhao" li.key
+no "put-cert refuses a private key" 1 "li.key: this is a private key; put-cert stores certificates" put-cert "$zhao" li.key
+{ cat li.der; printf x; } >li.trailing.der
+no "put-cert refuses trailing bytes" 1 "is neither an X.509 certificate nor a public key" put-cert "$zhao" li.trailing.der
+openssl pkey -in li.key -pubout -out li.pub
+ok "put-cert takes a public key" "stored the encryption public key of $zhao" put-cert "$zhao" li.pub --crypt
+run get-cert "$zhao" --crypt --pem
+check "get-cert --pem gives it back as a PUBLIC KEY" same_file "$tmp/out" li.pub
+no "put-key refuses a certificate" 1 "holds a certificate, not a private key" put-key "$zhao" li.pem
+ok "attribute types in any letter case" "wrote the signing certificate of cn=Li Lei,ou=Sales,o=root" get-cert "CN=Li Lei,OU=Sales,O=root" -o li-upper.der
+no "a value the library cannot store unescaped" 2 'the value "a+b" of cn' show "cn=a+b, o=root"
 openssl pkcs8 -topk8 -nocrypt -in li.key -outform DER -out li.plain.der
 no "put-key refuses an unencrypted DER key" 1 "holds an unencrypted key" put-key "$zhao" li.plain.der
 # The clear key in the shape of an encrypted one: SEQUENCE { SEQUENCE {}, OCTET STRING key }.
@@ -131,6 +173,7 @@ openssl pkcs8 -topk8 -v2 aes-256-cbc -in li.key -passout pass:other-pw -outform 
 ok "put-key takes an encrypted DER key" "stored the encryption private key of $zhao" put-key "$zhao" li.enc.der --crypt
 run get-key "$zhao" --crypt
 check "and stores it unchanged" same_file "$tmp/out" li.enc.der
+ok "put-key --raw stores any bytes" "bytes, unchecked)" put-key "$zhao" li.plain.der --raw --crypt
 no "put-key to a missing entry: the directory's 32" 1 "put-key: 32 no such object" put-key "cn=ghost, ou=sales, o=root" li.enc.der
 
 group "passwd and rm-key"
@@ -140,7 +183,9 @@ QORLDAP_OLD_PASSWORD=key-pw QORLDAP_NEW_PASSWORD=new-pw run passwd "cn=nobody"
 expect_fail "an unknown user" 1 "passwd: 0x16000010 no user cn=nobody found below o=root"
 printf 'key-pw\n' >old.pw
 printf 'new-pw\n' >new.pw
-ok "passwd re-protects the keys" "changed the password of the private keys of cn=li lei" \
+no "passwd refuses a DN that the walk by cn does not lead to" 1 "cn=li lei leads it to cn=li lei, ou=sales,o=root, not to cn=li lei,ou=research, o=root; nothing" \
+    passwd "cn=li lei,ou=research, o=root"
+ok "passwd names the entry it changed" "changed the password of the private keys of cn=li lei, ou=sales,o=root" \
     passwd "cn=li lei" --old-pass-file old.pw --new-pass-file new.pw
 for pair in sign crypt; do
     option=()

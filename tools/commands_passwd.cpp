@@ -1,0 +1,108 @@
+// The passwd command. The library finds the user by walking the tree; the walk is made here
+// first as well, so that the message names the entry that was changed, and a full DN that the
+// walk would take to some other entry is refused before anything changes.
+#include <strings.h>
+
+#include <cstdio>
+
+#include "cli.h"
+#include "holders.h"
+#include "qorldap/qorldap.h"
+
+namespace qortool {
+
+namespace {
+
+// As the library walks: from base down through the children that hold an ou or a cn, depth
+// first in listing order, to the parents of the last level; there the first parent with an
+// entry "<naming>=<value>, <parent>" that holds a cn wins. A listing that fails hides its
+// subtree, for the library as well.
+bool Walk(CLdap& ldap, std::string const& base, size_t depth, size_t levels,
+          std::string const& naming, std::string const& value, std::string& found) {
+    Children children(ldap);
+    if (ldap.SelectLdap(base.c_str(), "", children.list, children.count) != QORLDAP_OK)
+        return false;
+    if (depth + 1 == levels) {
+        if (children.count <= 0)
+            return false;
+        std::string const candidate = naming + "=" + value + ", " + base;
+        Entry entry(ldap);
+        if (ldap.SelectLdap(candidate.c_str(), entry.att) != QORLDAP_OK)
+            return false;
+        for (int i = 0; i < entry.att.itemCount; ++i) {
+            if (std::string(entry.att.items[i].type) == "cn") {
+                found = candidate;
+                return true;
+            }
+        }
+        return false;
+    }
+    for (int i = 0; i < children.count; ++i) {
+        if (Walk(ldap, children.list[i].dn, depth + 1, levels, naming, value, found))
+            return true;
+    }
+    return false;
+}
+
+int RunPasswd(Args const& args) {
+    std::string const name = LibraryDn(args.command, args.positional[0]);
+    std::vector<std::string> const parts = DnParts(name);
+    std::string const first = parts[0].substr(parts[0].find_first_not_of(" \t"));
+    if (first.compare(0, 3, "cn=") != 0) {
+        FailCode(args.command, QORLDAP_E_FAILED, "the name must start with cn=, such as cn=li lei");
+    }
+    CLdap ldap;
+    Connect(ldap);
+    LdapInfo info;
+    ldap.GetLdapAtt(info);
+    std::vector<std::string> const levels = NamingAttributes();
+    std::string dn;
+    if (levels.empty() || strcasecmp(levels.back().c_str(), "cn") != 0 ||
+        !Walk(ldap, info.basedn, 0, levels.size(), levels.back(), first.substr(3), dn)) {
+        std::string hint = MissingTemplatesHint();
+        FailCode(args.command, QORLDAP_E_FAILED,
+                 hint.empty() ? "no user " + first + " found below " + info.basedn : hint);
+    }
+    if (parts.size() > 1 && DnKey(dn) != DnKey(name)) {
+        Fail(args.command, "the library finds users by their cn alone, and " + first +
+                               " leads it to " + dn + ", not to " + name + "; nothing was changed");
+    }
+    std::string const oldPassword = GetPassword(
+        args, {"--old-pass-file", "QORLDAP_OLD_PASSWORD", "Current key password: ", false, true});
+    std::string const newPassword = GetPassword(
+        args, {"--new-pass-file", "QORLDAP_NEW_PASSWORD", "New key password: ", true, false});
+    int rc = ldap.ModifyPriKeyPsw(name.c_str(), oldPassword.c_str(), newPassword.c_str());
+    if (rc == QORLDAP_E_OLD_PASSWORD) {
+        FailCode(args.command, rc,
+                 "the old password does not open a stored private key of " + dn +
+                     ", or the user lacks one of the two (the encryption key is changed first "
+                     "and not changed back)");
+    }
+    if (rc != QORLDAP_OK)
+        FailCode(args.command, rc);
+    std::printf("changed the password of the private keys of %s\n", dn.c_str());
+    return kExitOk;
+}
+
+char const kPasswdHelp[] =
+    "usage: qorldap passwd NAME [--old-pass-file FILE] [--new-pass-file FILE]\n"
+    "\n"
+    "Changes the password that protects a user's two stored private keys (encryption and\n"
+    "signing). NAME is cn=<name>, such as \"cn=li lei\"; the user is found by walking the\n"
+    "tree from the base DN (depth first, the first user of that name wins), and the entry\n"
+    "changed is named. A full DN is accepted only when the walk leads to that very entry.\n"
+    "The user must hold both keys under the same password.\n"
+    "\n"
+    "The passwords come from the files, else from QORLDAP_OLD_PASSWORD and\n"
+    "QORLDAP_NEW_PASSWORD, else from prompts (the new one asked twice).\n";
+
+}  // namespace
+
+Command PasswdCommand() {
+    return {"passwd",    "change the password of a user's private keys",
+            kPasswdHelp, {{"--old-pass-file", nullptr, true}, {"--new-pass-file", nullptr, true}},
+            1,           1,
+            RunPasswd};
+}
+
+}  // namespace qortool

@@ -1,0 +1,157 @@
+// The publish command: a PKCS#12 bundle's certificate and key stored under its subject.
+#include <cstdio>
+
+#include "publish.h"
+#include "qorldap/LastResult.h"
+#include "qorldap/qorldap.h"
+
+namespace qortool {
+
+namespace {
+
+// Refuses a subject value the library would put into a DN unescaped, where it would split or
+// change the name: nothing is written. A bundle that does not open is left to the library.
+void CheckSubject(PublishSetup const& setup, std::string const& path, std::string const& bundle) {
+    std::string subject;
+    if (!BundleSubject(bundle, setup.bundlePassword, subject))
+        return;
+    for (std::string const& type : setup.levels) {
+        size_t line = std::string::npos;
+        std::string const value = SubjectValue(subject, type, line);
+        if (line == std::string::npos)
+            continue;
+        std::string const unsafe = UnsafeInValue(value);
+        if (!unsafe.empty()) {
+            std::string const component = subject.substr(line, subject.find('\n', line) - line);
+            Fail("publish", path + ": the certificate subject's " + component +
+                                " cannot name an entry: " + unsafe +
+                                ", which the directory library cannot store unescaped; nothing "
+                                "was written");
+        }
+    }
+}
+
+int LastDirectoryCode() {
+    QorLdapResult last = {};
+    QorLdapLastResult(&last);
+    return last.code;
+}
+
+int RunPublish(Args const& args) {
+    if (args.positional.empty() && !args.Has("--from-stdin"))
+        Usage(args.command, "missing argument");
+    bool const many = ManyBundles(args);
+    std::vector<std::string> const paths =
+        many ? BundlePaths(args) : std::vector<std::string>{args.positional[0]};
+    std::string const bundle = many ? "" : ReadFile(args.command, paths[0], kMaxInput);
+    RefuseCutSettings();
+    int rc = ConnectLdap();
+    LdapInfo info;
+    GetLdapAtt(info);
+    if (rc != QORLDAP_OK)
+        FailConnect(rc, info.host, info.port, info.basedn);
+
+    PublishSetup setup;
+    setup.crypt = args.Has("--crypt");
+    setup.publicOnly = args.Has("--public-only");
+    std::string const prompt =
+        many ? "Password of the bundles: " : "Password of " + paths[0] + ": ";
+    setup.bundlePassword =
+        GetPassword(args, {"--p12-pass-file", "QORLDAP_P12_PASSWORD", prompt, false, true});
+    if (!setup.publicOnly) {
+        setup.keyPassword =
+            GetPassword(args, {"--key-pass-file", "QORLDAP_KEY_PASSWORD",
+                               "New password for the stored private key: ", true, false});
+    }
+    setup.levels = NamingAttributes();
+    if (many)
+        return PublishMany(args, setup, paths);
+    PublishBundle(setup, paths[0], bundle);
+    std::printf("published %s (%s)\n", paths[0].c_str(), PublishedWhat(setup).c_str());
+    return kExitOk;
+}
+
+char const kPublishHelp[] =
+    "usage: qorldap publish BUNDLE.p12 [--crypt] [--public-only]\n"
+    "                       [--p12-pass-file FILE] [--key-pass-file FILE]\n"
+    "       qorldap publish FILE|FOLDER|- ... [--from-stdin] [--jobs N] [--report FILE]\n"
+    "                       [the options above]\n"
+    "\n"
+    "Stores the certificate and private key of a PKCS#12 bundle in the directory. The\n"
+    "entry comes from the certificate's subject and the templates of ldap.ini: a subject\n"
+    "C=CN,O=Acme,OU=Sales,CN=Li Lei lands at \"cn=li lei, ou=sales, <basedn>\". Missing\n"
+    "levels are created. The private key is stored encrypted under the key password.\n"
+    "A subject value that cannot be part of a DN unescaped (one holding , + \" \\ < > ; =,\n"
+    "starting with # or a blank, or ending with a blank) is refused before anything is\n"
+    "written.\n"
+    "\n"
+    "  --crypt              store it as the encryption pair (default: the signing pair)\n"
+    "  --public-only        store the certificate only; no key password is needed\n"
+    "  --p12-pass-file FILE read the bundle's password from the first line of FILE\n"
+    "  --key-pass-file FILE read the key password from the first line of FILE\n"
+    "\n"
+    "Many bundles: several files, a FOLDER (its *.p12 and *.pfx files), or - to read one\n"
+    "path a line from standard input. All take the same passwords. A failing bundle is\n"
+    "reported on standard error and the others go on; at the end a summary \"N published,\n"
+    "M failed in T s\", and exit status 1 when any failed. Progress shows on standard\n"
+    "error: a bar on a terminal, else a line each tenth of the way.\n"
+    "\n"
+    "  --from-stdin         read the paths from standard input, as - does\n"
+    "  --jobs N             N bundles at a time (default 1, at most 64). The bundles are\n"
+    "                       opened and their keys protected in parallel; the directory\n"
+    "                       requests take turns on the one connection of the library\n"
+    "  --report FILE        write each failed bundle with its reason to FILE\n"
+    "\n"
+    "Passwords never go on the command line. Without a file option they come from\n"
+    "QORLDAP_P12_PASSWORD and QORLDAP_KEY_PASSWORD, else from a prompt on the terminal.\n"
+    "Give a user's two pairs the same key password: passwd changes both together.\n";
+
+}  // namespace
+
+std::string PublishedWhat(PublishSetup const& setup) {
+    return std::string(setup.crypt ? "encryption" : "signing") +
+           (setup.publicOnly ? " certificate only" : " pair");
+}
+
+void PublishBundle(PublishSetup const& setup, std::string const& path, std::string const& bundle) {
+    CheckSubject(setup, path, bundle);
+    auto publish = [&] {
+        return PublishP12(bundle.data(), bundle.size(), setup.bundlePassword.c_str(),
+                          setup.publicOnly ? nullptr : setup.keyPassword.c_str(), !setup.crypt,
+                          setup.publicOnly);
+    };
+    int rc = publish();
+    // Another bundle of the run may have made the same level a moment before.
+    if (rc == QORLDAP_E_FAILED && LastDirectoryCode() == 68)
+        rc = publish();
+    if (rc == QORLDAP_E_FAILED) {
+        // When the directory refused a level, its own answer says why (a class that needs more
+        // than the naming attribute: "object class 'inetOrgPerson' requires attribute 'sn'").
+        std::string hint = MissingTemplatesHint();
+        if (hint.empty() && DirectoryCause().empty())
+            hint = "is the DN longer than 255 characters?";
+        FailCode("publish", rc,
+                 "the entries that the certificate's subject names could not be made" +
+                     (hint.empty() ? std::string() : " (" + hint + ")"));
+    }
+    if (rc != QORLDAP_OK)
+        FailCode("publish", rc);
+}
+
+Command PublishCommand() {
+    return {"publish",
+            "store PKCS#12 bundles' certificates and keys under their subjects",
+            kPublishHelp,
+            {{"--crypt", nullptr, false},
+             {"--public-only", nullptr, false},
+             {"--p12-pass-file", nullptr, true},
+             {"--key-pass-file", nullptr, true},
+             {"--from-stdin", nullptr, false},
+             {"--jobs", "-j", true},
+             {"--report", nullptr, true}},
+            0,
+            1000000,
+            RunPublish};
+}
+
+}  // namespace qortool

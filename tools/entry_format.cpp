@@ -1,0 +1,132 @@
+// An entry written as LDIF or as JSON.
+#include <cstdio>
+
+#include "cli.h"
+#include "entry_view.h"
+
+namespace qortool {
+
+namespace {
+
+// RFC 2849's SAFE-STRING, as ldapsearch judges it.
+bool SafeText(std::string const& value) {
+    if (!value.empty() &&
+        (value[0] == ' ' || value[0] == ':' || value[0] == '<' || value.back() == ' ')) {
+        return false;
+    }
+    for (char c : value) {
+        auto const byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte > 0x7e)
+            return false;
+    }
+    return true;
+}
+
+size_t const kLdifWidth = 78;
+
+void LdifLine(std::string& out, std::string const& name, std::string const& value) {
+    std::string const line =
+        SafeText(value) ? name + ": " + value : name + ":: " + Base64Encode(value);
+    out += line.substr(0, kLdifWidth) + "\n";
+    for (size_t at = kLdifWidth; at < line.size(); at += kLdifWidth - 1)
+        out += " " + line.substr(at, kLdifWidth - 1) + "\n";
+}
+
+std::string Quoted(std::string const& text) {
+    std::string out = "\"";
+    for (char c : text) {
+        auto const byte = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (byte < 0x20) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", byte);
+            out += escaped;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
+// Well-formed UTF-8 without control characters.
+bool Utf8Text(std::string const& value) {
+    for (size_t i = 0; i < value.size();) {
+        auto const lead = static_cast<unsigned char>(value[i]);
+        size_t const more = lead < 0x80                   ? 0
+                            : lead >= 0xc2 && lead < 0xe0 ? 1
+                            : lead >= 0xe0 && lead < 0xf0 ? 2
+                            : lead >= 0xf0 && lead < 0xf5 ? 3
+                                                          : 4;
+        if (more == 4 || (more > 0 && i + more >= value.size()) || lead < 0x20 || lead == 0x7f)
+            return false;
+        for (size_t k = 1; k <= more; ++k) {
+            if ((static_cast<unsigned char>(value[i + k]) & 0xc0) != 0x80)
+                return false;
+        }
+        i += more + 1;
+    }
+    return true;
+}
+
+std::string JsonValue(std::string const& name, std::string const& value) {
+    bool const binary = name.find(";binary") != std::string::npos || !Utf8Text(value);
+    return binary ? "{\"base64\": " + Quoted(Base64Encode(value)) + "}" : Quoted(value);
+}
+
+}  // namespace
+
+std::string Ldif(EntryView const& entry) {
+    std::string out;
+    LdifLine(out, "dn", entry.dn);
+    for (ShownAttribute const& a : entry.attributes) {
+        for (std::string const& value : a.values)
+            LdifLine(out, a.name, value);
+    }
+    for (ShownAttribute const& a : entry.attributes) {
+        if (!a.known)
+            out += "# " + a.name + ": (values not handed out by libqorldap)\n";
+    }
+    if (entry.unnamed > 0) {
+        out += "# and " + std::to_string(entry.unnamed) +
+               " more attributes whose names do not fit the library's record\n";
+    }
+    for (ShownKey const& k : entry.keys) {
+        out +=
+            "# " + k.role + " (" + k.attribute + "), " + std::to_string(k.der.size()) + " bytes\n";
+        for (Field const& f : Describe(k.der))
+            out += "#   " + f.name + ": " + f.value + "\n";
+    }
+    return out + "\n";
+}
+
+std::string Json(EntryView const& entry) {
+    std::string out = "{\n  \"dn\": " + Quoted(entry.dn) + ",\n  \"attributes\": {";
+    char const* comma = "";
+    for (ShownAttribute const& a : entry.attributes) {
+        out += std::string(comma) + "\n    " + Quoted(a.name) + ": ";
+        comma = ",";
+        if (!a.known) {
+            out += "null";
+            continue;
+        }
+        out += "[";
+        for (size_t i = 0; i < a.values.size(); ++i)
+            out += (i > 0 ? ", " : "") + JsonValue(a.name, a.values[i]);
+        out += "]";
+    }
+    out += std::string(entry.attributes.empty() ? "" : "\n  ") + "},\n  \"keys\": [";
+    comma = "";
+    for (ShownKey const& k : entry.keys) {
+        out += std::string(comma) + "\n    {\"attribute\": " + Quoted(k.attribute) +
+               ", \"role\": " + Quoted(k.role) + ", \"bytes\": " + std::to_string(k.der.size());
+        comma = ",";
+        for (Field const& f : Describe(k.der))
+            out += ", " + Quoted(f.name) + ": " + Quoted(f.value);
+        out += "}";
+    }
+    return out + std::string(entry.keys.empty() ? "" : "\n  ") + "]\n}\n";
+}
+
+}  // namespace qortool

@@ -1,0 +1,60 @@
+// The levels of ldap.ini, read as the library reads them: [base] sum and A0, A1, ... name the
+// templates from the top down; a template's naming attribute is its last "attr,code,2".
+#include <cstdlib>
+
+#include "cli.h"
+#include "platform/IniFile.h"
+#include "platform/Trim.h"
+
+namespace qortool {
+
+std::vector<std::string> NamingAttributes() {
+    IniFile const ini = IniFile::Load(ConfigPath("ldap.ini"));
+    std::string text;
+    std::vector<std::string> levels;
+    long const count = ini.Get("base", "sum", text) ? std::strtol(text.c_str(), nullptr, 10) : 0;
+    for (long i = 0; i < count && i < 1000; ++i) {
+        std::string name;
+        std::string sum;
+        if (!ini.Get("base", "A" + std::to_string(i), name) || !ini.Get(name, "sum", sum))
+            return {};
+        std::string naming;
+        for (long j = 0; j < std::strtol(sum.c_str(), nullptr, 10); ++j) {
+            std::string definition;
+            if (!ini.Get(name, "A" + std::to_string(j), definition))
+                return {};
+            size_t first = definition.find(',');
+            size_t second = first == std::string::npos ? first : definition.find(',', first + 1);
+            std::string const role =
+                first == std::string::npos
+                    ? definition
+                    : definition.substr(second == std::string::npos ? first + 1 : second + 1);
+            if (std::strtol(role.c_str(), nullptr, 10) == 2)
+                naming = definition.substr(0, first);
+        }
+        levels.push_back(naming);
+    }
+    return levels;
+}
+
+std::string SubjectValue(std::string const& subject, std::string const& type, size_t& line) {
+    // The library matches the beginning of a line, and a later line wins over the first.
+    std::string const text = qor::Folded(subject);
+    std::string const key = qor::Folded(type);
+    size_t at = text.find("\n" + key);
+    if (at != std::string::npos) {
+        ++at;
+    } else if (text.compare(0, key.size(), key) == 0) {
+        at = 0;
+    } else {
+        return std::string();
+    }
+    line = at;
+    size_t const eq = subject.find('=', at);
+    size_t const end = subject.find('\n', at);
+    if (eq == std::string::npos || eq > end)
+        return subject.substr(at, end == std::string::npos ? end : end - at);
+    return subject.substr(eq + 1, end == std::string::npos ? end : end - eq - 1);
+}
+
+}  // namespace qortool
