@@ -32,11 +32,12 @@ wang="cn=wang fang, ou=research, o=root"
 zhao="cn=zhao min, ou=sales, o=root"
 
 # Settings folders that fail: no server on port 1, a wrong password, a misspelt tls key, none.
-mkdir unreachable badpsw badtls empty
+mkdir unreachable badpsw badtls empty longdn
 sed 's/^port=.*/port=1/' "$conf/soap.ini" >unreachable/soap.ini
 sed 's/^psw=.*/psw=not-the-password/' "$conf/soap.ini" >badpsw/soap.ini
 { cat "$conf/soap.ini"; echo "tls=yes"; } >badtls/soap.ini
-for d in unreachable badpsw badtls; do cp "$conf/ldap.ini" $d/; done
+sed 's/^managerdn=.*/managerdn=cn=qorldap,ou=services,dc=example,dc=com/' "$conf/soap.ini" >longdn/soap.ini
+for d in unreachable badpsw badtls longdn; do cp "$conf/ldap.ini" $d/; done
 export QORLDAP_P12_PASSWORD=bundle-pw
 export QORLDAP_KEY_PASSWORD=key-pw
 unset QORLDAP_OLD_PASSWORD QORLDAP_NEW_PASSWORD QORLDAP_CONF_DIR
@@ -64,6 +65,8 @@ QORLDAP_CONF_DIR=$tmp/unreachable run_bare --conf "$conf" config --check
 expect_ok "--conf wins over QORLDAP_CONF_DIR, also for the library" "connection: ok"
 run_bare --conf "$tmp/unreachable" ls o=root
 expect_fail "an unreachable server, in the directory library's words" 1 "port 1 (check host, port, managerdn and psw in $tmp/unreachable/soap.ini); the directory answered: can't contact LDAP server (-1)"
+run_bare --conf "$tmp/longdn" config --check
+expect_fail "a managerdn the library would cut is refused" 1 "managerdn in $tmp/longdn/soap.ini has 40 characters; the library keeps 32"
 run_bare --conf "$tmp/badpsw" show o=root
 expect_fail "a wrong bind password, in the server's words" 1 "connect: 0x16000010 cannot connect to the directory at 127.0.0.1 port $LDAP_PORT (check host, port, managerdn and psw in $tmp/badpsw/soap.ini); the directory answered: invalid credentials (49)"
 run_bare --conf "$tmp/badtls" ls o=root
@@ -211,7 +214,7 @@ ok "add takes UTF-8 values" "added $person" add "$person" --class qorPerson sn=Z
 check "non-ASCII text reaches the directory unchanged" test "$(stored_value "$person" description)" = "测试 ✓"
 ok "modify replaces values" "modified $person" modify "$person" mail=zs@example.org sn=San
 check "the replaced value is stored" test "$(stored_value "$person" sn)" = San
-no "the directory's code with its text" 1 "modify: 17 undefined attribute type" modify "$person" nosuchattribute=1
+no "the directory's code with its text" 1 "modify: 17 undefined attribute type: nosuchattribute: attribute type undefined" modify "$person" nosuchattribute=1
 no "deleting an entry with children: 66" 1 "delete: 66 not allowed on non-leaf" delete "$unit"
 ok "delete removes a leaf" "deleted $person" delete "$person"
 
