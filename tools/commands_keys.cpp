@@ -51,7 +51,9 @@ std::string ReadKey(Args const& args, CLdap& ldap, KeyGet get, std::string const
         FailCode(args.command, rc, "no such object: there is no entry " + dn);
     if (rc == 65) {
         FailCode(args.command, rc,
-                 "object class violation (the class of " + dn + " does not allow this attribute)");
+                 "object class violation (the class of " + dn +
+                     " does not allow this attribute; qorldap-prepare gives an entry the "
+                     "auxiliary class qorKeyHolder)");
     }
     FailCode(args.command, rc);
 }

@@ -134,6 +134,11 @@ void PublishBundle(PublishSetup const& setup, std::string const& path, std::stri
                  "the entries that the certificate's subject names could not be made" +
                      (hint.empty() ? std::string() : " (" + hint + ")"));
     }
+    if (rc == 65) {
+        FailCode("publish", rc,
+                 "object class violation (the entry the subject names does not allow keys; "
+                 "qorldap-prepare gives an entry the auxiliary class qorKeyHolder)");
+    }
     if (rc != QORLDAP_OK)
         FailCode("publish", rc);
 }

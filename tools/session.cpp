@@ -52,9 +52,11 @@ void FailConnect(int code, std::string const& host, int port, std::string const&
                          " is not a spelling the library knows (see qorldap config --help)");
         }
         std::string where = host.empty() ? "" : " at " + host + " port " + std::to_string(port);
+        std::string const who = (link.bindDn.empty() ? "managerdn" : "bind_dn") +
+                                std::string(link.bindPassword.empty() ? " and psw" : " and bind_password");
         FailCode("connect", code,
-                 "cannot connect to the directory" + where +
-                     " (check host, port, managerdn and psw in " + soap + ")");
+                 "cannot connect to the directory" + where + " (check host, port, " + who +
+                     " in " + soap + ")");
     }
     if (code == QORLDAP_E_ROOT) {
         FailCode("connect", code,

@@ -127,6 +127,11 @@ check "the service reads the private key" test -n "$(values "${li[@]}" -x -H "$L
 check "an anonymous search gets no private key" test -z "$(values "${li[@]}" -x -H "$LDAP_URI")"
 check "an ordinary user gets no private key" test -z "$(values "${li[@]}" -x -H "$LDAP_URI" -D "cn=Han Mei,$people" -w han-mei-pw)"
 check "an ordinary user reads the certificate" test -n "$(values "cn=Li Lei,$people" "signPubcer;binary" -x -H "$LDAP_URI" -D "cn=Han Mei,$people" -w han-mei-pw)"
+check "the site's own rules stay: an anonymous client still reads a name" test "$(values "cn=Li Lei,$people" sn -x -H "$LDAP_URI")" = Li
+check "the service cannot change what is not its own (uidNumber: 50)" eval '! quiet ldapmodify -x -H "$LDAP_URI" -D "$service_dn" -w "$service_pw" <<<"dn: cn=Li Lei,$people
+changetype: modify
+replace: uidNumber
+uidNumber: 0" && grep -q "(50)" "$tmp/err"'
 check "nobody but the rootdn lists the service identities" test -z "$(ldapsearch -LLL -x -H "$LDAP_URI" -D "$service_dn" -w "$service_pw" -b "$base" "(cn=libqorldap*)" dn)"
 
 group "undo"
