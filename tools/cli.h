@@ -5,6 +5,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 class CLdap;
@@ -173,6 +174,8 @@ std::string DnKey(std::string const& dn);
 // The naming attribute of each level of ldap.ini, from the top down; empty when the file does
 // not read.
 std::vector<std::string> NamingAttributes();
+// Each level's class (the template's name) and naming attribute, from the top down.
+std::vector<std::pair<std::string, std::string>> Levels();
 // The value of a certificate subject ("type=value" lines) that the library takes for type;
 // line receives where that line starts. Empty, line untouched, when no line matches.
 std::string SubjectValue(std::string const& subject, std::string const& type, size_t& line);

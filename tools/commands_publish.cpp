@@ -3,6 +3,7 @@
 
 #include "publish.h"
 #include "qorldap/LastResult.h"
+#include "platform/Trim.h"
 #include "qorldap/qorldap.h"
 
 namespace qortool {
@@ -11,10 +12,11 @@ namespace {
 
 // Refuses a subject value the library would put into a DN unescaped, where it would split or
 // change the name: nothing is written. A bundle that does not open is left to the library.
-void CheckSubject(PublishSetup const& setup, std::string const& path, std::string const& bundle) {
+std::string CheckSubject(PublishSetup const& setup, std::string const& path,
+                         std::string const& bundle) {
     std::string subject;
     if (!BundleSubject(bundle, setup.bundlePassword, subject))
-        return;
+        return "";
     for (std::string const& type : setup.levels) {
         size_t line = std::string::npos;
         std::string const value = SubjectValue(subject, type, line);
@@ -28,6 +30,60 @@ void CheckSubject(PublishSetup const& setup, std::string const& path, std::strin
                                 ", which the directory library cannot store unescaped; nothing "
                                 "was written");
         }
+    }
+    return subject;
+}
+
+bool Ascii(std::string const& text) {
+    for (unsigned char c : text) {
+        if (c >= 0x80)
+            return false;
+    }
+    return true;
+}
+
+// The library converts every text value it writes from GB18030 to UTF-8, the naming values of
+// the levels it creates for a publication among them; a certificate subject is UTF-8 already,
+// so a name outside ASCII would be stored twice encoded next to the DN's own value. Such
+// levels, when they do not exist yet, are made here first with their values handed over as
+// GB18030 text, as add does; the library then finds them. Names in ASCII take the library's
+// own path, request for request. A failure here is left to the publication to report.
+void CreateLevelsOutsideAscii(std::string const& subject) {
+    std::vector<std::pair<std::string, std::string>> const levels = Levels();
+    std::vector<std::string> values;
+    bool outside = false;
+    for (auto const& level : levels) {
+        size_t line = std::string::npos;
+        std::string value = qor::Folded(SubjectValue(subject, level.second, line));
+        values.push_back(line == std::string::npos ? "Other" : value);
+        outside = outside || !Ascii(values.back());
+    }
+    if (!outside)
+        return;
+    CLdap ldap;
+    LdapInfo info;
+    ldap.GetLdapAtt(info);
+    if (ldap.ConnectLdap() != QORLDAP_OK)
+        return;
+    std::string dn = info.basedn;
+    for (size_t i = 0; i < levels.size(); ++i) {
+        dn = levels[i].second + "=" + values[i] + ", " + dn;
+        tagAtt found = {};
+        bool const exists = ldap.SelectLdap(dn.c_str(), found) == QORLDAP_OK && found.itemCount > 0;
+        ldap.FreeAtt(&found);
+        if (exists)
+            continue;  // a missing level above one outside ASCII is made here too
+        tagAttItem item = {};
+        std::string const text = ToLibraryText("publish", values[i]);
+        std::snprintf(item.type, sizeof item.type, "%s", levels[i].second.c_str());
+        std::snprintf(item.value, sizeof item.value, "%s", text.c_str());
+        item.syntax[0] = 's';
+        item.valueKnown = 1;
+        tagAtt att = {};
+        std::snprintf(att.objectClass, sizeof att.objectClass, "%s", levels[i].first.c_str());
+        att.items = &item;
+        att.itemCount = 1;
+        ldap.InsertLdap(dn.c_str(), att, false, nullptr, 0, nullptr, 0, nullptr, 0);
     }
 }
 
@@ -114,7 +170,9 @@ std::string PublishedWhat(PublishSetup const& setup) {
 }
 
 void PublishBundle(PublishSetup const& setup, std::string const& path, std::string const& bundle) {
-    CheckSubject(setup, path, bundle);
+    std::string const subject = CheckSubject(setup, path, bundle);
+    if (!subject.empty())
+        CreateLevelsOutsideAscii(subject);
     auto publish = [&] {
         return PublishP12(bundle.data(), bundle.size(), setup.bundlePassword.c_str(),
                           setup.publicOnly ? nullptr : setup.keyPassword.c_str(), !setup.crypt,

@@ -9,9 +9,16 @@
 namespace qortool {
 
 std::vector<std::string> NamingAttributes() {
+    std::vector<std::string> names;
+    for (auto const& level : Levels())
+        names.push_back(level.second);
+    return names;
+}
+
+std::vector<std::pair<std::string, std::string>> Levels() {
     IniFile const ini = IniFile::Load(ConfigPath("ldap.ini"));
     std::string text;
-    std::vector<std::string> levels;
+    std::vector<std::pair<std::string, std::string>> levels;
     long const count = ini.Get("base", "sum", text) ? std::strtol(text.c_str(), nullptr, 10) : 0;
     for (long i = 0; i < count && i < 1000; ++i) {
         std::string name;
@@ -32,7 +39,7 @@ std::vector<std::string> NamingAttributes() {
             if (std::strtol(role.c_str(), nullptr, 10) == 2)
                 naming = definition.substr(0, first);
         }
-        levels.push_back(naming);
+        levels.emplace_back(name, naming);
     }
     return levels;
 }

@@ -16,7 +16,7 @@ cd "$tmp" || exit 1
 make_user() {  # name, subject, key algorithm options...: a key, a certificate and a bundle
     local name=$1 subject=$2
     shift 2
-    openssl genpkey "$@" -out "$name.key" && openssl req -new -key "$name.key" -subj "$subject" |
+    openssl genpkey "$@" -out "$name.key" && openssl req -new -utf8 -key "$name.key" -subj "$subject" |
         openssl x509 -req -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -out "$name.pem" &&
         openssl x509 -in "$name.pem" -outform DER -out "$name.der" && openssl pkcs12 -export \
         -inkey "$name.key" -in "$name.pem" -out "$name.p12" -passout pass:bundle-pw
@@ -25,7 +25,8 @@ make_user() {  # name, subject, key algorithm options...: a key, a certificate a
     make_user li "/C=CN/O=Acme/OU=Sales/CN=Li Lei" -algorithm RSA &&
     make_user wang "/C=CN/O=Acme/OU=Research/CN=Wang Fang" -algorithm EC -pkeyopt ec_paramgen_curve:SM2 &&
     make_user zhao "/C=CN/O=Acme/OU=Sales/CN=Zhao Min" -algorithm EC -pkeyopt ec_paramgen_curve:P-256 &&
-    make_user plus "/C=CN/O=Acme/OU=R\+D/CN=Plus" -algorithm EC -pkeyopt ec_paramgen_curve:P-256
+    make_user plus "/C=CN/O=Acme/OU=R\+D/CN=Plus" -algorithm EC -pkeyopt ec_paramgen_curve:P-256 &&
+    make_user zhang "/C=CN/O=Acme/OU=销售/CN=张伟" -algorithm EC -pkeyopt ec_paramgen_curve:P-256
 } >"$tmp/openssl.log" 2>&1 || { cat "$tmp/openssl.log"; echo "0 passed, 1 failed"; exit 1; }
 li="cn=li lei, ou=sales, o=root"
 wang="cn=wang fang, ou=research, o=root"
@@ -218,6 +219,9 @@ no "the directory's code with its text" 1 "modify: 17 undefined attribute type: 
 no "deleting an entry with children: 66" 1 "delete: 66 not allowed on non-leaf" delete "$unit"
 ok "delete removes a leaf" "deleted $person" delete "$person"
 
+group "a subject outside ASCII"
+ok "a subject outside ASCII" "published zhang.p12" publish zhang.p12
+check "its names are stored once each, as UTF-8" test "$(stored_value "cn=张伟,ou=销售,o=root" cn)" = "张伟"
 echo
 echo "$passed passed, $failed failed"
 [ "$failed" = 0 ]
