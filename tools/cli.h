@@ -2,6 +2,7 @@
 #ifndef QORLDAP_TOOLS_CLI_H
 #define QORLDAP_TOOLS_CLI_H
 
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -113,6 +114,13 @@ bool FileReadable(std::string const& path);
 // Fails when soap.ini holds a managerdn or psw longer than the library's record keeps: the
 // library would cut it and bind as somebody else, or fail to bind for no visible reason.
 void RefuseCutSettings();
+// connect() once, and again once per further host of the list while it fails for a server
+// that is down or silent and soap.ini has reconnect = yes.
+int ConnectWithFailover(std::function<int()> const& connect);
+// libldap's codes for a server that is gone, silent, or cannot be reached.
+int const LDAP_SERVER_DOWN_CODE = -1;
+int const LDAP_TIMEOUT_CODE = -5;
+int const LDAP_CONNECT_ERROR_CODE = -11;
 // Connects ldap, or Fail("connect", ...), after RefuseCutSettings.
 void Connect(CLdap& ldap);
 // A hint for a refused name or a failed build of entries: where ldap.ini was looked for when it

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "qorldap/LastResult.h"
 #include "holders.h"
 #include "platform/Trim.h"
 #include "qorldap/qorldap.h"
@@ -155,20 +156,22 @@ int RunAdd(Args const& args) {
     Connect(ldap);
     int rc = ldap.InsertLdap(dn.c_str(), att, false, nullptr, 0, nullptr, 0, nullptr, 0);
     if (rc == QORLDAP_E_FAILED) {
-        // The library does not say why; two lookups usually can.
-        Entry existing(ldap);
-        if (Lookup(args, ldap, dn, existing) > 0) {
-            FailCode(args.command, rc,
-                     "the directory refused the entry: " + dn + " exists already");
+        // The directory's own reason names the case; the library's code alone does not.
+        QorLdapResult last = {};
+        QorLdapLastResult(&last);
+        if (last.code == 68)
+            Fail(args.command, CodeText(rc) + " the directory refused the entry: " + dn +
+                                   " exists already");
+        if (last.code == 32) {
+            std::string const parent = dn.find(',') == std::string::npos
+                                           ? std::string()
+                                           : qor::Trim(dn.substr(dn.find(',') + 1));
+            Fail(args.command, CodeText(rc) + " the directory refused the entry: its parent " +
+                                   parent + " does not exist");
         }
-        std::string const parent = dn.find(',') == std::string::npos
-                                       ? std::string()
-                                       : qor::Trim(dn.substr(dn.find(',') + 1));
-        Entry above(ldap);
-        if (!parent.empty() && Lookup(args, ldap, parent, above) <= 0) {
-            FailCode(args.command, rc,
-                     "the directory refused the entry: its parent " + parent + " does not exist");
-        }
+        std::string const cause = DirectoryCause();
+        if (!cause.empty())
+            Fail(args.command, CodeText(rc) + " the directory refused the entry: " + cause);
         FailCode(args.command, rc,
                  "the directory refused the entry (check the class and the attributes against "
                  "the directory's schema)");

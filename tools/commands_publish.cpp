@@ -101,7 +101,7 @@ int RunPublish(Args const& args) {
         many ? BundlePaths(args) : std::vector<std::string>{args.positional[0]};
     std::string const bundle = many ? "" : ReadFile(args.command, paths[0], kMaxInput);
     RefuseCutSettings();
-    int rc = ConnectLdap();
+    int rc = ConnectWithFailover([] { return ConnectLdap(); });
     LdapInfo info;
     GetLdapAtt(info);
     if (rc != QORLDAP_OK)

@@ -1,8 +1,10 @@
 // Publishing many bundles: the list, the worker threads, progress, summary and report.
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <new>
@@ -100,6 +102,14 @@ std::vector<std::string> BundlePaths(Args const& args) {
 
 int PublishMany(Args const& args, PublishSetup const& setup,
                 std::vector<std::string> const& paths) {
+    // A report that cannot be written is found out before the run, not after it.
+    if (args.HasValue("--report")) {
+        std::FILE* report = std::fopen(args.Value("--report").c_str(), "a");
+        if (report == nullptr)
+            Fail(args.command, "cannot write the report " + args.Value("--report") + ": " +
+                                   std::strerror(errno) + "; nothing was published");
+        std::fclose(report);
+    }
     int const jobs = std::min(Jobs(args), static_cast<int>(paths.size()));
     std::vector<std::string> failures(paths.size());
     std::atomic<size_t> next(0);
