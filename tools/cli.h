@@ -155,6 +155,8 @@ enum class DerKind { kCertificate, kPublicKey, kEncryptedKey, kPrivateKey, kOthe
 // Decided by decoding der whole: an X.509 certificate, a SubjectPublicKeyInfo, a PKCS#8
 // EncryptedPrivateKeyInfo, a clear private key (PKCS#8 or the algorithm's own form), or other.
 DerKind Classify(std::string const& der);
+// Whether an encrypted PKCS#8 private key (DER) opens with password.
+bool OpensWith(unsigned char const* der, unsigned int length, std::string const& password);
 struct Field {
     std::string name;  // "subject", "notAfter", "sha256"
     std::string value;

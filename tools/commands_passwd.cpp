@@ -6,7 +6,9 @@
 #include <cstdio>
 
 #include "cli.h"
+#include "engine/LinkOptions.h"
 #include "holders.h"
+#include "platform/IniFile.h"
 #include "qorldap/qorldap.h"
 
 namespace qortool {
@@ -57,8 +59,19 @@ int RunPasswd(Args const& args) {
     ldap.GetLdapAtt(info);
     std::vector<std::string> const levels = NamingAttributes();
     std::string dn;
-    if (levels.empty() || strcasecmp(levels.back().c_str(), "cn") != 0 ||
-        !Walk(ldap, info.basedn, 0, levels.size(), levels.back(), first.substr(3), dn)) {
+    LinkOptions link;
+    link.Read(IniFile::Load(ConfigPath("soap.ini")), "ldap");
+    if (link.fastLookup) {
+        // The library's one search accepts a name only when exactly one user holds it, so a
+        // full DN that exists is that user; the walk here would cost what fast_lookup saves.
+        Entry given(ldap);
+        if (parts.size() > 1 && (ldap.SelectLdap(name.c_str(), given.att) != QORLDAP_OK ||
+                                 given.att.itemCount <= 0)) {
+            Fail(args.command, "there is no entry " + name + "; nothing was changed");
+        }
+        dn = parts.size() > 1 ? name : "the one user named " + first;
+    } else if (levels.empty() || strcasecmp(levels.back().c_str(), "cn") != 0 ||
+               !Walk(ldap, info.basedn, 0, levels.size(), levels.back(), first.substr(3), dn)) {
         std::string hint = MissingTemplatesHint();
         FailCode(args.command, QORLDAP_E_FAILED,
                  hint.empty() ? "no user " + first + " found below " + info.basedn : hint);
@@ -73,10 +86,27 @@ int RunPasswd(Args const& args) {
         args, {"--new-pass-file", "QORLDAP_NEW_PASSWORD", "New key password: ", true, false});
     int rc = ldap.ModifyPriKeyPsw(name.c_str(), oldPassword.c_str(), newPassword.c_str());
     if (rc == QORLDAP_E_OLD_PASSWORD) {
+        // Which of the two: the encryption key is changed first and not changed back.
+        std::string const who = link.fastLookup ? name : dn;
+        KeyBuffer crypt(ldap), sign(ldap);
+        ldap.GetCryptPrivateKey(who.c_str(), crypt.data, crypt.length);
+        ldap.GetSignPrivateKey(who.c_str(), sign.data, sign.length);
+        std::string state;
+        if (crypt.length == 0) {
+            state = "the user holds no encryption private key; nothing was changed";
+        } else if (OpensWith(crypt.data, crypt.length, newPassword)) {
+            state = std::string("the encryption key is now under the new password; the signing "
+                                "key ") +
+                    (sign.length == 0 ? "is missing" : "did not open with the old one and is as it was");
+        } else {
+            state = "the old password does not open the encryption key; nothing was changed";
+        }
+        FailCode(args.command, rc, dn + ": " + state);
+    }
+    if (rc == QORLDAP_E_FAILED && link.fastLookup) {
         FailCode(args.command, rc,
-                 "the old password does not open a stored private key of " + dn +
-                     ", or the user lacks one of the two (the encryption key is changed first "
-                     "and not changed back)");
+                 "fast_lookup finds no single user named " + first +
+                     " (none, or more than one: give the keys' owner a name of its own)");
     }
     if (rc != QORLDAP_OK)
         FailCode(args.command, rc);

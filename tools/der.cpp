@@ -1,6 +1,7 @@
 // What DER bytes hold, decided by decoding them whole with OpenSSL.
 #include <openssl/err.h>
 #include <openssl/evp.h>
+#include <openssl/pkcs12.h>
 #include <openssl/x509.h>
 
 #include "cli.h"
@@ -39,6 +40,20 @@ DerKind Classify(std::string const& der) {
     }
     ERR_clear_error();
     return kind;
+}
+
+bool OpensWith(unsigned char const* der, unsigned int length, std::string const& password) {
+    unsigned char const* p = der;
+    X509_SIG* sealed = d2i_X509_SIG(nullptr, &p, static_cast<long>(length));
+    PKCS8_PRIV_KEY_INFO* clear =
+        sealed != nullptr
+            ? PKCS8_decrypt(sealed, password.c_str(), static_cast<int>(password.size()))
+            : nullptr;
+    bool const opens = clear != nullptr;
+    PKCS8_PRIV_KEY_INFO_free(clear);
+    X509_SIG_free(sealed);
+    ERR_clear_error();
+    return opens;
 }
 
 }  // namespace qortool

@@ -182,7 +182,9 @@ no "put-key to a missing entry: the directory's 32" 1 "put-key: 32 no such objec
 
 group "passwd and rm-key"
 QORLDAP_OLD_PASSWORD=wrong QORLDAP_NEW_PASSWORD=new-pw run passwd "cn=li lei"
-expect_fail "a wrong old password" 1 "passwd: 0x16000012"
+expect_fail "a wrong old password: nothing changed" 1 "passwd: 0x16000012 cn=li lei, ou=sales,o=root: the old password does not open the encryption key; nothing was changed"
+QORLDAP_OLD_PASSWORD=key-pw QORLDAP_NEW_PASSWORD=new-pw run passwd "cn=wang fang"
+expect_fail "a user without a signing key: what was changed" 1 "the encryption key is now under the new password; the signing key is missing"
 QORLDAP_OLD_PASSWORD=key-pw QORLDAP_NEW_PASSWORD=new-pw run passwd "cn=nobody"
 expect_fail "an unknown user" 1 "passwd: 0x16000010 no user cn=nobody found below o=root"
 printf 'key-pw\n' >old.pw
@@ -218,6 +220,11 @@ check "the replaced value is stored" test "$(stored_value "$person" sn)" = San
 no "the directory's code with its text" 1 "modify: 17 undefined attribute type: nosuchattribute: attribute type undefined" modify "$person" nosuchattribute=1
 no "deleting an entry with children: 66" 1 "delete: 66 not allowed on non-leaf" delete "$unit"
 ok "delete removes a leaf" "deleted $person" delete "$person"
+
+group "fast_lookup"
+mkdir fast && cp "$conf/ldap.ini" fast/ && { cat "$conf/soap.ini"; echo fast_lookup=yes; } >fast/soap.ini
+QORLDAP_OLD_PASSWORD=new-pw QORLDAP_NEW_PASSWORD=x run_bare --conf "$tmp/fast" passwd "cn=li lei"
+expect_fail "passwd through the one indexed search" 1 "the one user named cn=li lei: the user holds no encryption private key"
 
 group "a subject outside ASCII"
 ok "a subject outside ASCII" "published zhang.p12" publish zhang.p12
