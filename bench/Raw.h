@@ -93,8 +93,7 @@ inline bool RawChildren(LDAP* ld, char const* base, std::vector<std::string>& ch
         return false;
     }
     children.reserve(static_cast<size_t>(ldap_count_entries(ld, result)));
-    for (LDAPMessage* e = ldap_first_entry(ld, result); e != nullptr;
-         e = ldap_next_entry(ld, e)) {
+    for (LDAPMessage* e = ldap_first_entry(ld, result); e != nullptr; e = ldap_next_entry(ld, e)) {
         char* dn = ldap_get_dn(ld, e);
         children.emplace_back(dn != nullptr ? dn : "");
         ldap_memfree(dn);
@@ -133,8 +132,8 @@ inline bool RawSelectSelf(LDAP* ld, char const* dn) {
 // Base search on a candidate with (cn=*); true when it exists and holds a cn value.
 inline bool RawCandidate(LDAP* ld, char const* dn) {
     LDAPMessage* result = nullptr;
-    if (ldap_search_ext_s(ld, dn, LDAP_SCOPE_BASE, "(cn=*)", nullptr, 0, nullptr, nullptr,
-                          nullptr, 0, &result) != LDAP_SUCCESS) {
+    if (ldap_search_ext_s(ld, dn, LDAP_SCOPE_BASE, "(cn=*)", nullptr, 0, nullptr, nullptr, nullptr,
+                          0, &result) != LDAP_SUCCESS) {
         if (result != nullptr) {
             ldap_msgfree(result);
         }

@@ -171,7 +171,8 @@ bool LibraryKeyRead() {
 bool RawKeyRead() {
     unsigned char* key = nullptr;
     unsigned int length = 0;
-    int rc = qorbench::RawReadKey(g->raw, g->readerDn.c_str(), kKeyFilter, kKeyAttribute, key, length);
+    int rc =
+        qorbench::RawReadKey(g->raw, g->readerDn.c_str(), kKeyFilter, kKeyAttribute, key, length);
     delete[] key;
     return rc == 0 && length == kCertBytes;
 }
@@ -184,8 +185,8 @@ bool LibraryKeyWrite() {
 }
 
 bool RawKeyWrite() {
-    return qorbench::RawWriteKey(g->raw, g->writerDn.c_str(), kKeyAttribute, g->certs[g->writes++ & 1].data(), kCertBytes) ==
-           0;
+    return qorbench::RawWriteKey(g->raw, g->writerDn.c_str(), kKeyAttribute,
+                                 g->certs[g->writes++ & 1].data(), kCertBytes) == 0;
 }
 
 bool LibrarySelect() {
@@ -282,7 +283,8 @@ void ThreadsRawHandlePerThread(benchmark::State& state) {
     for (auto _ : state) {
         unsigned char* key = nullptr;
         unsigned int length = 0;
-        if (qorbench::RawReadKey(ld, dn, kKeyFilter, kKeyAttribute, key, length) != 0 || length != kCertBytes) {
+        if (qorbench::RawReadKey(ld, dn, kKeyFilter, kKeyAttribute, key, length) != 0 ||
+            length != kCertBytes) {
             state.SkipWithError("raw key read failed");
             break;
         }

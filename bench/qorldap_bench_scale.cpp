@@ -83,8 +83,8 @@ bool Lookup(CLdapOp& op, long k) {
 }
 bool RawLookup(bool walk, long k) {
     std::string dn;
-    bool found = walk ? qorbench::RawWalk(g_raw, g_base, Name(Target(k)), dn)
-                      : RawFind(Name(Target(k)), dn);
+    bool found =
+        walk ? qorbench::RawWalk(g_raw, g_base, Name(Target(k)), dn) : RawFind(Name(Target(k)), dn);
     return found && dn == Expected(Target(k));
 }
 
@@ -105,11 +105,10 @@ bool RawReprotect(std::string const& dn, char const* attribute, char const* oldP
     PKCS8_PRIV_KEY_INFO* clear =
         sealed != nullptr ? PKCS8_decrypt(sealed, oldPsw, static_cast<int>(std::strlen(oldPsw)))
                           : nullptr;
-    X509_SIG* resealed = clear != nullptr
-                             ? PKCS8_encrypt(-1, EVP_aes_256_cbc(), newPsw,
-                                             static_cast<int>(std::strlen(newPsw)), nullptr, 0,
-                                             100000, clear)
-                             : nullptr;
+    X509_SIG* resealed = clear != nullptr ? PKCS8_encrypt(-1, EVP_aes_256_cbc(), newPsw,
+                                                          static_cast<int>(std::strlen(newPsw)),
+                                                          nullptr, 0, 100000, clear)
+                                          : nullptr;
     unsigned char* der = nullptr;
     int derLength = resealed != nullptr ? i2d_X509_SIG(resealed, &der) : -1;
     bool ok = derLength > 0 && qorbench::RawWriteKey(g_raw, dn.c_str(), attribute, der,
@@ -142,7 +141,8 @@ void PasswdPaired(benchmark::State& state) {
             int& t = turn[0];
             auto change = [&] {
                 return (walk ? *g_walker : *g_fast)
-                    .ModifyPriKeyPsw(("cn=" + Name(mine)).c_str(), kPasswords[t], kPasswords[1 - t]);
+                    .ModifyPriKeyPsw(("cn=" + Name(mine)).c_str(), kPasswords[t],
+                                     kPasswords[1 - t]);
             };
             int rc = change();
             if (rc == QORLDAP_E_OLD_PASSWORD)  // an earlier run left the keys under the other one
@@ -153,7 +153,8 @@ void PasswdPaired(benchmark::State& state) {
         [&] {
             int& t = turn[1];
             std::string dn;
-            if (!(walk ? qorbench::RawWalk(g_raw, g_base, Name(theirs), dn) : RawFind(Name(theirs), dn)))
+            if (!(walk ? qorbench::RawWalk(g_raw, g_base, Name(theirs), dn)
+                       : RawFind(Name(theirs), dn)))
                 return false;
             int from = t;
             if (!RawReprotect(dn, "cryptPrikey;binary", kPasswords[from], kPasswords[1 - from])) {
@@ -256,12 +257,17 @@ int main(int argc, char** argv) {
     for (int w = 0; w <= (walk ? 1 : 0); ++w) {
         char const* how = w ? "walk" : "fast";
         benchmark::RegisterBenchmark(("lookup/" + std::string(how) + at).c_str(), LookupPaired)
-            ->Arg(w)->UseRealTime()->Unit(benchmark::kMicrosecond);
+            ->Arg(w)
+            ->UseRealTime()
+            ->Unit(benchmark::kMicrosecond);
         benchmark::RegisterBenchmark(("passwd/" + std::string(how) + at).c_str(), PasswdPaired)
-            ->Arg(w)->UseRealTime()->Unit(benchmark::kMillisecond);
+            ->Arg(w)
+            ->UseRealTime()
+            ->Unit(benchmark::kMillisecond);
     }
     benchmark::RegisterBenchmark(("key_read" + at).c_str(), KeyReadPaired)
-        ->UseRealTime()->Unit(benchmark::kMicrosecond);
+        ->UseRealTime()
+        ->Unit(benchmark::kMicrosecond);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

@@ -67,8 +67,9 @@ int RunConfig(Args const& args) {
         std::printf("  timeout    (not set: a silent server blocks a call for ever)\n");
     }
     std::printf("  reconnect  %s\n", link.reconnect ? "yes" : "no");
-    std::printf("  fast_lookup %s\n", link.fastLookup ? "yes (one indexed search per lookup by name)"
-                                                     : "no (the lookup by name walks the tree)");
+    std::printf("  fast_lookup %s\n", link.fastLookup
+                                          ? "yes (one indexed search per lookup by name)"
+                                          : "no (the lookup by name walks the tree)");
     if (!link.bindDn.empty())
         std::printf("  bind_dn    %s (bound as, in place of managerdn)\n", link.bindDn.c_str());
     if (!link.bindPassword.empty())

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "cli.h"
-#include "qorldap/LastResult.h"
 #include "holders.h"
 #include "platform/Trim.h"
+#include "qorldap/LastResult.h"
 #include "qorldap/qorldap.h"
 
 namespace qortool {
@@ -160,8 +160,8 @@ int RunAdd(Args const& args) {
         QorLdapResult last = {};
         QorLdapLastResult(&last);
         if (last.code == 68)
-            Fail(args.command, CodeText(rc) + " the directory refused the entry: " + dn +
-                                   " exists already");
+            Fail(args.command,
+                 CodeText(rc) + " the directory refused the entry: " + dn + " exists already");
         if (last.code == 32) {
             std::string const parent = dn.find(',') == std::string::npos
                                            ? std::string()

@@ -65,8 +65,8 @@ int RunPasswd(Args const& args) {
         // The library's one search accepts a name only when exactly one user holds it, so a
         // full DN that exists is that user; the walk here would cost what fast_lookup saves.
         Entry given(ldap);
-        if (parts.size() > 1 && (ldap.SelectLdap(name.c_str(), given.att) != QORLDAP_OK ||
-                                 given.att.itemCount <= 0)) {
+        if (parts.size() > 1 &&
+            (ldap.SelectLdap(name.c_str(), given.att) != QORLDAP_OK || given.att.itemCount <= 0)) {
             Fail(args.command, "there is no entry " + name + "; nothing was changed");
         }
         dn = parts.size() > 1 ? name : "the one user named " + first;
@@ -95,9 +95,11 @@ int RunPasswd(Args const& args) {
         if (crypt.length == 0) {
             state = "the user holds no encryption private key; nothing was changed";
         } else if (OpensWith(crypt.data, crypt.length, newPassword)) {
-            state = std::string("the encryption key is now under the new password; the signing "
-                                "key ") +
-                    (sign.length == 0 ? "is missing" : "did not open with the old one and is as it was");
+            state = std::string(
+                        "the encryption key is now under the new password; the signing "
+                        "key ") +
+                    (sign.length == 0 ? "is missing"
+                                      : "did not open with the old one and is as it was");
         } else {
             state = "the old password does not open the encryption key; nothing was changed";
         }

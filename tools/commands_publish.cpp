@@ -1,9 +1,9 @@
 // The publish command: a PKCS#12 bundle's certificate and key stored under its subject.
 #include <cstdio>
 
+#include "platform/Trim.h"
 #include "publish.h"
 #include "qorldap/LastResult.h"
-#include "platform/Trim.h"
 #include "qorldap/qorldap.h"
 
 namespace qortool {

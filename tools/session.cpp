@@ -58,8 +58,9 @@ void FailConnect(int code, std::string const& host, int port, std::string const&
                          " is not a spelling the library knows (see qorldap config --help)");
         }
         std::string where = host.empty() ? "" : " at " + host + " port " + std::to_string(port);
-        std::string const who = (link.bindDn.empty() ? "managerdn" : "bind_dn") +
-                                std::string(link.bindPassword.empty() ? " and psw" : " and bind_password");
+        std::string const who =
+            (link.bindDn.empty() ? "managerdn" : "bind_dn") +
+            std::string(link.bindPassword.empty() ? " and psw" : " and bind_password");
         QorLdapResult last = {};
         QorLdapLastResult(&last);
         bool const tls =
@@ -69,11 +70,12 @@ void FailConnect(int code, std::string const& host, int port, std::string const&
             FailCode("connect", code,
                      "cannot set up TLS with the directory" + where +
                          " (check tls_cacert and that the server's certificate names the host "
-                         "as written in " + soap + ")");
+                         "as written in " +
+                         soap + ")");
         }
         FailCode("connect", code,
-                 "cannot connect to the directory" + where + " (check host, port, " + who +
-                     " in " + soap + ")");
+                 "cannot connect to the directory" + where + " (check host, port, " + who + " in " +
+                     soap + ")");
     }
     if (code == QORLDAP_E_ROOT) {
         FailCode("connect", code,

@@ -285,8 +285,9 @@ TEST_F(Calls, FastLookup) {
     Soap("fast_lookup=yes\n");
     CLdapOp op;
     ASSERT_EQ(QORLDAP_OK, op.ConnectLdap());
-    std::string const search = "ldap_search_ext_s base=o=root scope=2 filter=(cn=li lei\\2a) "
-                               "attrs=ptr attrsonly=0 ctrls=null,null timeout=null sizelimit=16\n";
+    std::string const search =
+        "ldap_search_ext_s base=o=root scope=2 filter=(cn=li lei\\2a) "
+        "attrs=ptr attrsonly=0 ctrls=null,null timeout=null sizelimit=16\n";
     std::string found[3];
     Fake().Reset({{"cn=li lei*,o=root", {}}, {"cn=li lei*,ou=Sales,o=root", {}}});
     int one = op.GetFullDN("cn=li lei*", found[0]);
@@ -300,11 +301,13 @@ TEST_F(Calls, FastLookup) {
     EXPECT_EQ(QORLDAP_E_FAILED, two);
     EXPECT_EQ(QORLDAP_E_FAILED, many);
     EXPECT_EQ("", found[1] + found[2]);
-    std::string const walk = "ldap_first_entry -> cn=li lei*,o=root\nldap_get_dn -> cn=li lei*,o=root\n"
+    std::string const walk =
+        "ldap_first_entry -> cn=li lei*,o=root\nldap_get_dn -> cn=li lei*,o=root\n"
         "ldap_memfree\nldap_next_entry -> cn=li lei*,ou=Sales,o=root\nldap_get_dn -> "
         "cn=li lei*,ou=Sales,o=root\nldap_memfree\nldap_next_entry -> ";
     EXPECT_EQ(search + "ldap_count_entries -> 2\n" + walk + "null\nldap_msgfree\n" + search +
-                  "ldap_count_entries -> 3\n" + walk + "cn=li lei*,ou=HR,o=root\nldap_get_dn -> "
+                  "ldap_count_entries -> 3\n" + walk +
+                  "cn=li lei*,ou=HR,o=root\nldap_get_dn -> "
                   "cn=li lei*,ou=HR,o=root\nldap_memfree\nldap_next_entry -> null\nldap_msgfree\n",
               log);
     EXPECT_EQ(search + "ldap_msgfree\n", Fake().log);

@@ -38,7 +38,8 @@ std::string Cert(CLdap& ldap, std::string const& dn) {
 }
 
 int Put(CLdap& ldap, std::string const& dn, std::string const& value) {
-    return ldap.ModifySignPublicKey(dn.c_str(), reinterpret_cast<unsigned char const*>(value.data()),
+    return ldap.ModifySignPublicKey(dn.c_str(),
+                                    reinterpret_cast<unsigned char const*>(value.data()),
                                     static_cast<unsigned>(value.size()));
 }
 
@@ -74,10 +75,10 @@ double Await(CLdap& ldap, std::string const& dn, std::string const& value, Clock
 
 std::string Scripts(std::string const& what) {
     int status = 0;
-    std::string out = qortest::Run(std::string(std::getenv("QORLDAP_SOURCE_DIR")) +
-                                       "/scripts/directory " + what + " --dir '" +
-                                       kDir.Var("QORLDAP_DIR") + "' 2>&1",
-                                   &status);
+    std::string out =
+        qortest::Run(std::string(std::getenv("QORLDAP_SOURCE_DIR")) + "/scripts/directory " + what +
+                         " --dir '" + kDir.Var("QORLDAP_DIR") + "' 2>&1",
+                     &status);
     EXPECT_EQ(0, status) << out;
     return out;
 }
@@ -90,7 +91,8 @@ TEST(Replication, AKeyWrittenThroughOneProviderIsReadByteExactThroughTheOther) {
     std::string const dn = qortest::MakeUser(*a, kDir.Base(), "Replicated", "Delay");
     std::vector<double> delays;
     for (int i = 0; i < 100; ++i) {
-        std::string value = "cert " + std::to_string(i) + std::string(1, '\0') + std::string(i * 40, char(i));
+        std::string value =
+            "cert " + std::to_string(i) + std::string(1, '\0') + std::string(i * 40, char(i));
         ASSERT_EQ(0, Put(*a, dn, value));
         double delay = Await(*b, dn, value, Clock::now());
         ASSERT_GE(delay, 0) << "write " << i << " never reached provider 2";
@@ -117,8 +119,9 @@ TEST(Replication, AProviderKilledUnderLoadLosesNoAcknowledgedWrite) {
     }
     ASSERT_TRUE(Eventually([&] { return KeyLength(*b, holders.back()) == 1; }));
     std::mutex lock;
-    std::map<std::string, std::string> written;  // acknowledged: dn -> certificate ("" = key removed)
-    std::map<int, int> failures;                 // code -> count
+    std::map<std::string, std::string>
+        written;                  // acknowledged: dn -> certificate ("" = key removed)
+    std::map<int, int> failures;  // code -> count
     double worst = 0;
     auto note = [&](int rc, Clock::time_point began, std::string const& dn, std::string const& v) {
         std::lock_guard<std::mutex> hold(lock);
@@ -138,8 +141,10 @@ TEST(Replication, AProviderKilledUnderLoadLosesNoAcknowledgedWrite) {
                 note(GetSignPublicKey(dn.c_str(), key, length), began, "", "");
                 FreeKey(key);
             } else {  // own engine: a new user and its certificate
-                std::string dn = "cn=w" + std::to_string(t) + "-" + std::to_string(i) + ",ou=Holders," + kDir.Base();
-                qortest::MakeUser(*own, kDir.Base(), "Holders", "w" + std::to_string(t) + "-" + std::to_string(i));
+                std::string dn = "cn=w" + std::to_string(t) + "-" + std::to_string(i) +
+                                 ",ou=Holders," + kDir.Base();
+                qortest::MakeUser(*own, kDir.Base(), "Holders",
+                                  "w" + std::to_string(t) + "-" + std::to_string(i));
                 note(Put(*own, dn, "cert of " + dn), began, dn, "cert of " + dn);
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(25));
@@ -168,8 +173,9 @@ TEST(Replication, AProviderKilledUnderLoadLosesNoAcknowledgedWrite) {
     std::string codes;
     for (auto const& [code, count] : failures)
         codes += " " + std::to_string(count) + "x" + std::to_string(code);
-    std::printf("writes acknowledged %zu, found on A %d, on B %d; failed calls:%s; worst call %.2f s\n",
-                written.size(), onA, onB, codes.empty() ? " none" : codes.c_str(), worst);
+    std::printf(
+        "writes acknowledged %zu, found on A %d, on B %d; failed calls:%s; worst call %.2f s\n",
+        written.size(), onA, onB, codes.empty() ? " none" : codes.c_str(), worst);
     EXPECT_EQ(int(written.size()), onA);
     EXPECT_EQ(int(written.size()), onB);
     EXPECT_GT(written.size(), 100u);

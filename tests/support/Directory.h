@@ -26,9 +26,9 @@ struct Directory {
     std::vector<std::string> Values(std::string const& dn, std::string const& attr) const {
         ScratchDir tmp;
         std::istringstream files(Run("ldapsearch -LLL -o ldif-wrap=no -tt -T '" + tmp.Path() +
-                                     "' -x -D '" + Var("LDAP_BINDDN") + "' -w '" + Var("LDAP_BINDPW") +
-                                     "' -H '" + Var("LDAP_URI") + "' -b '" + dn +
-                                     "' -s base '(objectClass=*)' '" + attr +
+                                     "' -x -D '" + Var("LDAP_BINDDN") + "' -w '" +
+                                     Var("LDAP_BINDPW") + "' -H '" + Var("LDAP_URI") + "' -b '" +
+                                     dn + "' -s base '(objectClass=*)' '" + attr +
                                      "' 2>/dev/null | sed -n 's|^[^:]*:< file://||p'"));
         std::vector<std::string> values;
         for (std::string file; std::getline(files, file);)
