@@ -48,16 +48,37 @@ bool Ascii(std::string const& text) {
 // levels, when they do not exist yet, are made here first with their values handed over as
 // GB18030 text, as add does; the library then finds them. Names in ASCII take the library's
 // own path, request for request. A failure here is left to the publication to report.
-void CreateLevelsOutsideAscii(std::string const& subject) {
-    std::vector<std::pair<std::string, std::string>> const levels = Levels();
+// Each level's value as the library takes it from the subject: ASCII letters in lower case,
+// "Other" for a level the subject does not name.
+std::vector<std::string> LevelValues(std::vector<std::pair<std::string, std::string>> const& levels,
+                                     std::string const& subject) {
     std::vector<std::string> values;
-    bool outside = false;
     for (auto const& level : levels) {
         size_t line = std::string::npos;
         std::string value = qor::Folded(SubjectValue(subject, level.second, line));
         values.push_back(line == std::string::npos ? "Other" : value);
-        outside = outside || !Ascii(values.back());
     }
+    return values;
+}
+
+// The DN the library composes for subject: "attr=value, " in front of the base, level by level.
+std::string SubjectDn(std::string const& subject) {
+    std::vector<std::pair<std::string, std::string>> const levels = Levels();
+    std::vector<std::string> const values = LevelValues(levels, subject);
+    LdapInfo info;
+    GetLdapAtt(info);
+    std::string dn = info.basedn;
+    for (size_t i = 0; i < levels.size(); ++i)
+        dn = levels[i].second + "=" + values[i] + ", " + dn;
+    return dn;
+}
+
+void CreateLevelsOutsideAscii(std::string const& subject) {
+    std::vector<std::pair<std::string, std::string>> const levels = Levels();
+    std::vector<std::string> const values = LevelValues(levels, subject);
+    bool outside = false;
+    for (std::string const& value : values)
+        outside = outside || !Ascii(value);
     if (!outside)
         return;
     CLdap ldap;
@@ -122,8 +143,9 @@ int RunPublish(Args const& args) {
     setup.levels = NamingAttributes();
     if (many)
         return PublishMany(args, setup, paths);
-    PublishBundle(setup, paths[0], bundle);
-    std::printf("published %s (%s)\n", paths[0].c_str(), PublishedWhat(setup).c_str());
+    std::string const dn = PublishBundle(setup, paths[0], bundle);
+    std::printf("published %s (%s)%s\n", paths[0].c_str(), PublishedWhat(setup).c_str(),
+                dn.empty() ? "" : (" to " + dn).c_str());
     return kExitOk;
 }
 
@@ -169,7 +191,8 @@ std::string PublishedWhat(PublishSetup const& setup) {
            (setup.publicOnly ? " certificate only" : " pair");
 }
 
-void PublishBundle(PublishSetup const& setup, std::string const& path, std::string const& bundle) {
+std::string PublishBundle(PublishSetup const& setup, std::string const& path,
+                          std::string const& bundle) {
     std::string const subject = CheckSubject(setup, path, bundle);
     if (!subject.empty())
         CreateLevelsOutsideAscii(subject);
@@ -192,13 +215,16 @@ void PublishBundle(PublishSetup const& setup, std::string const& path, std::stri
                  "the entries that the certificate's subject names could not be made" +
                      (hint.empty() ? std::string() : " (" + hint + ")"));
     }
+    std::string const dn = subject.empty() ? "" : SubjectDn(subject);
     if (rc == 65) {
         FailCode("publish", rc,
-                 "object class violation (the entry the subject names does not allow keys; "
-                 "qorldap-prepare gives an entry the auxiliary class qorKeyHolder)");
+                 "object class violation (" + (dn.empty() ? "the entry the subject names" : dn) +
+                     " does not allow keys; qorldap-prepare gives an entry the auxiliary class "
+                     "qorKeyHolder)");
     }
     if (rc != QORLDAP_OK)
         FailCode("publish", rc);
+    return dn;
 }
 
 Command PublishCommand() {

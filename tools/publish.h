@@ -19,8 +19,10 @@ struct PublishSetup {
 };
 
 // Publishes bundle, the contents of path, through the library's free functions; a failure
-// throws Stop with the reason, as Fail does. Safe to run in several threads at once.
-void PublishBundle(PublishSetup const& setup, std::string const& path, std::string const& bundle);
+// throws Stop with the reason, as Fail does. Safe to run in several threads at once. The DN
+// the subject names, as the library composes it; empty when the subject could not be read.
+std::string PublishBundle(PublishSetup const& setup, std::string const& path,
+                          std::string const& bundle);
 // "signing pair", "encryption certificate only".
 std::string PublishedWhat(PublishSetup const& setup);
 

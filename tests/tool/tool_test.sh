@@ -93,7 +93,7 @@ status=$? err=$(cat "$tmp/err")
 expect_fail "no password and no terminal: no prompt" 2 "set QORLDAP_P12_PASSWORD"
 QORLDAP_KEY_PASSWORD="" run publish li.p12
 expect_fail "an empty key password" 2 "empty"
-ok "publish stores the signing pair" "published li.p12 (signing pair)" publish li.p12
+ok "publish stores the signing pair and names the entry" "published li.p12 (signing pair) to cn=li lei, ou=sales, o=root" publish li.p12
 no "a subject value the library cannot store" 1 "subject's OU=R+D cannot name an entry: it holds \"+\"" publish plus.p12
 run ls o=root
 check "and nothing was written" test -n "$out" -a -z "$(grep -i 'r+d' "$tmp/out")"
