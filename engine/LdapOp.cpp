@@ -174,7 +174,10 @@ bool CLdapOp::SecureHandle(ldap* ld) {
         binding_.LdapSetOption(ld, LDAP_OPT_NETWORK_TIMEOUT, &limit);
         binding_.LdapSetOption(ld, LDAP_OPT_TIMEOUT, &limit);
     }
-    if (link_.tls == LinkOptions::Tls::kNone) {
+    // An ldaps:// host asks for TLS by itself: the CA file and the verification apply to it as
+    // they do with tls = ldaps, rather than libldap's own defaults.
+    if (link_.tls == LinkOptions::Tls::kNone &&
+        std::string(Settings().host).find("ldaps://") == std::string::npos) {
         return true;
     }
     if (!link_.caCert.empty()) {

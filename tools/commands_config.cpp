@@ -50,8 +50,21 @@ int RunConfig(Args const& args) {
     std::printf("  psw        %s\n", info.psw[0] == '\0' ? "(not set)" : "********");
     LinkOptions link;
     link.Read(IniFile::Load(ConfigPath("soap.ini")), "ldap");
-    std::printf("  tls        %s\n", link.Describe().c_str());
-    if (settings.copied && settings.timeoutFromOption) {
+    if (!link.Valid()) {
+        // Every connection is refused until the key is fixed; the other link lines would only
+        // show defaults that are not in force.
+        std::printf("  link keys  %s: every connection is refused\n", link.Describe().c_str());
+    } else if (link.tls == LinkOptions::Tls::kNone &&
+               std::string(info.host).find("ldaps://") != std::string::npos) {
+        std::printf("  tls        ldaps (an ldaps:// host), server certificate %s%s\n",
+                    link.verify ? "verified" : "NOT verified",
+                    link.caCert.empty() ? " (system CAs)" : (" against " + link.caCert).c_str());
+    } else {
+        std::printf("  tls        %s\n", link.Describe().c_str());
+    }
+    if (!link.Valid()) {
+        // the line above says it all
+    } else if (settings.copied && settings.timeoutFromOption) {
         if (settings.timeout > 0) {
             std::printf("  timeout    %d s (--timeout)\n", settings.timeout);
         } else {

@@ -106,6 +106,8 @@ TEST(Link, TlsBindsOnlyOverAVerifiedLink) {
         // Hosts written as URIs, a list among them (port 0: the keys name the host).
         {0, "host=ldap://127.0.0.1:" + std::to_string(server.Port()) + "\ntls=starttls\n" + ca, 0},
         {0, "host=ldap://127.0.0.1:1 " + server.Env("LDAP_LDAPI_URI") + "\n", 0},
+        {0, "host=ldaps://127.0.0.1:" + std::to_string(ldaps) + "\n" + ca, 0},
+        {0, "host=ldaps://127.0.0.1:" + std::to_string(ldaps) + "\n" + wrong, QORLDAP_E_FAILED},
     };
     for (Case const& c : cases) {
         Config config((c.port > 0 ? Hosted(server, c.port) : "") + c.keys);
