@@ -185,6 +185,12 @@ int RunPutKey(Args const& args) {
                                " is not an encrypted PKCS#8 private key (PBES2 with PBKDF2, or a "
                                "PKCS#5 or PKCS#12 password-based scheme), in DER or PEM form");
     }
+    // The library never protects a key under an empty password; one that opens with it is
+    // protected by nothing.
+    if (OpensWith(reinterpret_cast<unsigned char const*>(der.data()),
+                  static_cast<unsigned int>(der.size()), "")) {
+        Fail(args.command, path + " is encrypted under an empty password, which protects nothing");
+    }
     Store(args, put, dn, der, "private key");
     return kExitOk;
 }

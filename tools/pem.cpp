@@ -65,6 +65,16 @@ Pem PemDecode(std::string const& text, std::string& label, std::string& der, std
             std::string("a broken PEM block (") + (reason != nullptr ? reason : "unreadable") + ")";
         return Pem::kBroken;
     }
+    // One block only: a chain, or a certificate followed by its key, would otherwise lose all
+    // but its first block without a word.
+    char rest[4096];
+    std::string after;
+    for (int n; (n = BIO_read(bio.get(), rest, sizeof rest)) > 0;)
+        after.append(rest, static_cast<size_t>(n));
+    if (after.find("-----BEGIN") != std::string::npos) {
+        error = "more than one PEM block (give one certificate, public key or key per file)";
+        return Pem::kBroken;
+    }
     label = name;
     der.assign(reinterpret_cast<char const*>(data), static_cast<size_t>(length));
     return Pem::kRead;

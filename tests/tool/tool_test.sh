@@ -221,6 +221,12 @@ no "the directory's code with its text" 1 "modify: 17 undefined attribute type: 
 no "deleting an entry with children: 66" 1 "delete: 66 not allowed on non-leaf" delete "$unit"
 ok "delete removes a leaf" "deleted $person" delete "$person"
 
+group "inputs that hide something"
+openssl pkcs8 -topk8 -in zhao.key -v2 aes-256-cbc -passout pass: -outform DER -out empty.p8 2>/dev/null
+no "put-key refuses a key under an empty password" 1 "empty password, which protects nothing" put-key "$zhao" empty.p8
+cat zhao.pem zhao.key >chain.pem
+no "put-cert refuses a file of several PEM blocks" 1 "more than one PEM block" put-cert "$zhao" chain.pem
+
 group "fast_lookup"
 mkdir fast && cp "$conf/ldap.ini" fast/ && { cat "$conf/soap.ini"; echo fast_lookup=yes; } >fast/soap.ini
 QORLDAP_OLD_PASSWORD=new-pw QORLDAP_NEW_PASSWORD=x run_bare --conf "$tmp/fast" passwd "cn=li lei"
