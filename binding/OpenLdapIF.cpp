@@ -195,6 +195,7 @@ int COpenLdapIF::CallServer(Fn& slot, char const* name, char const* operation, i
     }
     ScopeLock lock(&lock_);
     if (!Resolve(slot, name)) {
+        NoteResult(operation, unavailable, nullptr);
         return unavailable;
     }
     int const result = slot(ld, args...);

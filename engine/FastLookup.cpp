@@ -5,6 +5,7 @@
 
 #include "engine/Constants.h"
 #include "engine/LdapOp.h"
+#include "platform/Trim.h"
 
 namespace {
 
@@ -40,6 +41,22 @@ int Components(std::string const& dn) {
     return count;
 }
 
+// Whether the DN's first component is naming=value (letter case and blanks around "=" aside):
+// the entry is named by the value, not merely holding it among other values of the attribute.
+bool NamedBy(std::string const& dn, char const* naming, std::string const& value) {
+    std::string first;
+    for (std::size_t i = 0; i < dn.size() && dn[i] != ','; ++i) {
+        first += dn[i];
+        if (dn[i] == '\\' && i + 1 < dn.size()) {
+            first += dn[++i];
+        }
+    }
+    std::string::size_type const eq = first.find('=');
+    return eq != std::string::npos &&
+           qor::Folded(qor::Trim(first.substr(0, eq))) == qor::Folded(naming) &&
+           qor::Folded(qor::Trim(first.substr(eq + 1))) == qor::Folded(value);
+}
+
 // The DN without its first component, as the server wrote it.
 std::string Parent(std::string const& dn) {
     for (std::size_t i = 0; i < dn.size(); ++i) {
@@ -57,9 +74,11 @@ std::string Parent(std::string const& dn) {
 // The walk finds users exactly as many levels below the base as there are templates, and names
 // them "<naming attribute>=<value as given>, <parent>", the parent as the server listed it (the
 // base as set for the first level). The search keeps to the same: entries at other depths are
-// not users. Where the walk takes the first of two users of one name in the server's listing
-// order, the lookup refuses: a password change must not reach a user the caller may not have
-// meant. Intermediate entries are not required to hold ou or cn, as the walk's listings are.
+// not users, and, as the walk composes the user's DN, only entries named by the value count (an
+// entry that merely holds it as a further value of the naming attribute does not). Where the
+// walk takes the first of two users of one name in the server's listing order, the lookup
+// refuses: a password change must not reach a user the caller may not have meant. Intermediate
+// entries are not required to hold ou or cn, as the walk's listings are.
 int CLdapOp::FindUser(char const* value, std::string& dn) {
     LdapInfo const settings = Settings();
     char const* naming = templates_[templateCount_ - 1].namingAtt;
@@ -78,7 +97,7 @@ int CLdapOp::FindUser(char const* value, std::string& dn) {
     std::string parent;
     int users = 0;
     result.ForEachEntryDn(entries, [&](char const* found, int) {
-        if (found != nullptr && Components(found) == depth) {
+        if (found != nullptr && Components(found) == depth && NamedBy(found, naming, value)) {
             ++users;
             parent = templateCount_ == 1 ? std::string(settings.basedn) : Parent(found);
         }

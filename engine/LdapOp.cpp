@@ -131,12 +131,17 @@ int CLdapOp::Dial() {
     }
     int version = LDAP_VERSION3;
     binding_.LdapSetOption(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
-    if (!SecureHandle(ld)) {
+    if (!SecureHandle(ld, settings)) {
         return QORLDAP_E_FAILED;
     }
     char const* who = link_.bindDn.empty() ? settings.managerdn : link_.bindDn.c_str();
     char const* secret = link_.bindPassword.empty() ? settings.psw : link_.bindPassword.c_str();
     if (binding_.LdapSimpleBindS(ld, who, secret) != 0) {
+        // The binding would hand this handle back, TLS already running on it, and a second
+        // StartTLS on it fails: with StartTLS the next attempt starts on a fresh handle.
+        if (link_.tls == LinkOptions::Tls::kStartTls) {
+            binding_.DropHandle();
+        }
         return QORLDAP_E_FAILED;
     }
     // The root check runs on the bound handle before the engine counts as connected.
@@ -168,16 +173,17 @@ ldap* CLdapOp::OpenHandle(LdapInfo const& settings) {
 
 // Options are set on the handle before anything is sent. A failed StartTLS drops the handle, so
 // that nothing is ever bound in the clear over a link that was meant to be protected.
-bool CLdapOp::SecureHandle(ldap* ld) {
+bool CLdapOp::SecureHandle(ldap* ld, LdapInfo const& settings) {
     if (link_.timeout > 0) {
         timeval limit = {link_.timeout, 0};
         binding_.LdapSetOption(ld, LDAP_OPT_NETWORK_TIMEOUT, &limit);
         binding_.LdapSetOption(ld, LDAP_OPT_TIMEOUT, &limit);
     }
-    // An ldaps:// host asks for TLS by itself: the CA file and the verification apply to it as
-    // they do with tls = ldaps, rather than libldap's own defaults.
+    // An ldaps:// host asks for TLS by itself. When soap.ini names a CA file or the
+    // verification, they apply to it as they do with tls = ldaps; otherwise libldap's own
+    // defaults (ldap.conf) stay in force, as they always did.
     if (link_.tls == LinkOptions::Tls::kNone &&
-        std::string(Settings().host).find("ldaps://") == std::string::npos) {
+        !(LinkOptions::HasLdapsUri(settings.host) && (!link_.caCert.empty() || link_.verifySet))) {
         return true;
     }
     if (!link_.caCert.empty()) {
@@ -187,9 +193,18 @@ bool CLdapOp::SecureHandle(ldap* ld) {
     binding_.LdapSetOption(ld, LDAP_OPT_X_TLS_REQUIRE_CERT, &require);
     int server = 0;
     binding_.LdapSetOption(ld, LDAP_OPT_X_TLS_NEWCTX, &server);
-    if (link_.tls == LinkOptions::Tls::kStartTls && binding_.LdapStartTlsS(ld) != LDAP_SUCCESS) {
-        binding_.DropHandle();
-        return false;
+    if (link_.tls == LinkOptions::Tls::kStartTls) {
+        int const rc = binding_.LdapStartTlsS(ld);
+        if (rc != LDAP_SUCCESS) {
+            binding_.DropHandle();
+            // Dropping the handle forgets that the link failed; a server that is gone or silent
+            // is still passed over by the next attempt, as after any other lost connection.
+            if (link_.reconnect &&
+                (rc == LDAP_SERVER_DOWN || rc == LDAP_TIMEOUT || rc == LDAP_CONNECT_ERROR)) {
+                ++hostShift_;
+            }
+            return false;
+        }
     }
     return true;
 }

@@ -216,7 +216,7 @@ class CLdapOp {
     // Opens the handle as the link options say; null when none can be had.
     ldap* OpenHandle(LdapInfo const& settings);
     // Timeouts and TLS settings, only those configured. false when StartTLS failed.
-    bool SecureHandle(ldap* ld);
+    bool SecureHandle(ldap* ld, LdapInfo const& settings);
     int ReplaceBinary(char const* dn, char const* attribute, berval** values);
     // Removes a private-key attribute: a replace with no values.
     int RemoveKey(char const* dn, char const* attribute);

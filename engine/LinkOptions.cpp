@@ -66,6 +66,7 @@ void LinkOptions::Read(IniFile const& soap, std::string const& section) {
     if (soap.Get(section, SECTION_LDAP_TLS_CACERT, raw)) {
         caCert = raw;
     }
+    verifySet = soap.Get(section, SECTION_LDAP_TLS_VERIFY, raw) && !raw.empty();
     if (soap.Get(section, SECTION_LDAP_TLS_VERIFY, raw) &&
         !ReadSwitch(qor::Folded(raw), true, {"yes", "true", "on", "1", "demand"},
                     {"no", "false", "off", "0", "never"}, verify)) {
@@ -104,6 +105,10 @@ void LinkOptions::Read(IniFile const& soap, std::string const& section) {
 
 bool LinkOptions::HasUri(char const* hosts) {
     return hosts != nullptr && std::string(hosts).find("://") != std::string::npos;
+}
+
+bool LinkOptions::HasLdapsUri(char const* hosts) {
+    return hosts != nullptr && qor::Folded(hosts).find("ldaps://") != std::string::npos;
 }
 
 std::string LinkOptions::Uris(char const* hosts, int port, char const* scheme) {

@@ -13,6 +13,7 @@ struct LinkOptions {
     Tls tls = Tls::kNone;    // "tls": none (default), starttls, ldaps
     std::string caCert;      // "tls_cacert": CA certificate file (PEM) the server must chain to
     bool verify = true;      // "tls_verify": yes (default) demands a verified server certificate
+    bool verifySet = false;  // "tls_verify" was written (not left to the default)
     int timeout = 0;         // "timeout": seconds for connecting and for each request; 0 = none
     bool reconnect = false;  // "reconnect": yes drops a lost connection so the next call redials
     // "bind_dn", "bind_password": the identity the engine binds as, when it does not fit the
@@ -44,8 +45,10 @@ struct LinkOptions {
     // is. The port is added to hosts written without one, when it is above 0.
     static std::string Uris(char const* hosts, int port, char const* scheme);
     static std::string LdapsUris(char const* hosts, int port) { return Uris(hosts, port, "ldaps"); }
-    // Whether any host of the list is written as a URI (ldap://, ldaps://, ldapi://).
+    // Whether any host of the list is written as a URI (ldap://, ldaps://, ldapi://), and
+    // whether any as an ldaps:// URI (the scheme in any letter case).
     static bool HasUri(char const* hosts);
+    static bool HasLdapsUri(char const* hosts);
     // The blank-separated host list turned by shift places: "a b c" by 1 is "b c a".
     static std::string RotateHosts(char const* hosts, unsigned shift);
     // What the settings make of the link, for people: "starttls, server certificate verified".

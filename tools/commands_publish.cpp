@@ -1,5 +1,6 @@
 // The publish command: a PKCS#12 bundle's certificate and key stored under its subject.
 #include <cstdio>
+#include <memory>
 
 #include "platform/Trim.h"
 #include "publish.h"
@@ -81,7 +82,12 @@ void CreateLevelsOutsideAscii(std::string const& subject) {
         outside = outside || !Ascii(value);
     if (!outside)
         return;
-    CLdap ldap;
+    // One engine per thread for the whole run: an engine's connection lives as long as the
+    // process, so an engine per bundle would leave one connection open per bundle.
+    thread_local std::unique_ptr<CLdap> engine;
+    if (engine == nullptr)
+        engine.reset(new CLdap());
+    CLdap& ldap = *engine;
     LdapInfo info;
     ldap.GetLdapAtt(info);
     if (ldap.ConnectLdap() != QORLDAP_OK)

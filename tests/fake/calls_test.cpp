@@ -288,28 +288,32 @@ TEST_F(Calls, FastLookup) {
     std::string const search =
         "ldap_search_ext_s base=o=root scope=2 filter=(cn=li lei\\2a) "
         "attrs=ptr attrsonly=0 ctrls=null,null timeout=null sizelimit=16\n";
+    auto walk = [](std::vector<std::string> const& dns) {
+        std::string log = "ldap_count_entries -> " + std::to_string(dns.size()) + "\n";
+        for (size_t i = 0; i < dns.size(); ++i)
+            log += (i ? "ldap_next_entry -> " : "ldap_first_entry -> ") + dns[i] +
+                   "\nldap_get_dn -> " + dns[i] + "\nldap_memfree\n";
+        return log + "ldap_next_entry -> null\nldap_msgfree\n";
+    };
+    // Not users: an entry above the users' level, and one that only holds the name as a
+    // further cn value (the server returns it for the filter).
+    std::vector<std::string> dns = {"cn=li lei*,o=root", "cn=mallory,ou=Sales,o=root",
+                                    "CN=Li Lei*, ou=Sales,o=root"};
     std::string found[3];
-    Fake().Reset({{"cn=li lei*,o=root", {}}, {"cn=li lei*,ou=Sales,o=root", {}}});
+    Fake().Reset({{dns[0], {}}, {dns[1], {}}, {dns[2], {}}});
     int one = op.GetFullDN("cn=li lei*", found[0]);
-    Fake().entries.push_back({"cn=li lei*,ou=HR,o=root", {}});
+    dns.push_back("cn=li lei*,ou=HR,o=root");
+    Fake().entries.push_back({dns.back(), {}});
     int two = op.GetFullDN("cn=li lei*", found[1]);
     std::string const log = Fake().log;
     Fake().Reset({}, {{"ldap_search_ext_s", 4}});
     int many = op.GetFullDN("cn=li lei*", found[2]);
     EXPECT_EQ(0, one);
-    EXPECT_EQ("cn=li lei*, ou=Sales,o=root", found[0]);
+    EXPECT_EQ("cn=li lei*,  ou=Sales,o=root", found[0]);
     EXPECT_EQ(QORLDAP_E_FAILED, two);
     EXPECT_EQ(QORLDAP_E_FAILED, many);
     EXPECT_EQ("", found[1] + found[2]);
-    std::string const walk =
-        "ldap_first_entry -> cn=li lei*,o=root\nldap_get_dn -> cn=li lei*,o=root\n"
-        "ldap_memfree\nldap_next_entry -> cn=li lei*,ou=Sales,o=root\nldap_get_dn -> "
-        "cn=li lei*,ou=Sales,o=root\nldap_memfree\nldap_next_entry -> ";
-    EXPECT_EQ(search + "ldap_count_entries -> 2\n" + walk + "null\nldap_msgfree\n" + search +
-                  "ldap_count_entries -> 3\n" + walk +
-                  "cn=li lei*,ou=HR,o=root\nldap_get_dn -> "
-                  "cn=li lei*,ou=HR,o=root\nldap_memfree\nldap_next_entry -> null\nldap_msgfree\n",
-              log);
+    EXPECT_EQ(search + walk({dns[0], dns[1], dns[2]}) + search + walk(dns), log);
     EXPECT_EQ(search + "ldap_msgfree\n", Fake().log);
 }
 
