@@ -106,6 +106,8 @@ char const kConfigHelp[] =
     "  tls         none | starttls | start_tls | ldaps\n"
     "  tls_verify  yes | true | on | 1 | demand  /  no | false | off | 0 | never\n"
     "  reconnect   yes | true | on | 1  /  no | false | off | 0\n"
+    "  fast_lookup yes | true | on | 1  /  no | false | off | 0  (lookup by name: one\n"
+    "              indexed search instead of the walk; see qorldap passwd --help)\n"
     "  timeout     whole seconds (0 or absent: none)\n"
     "When soap.ini sets no timeout, qorldap (not the library) uses 10 s, and --timeout N\n"
     "(before or after the command) sets another for one run, 0 for none. The library takes\n"

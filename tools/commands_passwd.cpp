@@ -86,7 +86,13 @@ int RunPasswd(Args const& args) {
         args, {"--new-pass-file", "QORLDAP_NEW_PASSWORD", "New key password: ", true, false});
     int rc = ldap.ModifyPriKeyPsw(name.c_str(), oldPassword.c_str(), newPassword.c_str());
     if (rc == QORLDAP_E_OLD_PASSWORD) {
-        // Which of the two: the encryption key is changed first and not changed back.
+        // Which of the two: the encryption key is changed first and not changed back. With
+        // fast_lookup and a bare name the tool knows no DN to look at.
+        if (link.fastLookup && parts.size() == 1) {
+            FailCode(args.command, rc,
+                     "the old password does not open a stored private key of the user named " +
+                         first + ", or the user lacks one (give the full DN to be told which)");
+        }
         std::string const who = link.fastLookup ? name : dn;
         KeyBuffer crypt(ldap), sign(ldap);
         ldap.GetCryptPrivateKey(who.c_str(), crypt.data, crypt.length);
@@ -123,7 +129,11 @@ char const kPasswdHelp[] =
     "signing). NAME is cn=<name>, such as \"cn=li lei\"; the user is found by walking the\n"
     "tree from the base DN (depth first, the first user of that name wins), and the entry\n"
     "changed is named. A full DN is accepted only when the walk leads to that very entry.\n"
-    "The user must hold both keys under the same password.\n"
+    "The user must hold both keys under the same password. The walk lists every level\n"
+    "(the tool walks once to name the entry, the library once more to change it).\n"
+    "With fast_lookup = yes in soap.ini the library finds the user with one indexed\n"
+    "search instead and refuses a name that two users share; the tool then does not\n"
+    "walk, names a bare NAME as given, and accepts a full DN that exists.\n"
     "\n"
     "The passwords come from the files, else from QORLDAP_OLD_PASSWORD and\n"
     "QORLDAP_NEW_PASSWORD, else from prompts (the new one asked twice).\n";
