@@ -18,9 +18,9 @@ std::string CheckSubject(PublishSetup const& setup, std::string const& path,
     std::string subject;
     if (!BundleSubject(bundle, setup.bundlePassword, subject))
         return "";
-    for (std::string const& type : setup.levels) {
+    for (auto const& level : setup.levels) {
         size_t line = std::string::npos;
-        std::string const value = SubjectValue(subject, type, line);
+        std::string const value = SubjectValue(subject, level.second, line);
         if (line == std::string::npos)
             continue;
         std::string const unsafe = UnsafeInValue(value);
@@ -63,8 +63,8 @@ std::vector<std::string> LevelValues(std::vector<std::pair<std::string, std::str
 }
 
 // The DN the library composes for subject: "attr=value, " in front of the base, level by level.
-std::string SubjectDn(std::string const& subject) {
-    std::vector<std::pair<std::string, std::string>> const levels = Levels();
+std::string SubjectDn(PublishSetup const& setup, std::string const& subject) {
+    auto const& levels = setup.levels;
     std::vector<std::string> const values = LevelValues(levels, subject);
     LdapInfo info;
     GetLdapAtt(info);
@@ -74,8 +74,8 @@ std::string SubjectDn(std::string const& subject) {
     return dn;
 }
 
-void CreateLevelsOutsideAscii(std::string const& subject) {
-    std::vector<std::pair<std::string, std::string>> const levels = Levels();
+void CreateLevelsOutsideAscii(PublishSetup const& setup, std::string const& subject) {
+    auto const& levels = setup.levels;
     std::vector<std::string> const values = LevelValues(levels, subject);
     bool outside = false;
     for (std::string const& value : values)
@@ -146,7 +146,7 @@ int RunPublish(Args const& args) {
             GetPassword(args, {"--key-pass-file", "QORLDAP_KEY_PASSWORD",
                                "New password for the stored private key: ", true, false});
     }
-    setup.levels = NamingAttributes();
+    setup.levels = Levels();
     if (many)
         return PublishMany(args, setup, paths);
     std::string const dn = PublishBundle(setup, paths[0], bundle);
@@ -201,7 +201,7 @@ std::string PublishBundle(PublishSetup const& setup, std::string const& path,
                           std::string const& bundle) {
     std::string const subject = CheckSubject(setup, path, bundle);
     if (!subject.empty())
-        CreateLevelsOutsideAscii(subject);
+        CreateLevelsOutsideAscii(setup, subject);
     auto publish = [&] {
         return PublishP12(bundle.data(), bundle.size(), setup.bundlePassword.c_str(),
                           setup.publicOnly ? nullptr : setup.keyPassword.c_str(), !setup.crypt,
@@ -221,7 +221,7 @@ std::string PublishBundle(PublishSetup const& setup, std::string const& path,
                  "the entries that the certificate's subject names could not be made" +
                      (hint.empty() ? std::string() : " (" + hint + ")"));
     }
-    std::string const dn = subject.empty() ? "" : SubjectDn(subject);
+    std::string const dn = subject.empty() ? "" : SubjectDn(setup, subject);
     if (rc == 65) {
         FailCode("publish", rc,
                  "object class violation (" + (dn.empty() ? "the entry the subject names" : dn) +

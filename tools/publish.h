@@ -3,6 +3,7 @@
 #define QORLDAP_TOOLS_PUBLISH_H
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cli.h"
@@ -15,7 +16,8 @@ struct PublishSetup {
     bool publicOnly = false;
     std::string bundlePassword;
     std::string keyPassword;
-    std::vector<std::string> levels;  // the naming attributes of ldap.ini
+    // ldap.ini's levels (class, naming attribute), from the top down, read once per run.
+    std::vector<std::pair<std::string, std::string>> levels;
 };
 
 // Publishes bundle, the contents of path, through the library's free functions; a failure
