@@ -19,6 +19,8 @@
 #define SECTION_LDAP_BIND_DN "bind_dn"
 #define SECTION_LDAP_BIND_PASSWORD "bind_password"
 #define SECTION_LDAP_FAST_LOOKUP "fast_lookup"
+#define SECTION_LDAP_ATOMIC_PUBLISH "atomic_publish"
+#define SECTION_LDAP_REFUSE_WEAK_KEYS "refuse_weak_keys"
 #define LDAP_BASE "base"
 #define LDAP_SUM "sum"
 #define LDAP_ATT "A"

@@ -41,6 +41,33 @@ int CLdapOp::ReplaceBinary(char const* dn, char const* attribute, berval** value
     return binding_.LdapModifyS(Handle(), dn, mods);
 }
 
+// Both replaces in one request: the directory applies a modify request whole or not at all.
+int CLdapOp::ReplacePair(char const* dn, char const* first, unsigned char const* firstValue,
+                         unsigned int firstLength, char const* second,
+                         unsigned char const* secondValue, unsigned int secondLength) {
+    if (dn == nullptr || firstValue == nullptr || firstLength == 0 || secondValue == nullptr ||
+        secondLength == 0) {
+        return QORLDAP_E_FAILED;
+    }
+    berval firstBv;
+    firstBv.bv_len = firstLength;
+    firstBv.bv_val = reinterpret_cast<char*>(const_cast<unsigned char*>(firstValue));
+    berval secondBv;
+    secondBv.bv_len = secondLength;
+    secondBv.bv_val = reinterpret_cast<char*>(const_cast<unsigned char*>(secondValue));
+    berval* firstValues[2] = {&firstBv, nullptr};
+    berval* secondValues[2] = {&secondBv, nullptr};
+    LDAPMod mods[2];
+    mods[0].mod_op = QOR_MOD_BINARY_REPLACE;
+    mods[0].mod_type = const_cast<char*>(first);
+    mods[0].mod_bvalues = firstValues;
+    mods[1].mod_op = QOR_MOD_BINARY_REPLACE;
+    mods[1].mod_type = const_cast<char*>(second);
+    mods[1].mod_bvalues = secondValues;
+    ldapmod* list[3] = {&mods[0], &mods[1], nullptr};
+    return binding_.LdapModifyS(Handle(), dn, list);
+}
+
 int CLdapOp::ModifySignPrivateKey(char const* dn, unsigned char const* key, unsigned int length) {
     return ModifyKey(dn, LDAP_PERSON_SIGN_PRI, key, length);
 }

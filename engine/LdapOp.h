@@ -110,6 +110,9 @@ class CLdapOp {
     // The lower-cased value of the last subject line starting with key; false, value
     // untouched, when no line does or an argument is null.
     static bool ParseSubject(char const* subject, char const* key, std::string& value);
+    // Whether subject names each level of the path plainly (engine/SubjectCheck.cpp); false,
+    // with fault (when not null) saying why for people, when a value would name another entry.
+    bool CheckSubject(char const* subject, std::string* fault = nullptr) const;
     // true with condition the common name and kind 1 for "cn=..." when the last template is
     // named by cn; false with kind 0 (condition untouched) otherwise or with no templates.
     bool GetCondition(char const* name, std::string& condition, int& kind);
@@ -218,6 +221,10 @@ class CLdapOp {
     // Timeouts and TLS settings, only those configured. false when StartTLS failed.
     bool SecureHandle(ldap* ld, LdapInfo const& settings);
     int ReplaceBinary(char const* dn, char const* attribute, berval** values);
+    // One modify request replacing two binary attributes with one value each.
+    int ReplacePair(char const* dn, char const* first, unsigned char const* firstValue,
+                    unsigned int firstLength, char const* second, unsigned char const* secondValue,
+                    unsigned int secondLength);
     // Removes a private-key attribute: a replace with no values.
     int RemoveKey(char const* dn, char const* attribute);
     // Re-protects one stored private key; see ModifyPriKeyPsw.

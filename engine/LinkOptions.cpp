@@ -96,6 +96,16 @@ void LinkOptions::Read(IniFile const& soap, std::string const& section) {
                     {"no", "false", "off", "0"}, fastLookup)) {
         fail(SECTION_LDAP_FAST_LOOKUP, raw);
     }
+    if (soap.Get(section, SECTION_LDAP_ATOMIC_PUBLISH, raw) &&
+        !ReadSwitch(qor::Folded(raw), false, {"yes", "true", "on", "1"},
+                    {"no", "false", "off", "0"}, atomicPublish)) {
+        fail(SECTION_LDAP_ATOMIC_PUBLISH, raw);
+    }
+    if (soap.Get(section, SECTION_LDAP_REFUSE_WEAK_KEYS, raw) &&
+        !ReadSwitch(qor::Folded(raw), false, {"yes", "true", "on", "1"},
+                    {"no", "false", "off", "0"}, refuseWeakKeys)) {
+        fail(SECTION_LDAP_REFUSE_WEAK_KEYS, raw);
+    }
     if (soap.Get(section, SECTION_LDAP_RECONNECT, raw) &&
         !ReadSwitch(qor::Folded(raw), false, {"yes", "true", "on", "1"},
                     {"no", "false", "off", "0"}, reconnect)) {

@@ -26,6 +26,14 @@ struct LinkOptions {
     // "fast_lookup": yes finds a user by name with one indexed search below the base DN
     // instead of walking the tree, and lists children by name only (engine/FastLookup.cpp).
     bool fastLookup = false;
+    // "atomic_publish": yes makes a publication write the certificate and the protected private
+    // key in one modify request, so that the directory applies both or neither: a crash, a
+    // refused write or a concurrent publication never leaves a key next to a certificate it
+    // does not belong to. Off, the two go in two requests, certificate first.
+    bool atomicPublish = false;
+    // "refuse_weak_keys": yes makes a publication refuse, before anything is written, a bundle
+    // whose key gives less than 112-bit security or sits on an explicitly given curve.
+    bool refuseWeakKeys = false;
     // Empty when every key present is written in one of its documented spellings; otherwise
     // "key=value" of the first one that is not. An engine whose link keys do not read never
     // connects: a misspelt "tls" or "tls_verify" must not quietly mean a clear or unverified
@@ -38,7 +46,8 @@ struct LinkOptions {
     //   tls_verify  yes | true | on | 1 | demand  /  no | false | off | 0 | never
     //   reconnect   yes | true | on | 1  /  no | false | off | 0
     //   timeout     whole seconds, 0 to 86400 (0: none)
-    //   fast_lookup yes | true | on | 1  /  no | false | off | 0
+    //   fast_lookup, atomic_publish, refuse_weak_keys
+    //               yes | true | on | 1  /  no | false | off | 0
     void Read(IniFile const& soap, std::string const& section);
     bool Valid() const { return fault.empty(); }
     // "scheme://host:port" for each blank-separated host; a host written as a URI stays as it

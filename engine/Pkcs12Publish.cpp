@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 
+#include "engine/Constants.h"
 #include "engine/LdapOp.h"
 #include "platform/Crypto.h"
 #include "platform/WipedBuffer.h"
@@ -46,6 +47,14 @@ int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pf
         !GetCertInfo(cert.get(), static_cast<int>(certLength), *info)) {
         return QORLDAP_E_PKCS12;
     }
+    // Refusals come before anything is written: a subject that would name some other entry
+    // than the one it spells, and (when asked for) a key too weak to be worth keeping.
+    if (!CheckSubject(info->subject)) {
+        return QORLDAP_E_PKCS12;
+    }
+    if (link_.refuseWeakKeys && IsWeakKey(key.Data(), keyLength)) {
+        return QORLDAP_E_PKCS12;
+    }
     int rc = InsertOrganization(info->subject, dn);
     if (rc != QORLDAP_OK) {
         return rc;
@@ -56,6 +65,11 @@ int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pf
         if (rc != QORLDAP_OK) {
             return rc;
         }
+    }
+    if (link_.atomicPublish && !publicOnly) {
+        return ReplacePair(dn.c_str(), PublicKeyAttribute(sign), cert.get(), certLength,
+                           sign ? LDAP_PERSON_SIGN_PRI : LDAP_PERSON_EN_PRI, stored.Data(),
+                           static_cast<unsigned int>(stored.Size()));
     }
     // The certificate before the private key; a failed key store leaves the certificate.
     rc = sign ? ModifySignPublicKey(dn.c_str(), cert.get(), certLength)

@@ -6,12 +6,14 @@
 // queue before returning, so the application never finds our failures mixed with its own.
 #include "platform/Crypto.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstring>
 #include <utility>
 #include <vector>
 
+#include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
@@ -621,9 +623,13 @@ bool GetCertInfo(unsigned char const* cert, int certLen, tagCERT& info) {
         unsigned char* utf8 = nullptr;
         int const valueLen = ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(entry));
         OsslBytesPtr const value(utf8);
-        // A value with a NUL inside would read as something else; such a subject is refused.
+        // The subject is read as lines of "type=value": a value holding a line feed would add
+        // lines of its own choosing (and so name another user's entry), a carriage return or
+        // a tab would end up inside a name, a NUL would cut the value short. A subject with
+        // any control character in any value is refused.
         ok = valueLen >= 0 &&
-             std::memchr(value.get(), '\0', static_cast<size_t>(valueLen)) == nullptr &&
+             std::none_of(value.get(), value.get() + valueLen,
+                          [](unsigned char c) { return c < 0x20 || c == 0x7F; }) &&
              (i == 0 || Append(out, cap, used, "\n", 1)) &&
              Append(out, cap, used, type, std::strlen(type)) && Append(out, cap, used, "=", 1) &&
              Append(out, cap, used, reinterpret_cast<char const*>(value.get()),
@@ -632,6 +638,33 @@ bool GetCertInfo(unsigned char const* cert, int certLen, tagCERT& info) {
     if (!ok)
         std::memset(&info, 0, sizeof info);
     return ok;
+}
+
+bool IsWeakKey(unsigned char const* key, unsigned int keyLen) {
+    if (key == nullptr || keyLen == 0 || keyLen > INT_MAX)
+        return true;
+    OSSL_LIB_CTX* ctx = Contexts::Full();
+    if (ctx == nullptr)
+        return true;
+    ErrorScope errors;
+    unsigned char const* p = key;
+    Pkcs8Ptr const p8(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &p, static_cast<long>(keyLen)));
+    EvpPkeyPtr const pkey(p8 == nullptr ? nullptr : EVP_PKCS82PKEY_ex(p8.get(), ctx, nullptr));
+    if (pkey == nullptr)
+        return true;
+    // 112 bits: RSA and DSA of 2048 bits, curves of 224 bits. A curve given by explicit
+    // parameters rather than by name is refused whatever its size: its parameters could be
+    // anything, and named curves are all any CA issues.
+    if (EVP_PKEY_get_security_bits(pkey.get()) < 112)
+        return true;
+    if (EVP_PKEY_is_a(pkey.get(), "EC")) {
+        char encoding[32] = {0};
+        if (!EVP_PKEY_get_utf8_string_param(pkey.get(), OSSL_PKEY_PARAM_EC_ENCODING, encoding,
+                                            sizeof encoding, nullptr) ||
+            std::strcmp(encoding, OSSL_PKEY_EC_ENCODING_GROUP) != 0)
+            return true;
+    }
+    return false;
 }
 
 bool Convert2Key(unsigned char const* key, unsigned int keyLen, char const* psw, unsigned char* out,

@@ -43,6 +43,11 @@ void ForgetOpenedBundle();
 // info is zeroed first. false when the certificate does not parse or the subject does not fit.
 bool GetCertInfo(unsigned char const* cert, int certLen, tagCERT& info);
 
+// Whether an unencrypted PKCS#8 DER private key gives less than 112-bit security (RSA or DSA
+// below 2048 bits, curves below 224 bits) or is an EC key over explicit parameters. A key that
+// does not parse counts as weak.
+bool IsWeakKey(unsigned char const* key, unsigned int keyLen);
+
 // Protects an unencrypted PKCS#8 DER private key under psw as DER EncryptedPrivateKeyInfo
 // (PBES2, PBKDF2-HMAC-SHA256, AES-256-CBC). With out null, stores the size needed (an upper
 // bound) into outLen. With out, outLen holds the buffer's size and receives the length written.

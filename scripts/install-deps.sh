@@ -3,7 +3,7 @@
 # Safe to run again: apt-get skips what is already there.
 set -euo pipefail
 pkgs=(build-essential cmake pkg-config clang libclang-rt-14-dev
-      libldap-dev slapd ldap-utils libssl-dev openssl
+      libldap-dev slapd ldap-utils libssl-dev openssl libicu-dev
       libgtest-dev googletest libgmock-dev libbenchmark-dev valgrind
       389-ds-base)
 missing=()

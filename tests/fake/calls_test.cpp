@@ -9,6 +9,7 @@
 
 #include "engine/LdapOp.h"
 #include "tests/fake_ldap/fake_ldap.h"
+#include "tests/support/CraftedBundle.h"
 #include "tests/support/TestFiles.h"
 
 namespace fakeldap {
@@ -315,6 +316,55 @@ TEST_F(Calls, FastLookup) {
     EXPECT_EQ("", found[1] + found[2]);
     EXPECT_EQ(search + walk({dns[0], dns[1], dns[2]}) + search + walk(dns), log);
     EXPECT_EQ(search + "ldap_msgfree\n", Fake().log);
+}
+
+// A publication's writes after the path: by default the certificate, then the key, in two
+// requests; with atomic_publish one request carries both; with refuse_weak_keys a weak key is
+// refused before anything is sent, and a strong one goes through. Certificate first in each
+// request, so that the two forms store the same values in the same order.
+TEST_F(Calls, PublicationWrites) {
+    auto const strong = qortest::CraftBundle({{"OU", "Sales"}, {"CN", "Li Lei"}}, "pw");
+    auto const weak = qortest::CraftBundle({{"OU", "Sales"}, {"CN", "Li Lei"}}, "pw", "P-192");
+    auto modifies = [](std::string const& log) {
+        std::string found;
+        for (size_t at = log.find("ldap_modify_s"); at != std::string::npos;
+             at = log.find("ldap_modify_s", at + 1)) {
+            // Up to the next modify: the values are binary and may hold line feeds.
+            std::string const line = log.substr(at, log.find("ldap_modify_s", at + 1) - at);
+            found += "modify";
+            for (size_t t = line.find("[op=0x"); t != std::string::npos;
+                 t = line.find("[op=0x", t + 1)) {
+                size_t const type = line.find(" type=", t) + 6;
+                found += " " + line.substr(type, line.find(' ', type) - type);
+            }
+            found += "\n";
+        }
+        return found;
+    };
+    struct Case {
+        char const* keys;
+        std::string const* bundle;
+        int rc;
+        char const* writes;
+    } const cases[] = {
+        {"", &strong.bundle, QORLDAP_OK, "modify signPubcer;binary\nmodify signPrikey;binary\n"},
+        {"atomic_publish=yes\n", &strong.bundle, QORLDAP_OK,
+         "modify signPubcer;binary signPrikey;binary\n"},
+        {"refuse_weak_keys=yes\n", &weak.bundle, QORLDAP_E_PKCS12, ""},
+        {"", &weak.bundle, QORLDAP_OK, "modify signPubcer;binary\nmodify signPrikey;binary\n"},
+    };
+    for (Case const& c : cases) {
+        Soap(c.keys);
+        CLdapOp op;
+        ASSERT_EQ(QORLDAP_OK, op.ConnectLdap());
+        Fake().Reset(kBaseEntry);
+        EXPECT_EQ(c.rc, op.PublishP12(c.bundle->data(), c.bundle->size(), "pw", "key", true, false))
+            << c.keys;
+        EXPECT_EQ(c.writes, modifies(Fake().log)) << c.keys;
+        if (c.rc != QORLDAP_OK) {
+            EXPECT_EQ("", Fake().log) << c.keys;
+        }
+    }
 }
 
 // Without the library nothing is sent; once the variable names it, the same binding loads it.

@@ -2,6 +2,7 @@
 // No private key in the clear may be released unwiped (operator delete[] below).
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 #include <tuple>
 
 #include "qorldap/qorldap.h"
+#include "tests/support/CraftedBundle.h"
 #include "tests/support/Directory.h"
 #include "tests/support/Entries.h"
 
@@ -249,6 +251,48 @@ TEST_F(Server, PublishedKeysAreReprotectedAndNoClearKeyIsLeftUnwiped) {
     EXPECT_EQ(Strings{}, dir_.Values(half, "cryptPubcer;binary"));
     EXPECT_EQ(QORLDAP_E_OLD_PASSWORD, ModifyPriKeyPsw("cn=half", "old", "new"));
     EXPECT_TRUE(pki_.OpensWith(dir_.Values(half, "signPrikey;binary").at(0), "old"));
+}
+
+// A subject that spells one person must never land on another's entry: each crafted subject is
+// refused before anything is written, and bob's keys stay his. The last cases pass: plain
+// values, Chinese ones among them.
+TEST_F(Server, SubjectsThatWouldNameAnotherEntryAreRefused) {
+    std::string const unit = "subj" + std::to_string(getpid());
+    std::string const bob = "cn=bob smith, ou=" + unit + ", " + dir_.Base();
+    auto const victim = qortest::CraftBundle({{"OU", unit}, {"CN", "Bob Smith"}}, kP12Pw);
+    ASSERT_EQ(0, Publish(victim.bundle, "bobs", true));
+    using Case = std::pair<char const*, qortest::Subject>;
+    std::string const u = unit;
+    for (auto const& [why, subject] : {
+             Case{"line feed",
+                  {{"O", "x\nOU=" + u + "\nCN=bob smith"}, {"OU", "evil"}, {"CN", "m"}}},
+             Case{"carriage return", {{"OU", u}, {"CN", "bob smith\r"}}},
+             Case{"tab", {{"OU", u}, {"CN", "bob\tsmith"}}},
+             Case{"NUL", {{"OU", u}, {"CN", std::string("bob smith\0x", 11)}}},
+             Case{"escape", {{"OU", u}, {"CN", "bob\\20smith"}}},
+             Case{"encoded value", {{"OU", u}, {"CN", "#0c09626f6220736d697468"}}},
+             Case{"comma", {{"OU", "evil"}, {"CN", "bob smith, ou=" + u}}},
+             Case{"plus", {{"OU", u}, {"CN", "bob smith+sn=x"}}},
+             Case{"blank first", {{"OU", u}, {"CN", " bob smith"}}},
+             Case{"blank last", {{"OU", u}, {"CN", "bob smith "}}},
+             Case{"two blanks", {{"OU", u}, {"CN", "bob  smith"}}},
+             Case{"fullwidth", {{"OU", u}, {"CN", "\uff42\uff4f\uff42 smith"}}},
+             Case{"no-break space", {{"OU", u}, {"CN", "bob\u00a0smith"}}},
+             Case{"combining accent", {{"OU", u}, {"CN", "bob smithe\u0301"}}},
+             Case{"invisible", {{"OU", u}, {"CN", "bob\u200b smith"}}},
+             Case{"two CN", {{"OU", u}, {"CN", "mallory"}, {"CN", "bob smith"}}},
+         }) {
+        auto const crafted = qortest::CraftBundle(subject, kP12Pw);
+        ASSERT_FALSE(crafted.bundle.empty()) << why;
+        EXPECT_EQ(QORLDAP_E_PKCS12, Publish(crafted.bundle, "mallorys", true)) << why;
+    }
+    EXPECT_EQ(Strings{victim.cert}, dir_.Values(bob, "signPubcer;binary"));
+    EXPECT_TRUE(pki_.OpensWith(dir_.Values(bob, "signPrikey;binary").at(0), "bobs"));
+    // Plain values pass, Chinese ones too: each level's value is stored once, as it is spelt.
+    for (std::string cn : {"bob smith jr", "\u5f20\u4f1f", "o'neil-smith (ops)"}) {
+        auto const fine = qortest::CraftBundle({{"OU", unit}, {"CN", cn}}, kP12Pw);
+        EXPECT_EQ(0, Publish(fine.bundle, "pw", true)) << cn;
+    }
 }
 
 }  // namespace
