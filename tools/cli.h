@@ -133,6 +133,10 @@ std::string MissingTemplatesHint();
 // --- files and output (output.cpp) ---
 
 std::string ReadFile(std::string const& what, std::string const& path, size_t limit);
+// ReadFile for a path that must name a regular file. Anything else is refused without being
+// read or waited on: "PATH: not a regular file (a FIFO)", "PATH: symlink loop", "PATH:
+// unreadable (Permission denied)".
+std::string ReadRegularFile(std::string const& what, std::string const& path, size_t limit);
 // Usage error when binary data would go to a terminal.
 void RefuseBinaryOnTerminal(std::string const& what, std::string const& path, bool binary);
 // Writes data to path ("-" or empty: standard output). binary data is refused on a terminal.

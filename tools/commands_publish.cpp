@@ -124,9 +124,10 @@ int RunPublish(Args const& args) {
     if (args.positional.empty() && !args.Has("--from-stdin"))
         Usage(args.command, "missing argument");
     bool const many = ManyBundles(args);
-    std::vector<std::string> const paths =
-        many ? BundlePaths(args) : std::vector<std::string>{args.positional[0]};
-    std::string const bundle = many ? "" : ReadFile(args.command, paths[0], kMaxInput);
+    std::vector<BundleFile> const bundles =
+        many ? BundlePaths(args) : std::vector<BundleFile>{{args.positional[0], ""}};
+    std::string const& path = bundles[0].path;
+    std::string const bundle = many ? "" : ReadRegularFile(args.command, path, kMaxInput);
     RefuseCutSettings();
     int rc = ConnectWithFailover([] { return ConnectLdap(); });
     LdapInfo info;
@@ -137,8 +138,7 @@ int RunPublish(Args const& args) {
     PublishSetup setup;
     setup.crypt = args.Has("--crypt");
     setup.publicOnly = args.Has("--public-only");
-    std::string const prompt =
-        many ? "Password of the bundles: " : "Password of " + paths[0] + ": ";
+    std::string const prompt = many ? "Password of the bundles: " : "Password of " + path + ": ";
     setup.bundlePassword =
         GetPassword(args, {"--p12-pass-file", "QORLDAP_P12_PASSWORD", prompt, false, true});
     if (!setup.publicOnly) {
@@ -148,9 +148,9 @@ int RunPublish(Args const& args) {
     }
     setup.levels = Levels();
     if (many)
-        return PublishMany(args, setup, paths);
-    std::string const dn = PublishBundle(setup, paths[0], bundle);
-    std::printf("published %s (%s)%s\n", paths[0].c_str(), PublishedWhat(setup).c_str(),
+        return PublishMany(args, setup, bundles);
+    std::string const dn = PublishBundle(setup, path, bundle);
+    std::printf("published %s (%s)%s\n", path.c_str(), PublishedWhat(setup).c_str(),
                 dn.empty() ? "" : (" to " + dn).c_str());
     return kExitOk;
 }
@@ -178,7 +178,9 @@ char const kPublishHelp[] =
     "path a line from standard input. All take the same passwords. A failing bundle is\n"
     "reported on standard error and the others go on; at the end a summary \"N published,\n"
     "M failed in T s\", and exit status 1 when any failed. Progress shows on standard\n"
-    "error: a bar on a terminal, else a line each tenth of the way.\n"
+    "error: a bar on a terminal, else a line each tenth of the way. A path that is not a\n"
+    "regular file (a FIFO, a device, a folder named *.p12), a symlink loop and an\n"
+    "unreadable file or folder each fail with a line of their own; none is waited on.\n"
     "\n"
     "  --from-stdin         read the paths from standard input, as - does\n"
     "  --jobs N             N bundles at a time (default 1, at most 64). The bundles are\n"

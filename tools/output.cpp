@@ -26,13 +26,8 @@ bool WriteAll(int fd, std::string const& data) {
     return true;
 }
 
-}  // namespace
-
-std::string ReadFile(std::string const& what, std::string const& path, size_t limit) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        Fail(what, "cannot read " + path + ": " + std::strerror(errno));
-    }
+// Reads what fd holds, up to limit bytes, and closes it.
+std::string ReadOpened(std::string const& what, std::string const& path, int fd, size_t limit) {
     std::string data;
     char buffer[65536];
     for (;;) {
@@ -54,6 +49,60 @@ std::string ReadFile(std::string const& what, std::string const& path, size_t li
     }
     ::close(fd);
     return data;
+}
+
+// Why path cannot be opened or looked at, errno err.
+[[noreturn]] void FailOpen(std::string const& what, std::string const& path, int err) {
+    if (err == ELOOP)
+        Fail(what, path + ": symlink loop");
+    if (err == EACCES || err == EPERM)
+        Fail(what, path + ": unreadable (" + std::strerror(err) + ")");
+    Fail(what, "cannot read " + path + ": " + std::strerror(err));
+}
+
+char const* FileKind(mode_t mode) {
+    if (S_ISDIR(mode))
+        return "a folder";
+    if (S_ISFIFO(mode))
+        return "a FIFO";
+    if (S_ISSOCK(mode))
+        return "a socket";
+    if (S_ISCHR(mode))
+        return "a character device";
+    if (S_ISBLK(mode))
+        return "a block device";
+    return "a special file";
+}
+
+}  // namespace
+
+std::string ReadFile(std::string const& what, std::string const& path, size_t limit) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        Fail(what, "cannot read " + path + ": " + std::strerror(errno));
+    }
+    return ReadOpened(what, path, fd, limit);
+}
+
+std::string ReadRegularFile(std::string const& what, std::string const& path, size_t limit) {
+    // Looked at before it is opened: opening a FIFO waits for a writer, and opening a device
+    // may do something. O_NONBLOCK keeps a FIFO put in its place meanwhile from blocking the
+    // open, and the second look refuses it.
+    struct stat before;
+    if (::stat(path.c_str(), &before) != 0)
+        FailOpen(what, path, errno);
+    if (!S_ISREG(before.st_mode))
+        Fail(what, path + ": not a regular file (" + FileKind(before.st_mode) + ")");
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0)
+        FailOpen(what, path, errno);
+    struct stat after;
+    if (::fstat(fd, &after) != 0 || !S_ISREG(after.st_mode) || after.st_dev != before.st_dev ||
+        after.st_ino != before.st_ino) {
+        ::close(fd);
+        Fail(what, path + ": not a regular file (it changed while it was opened)");
+    }
+    return ReadOpened(what, path, fd, limit);
 }
 
 void RefuseBinaryOnTerminal(std::string const& what, std::string const& path, bool binary) {

@@ -28,14 +28,22 @@ std::string PublishBundle(PublishSetup const& setup, std::string const& path,
 // "signing pair", "encryption certificate only".
 std::string PublishedWhat(PublishSetup const& setup);
 
+// One bundle of a run: a path, and why it fails already when that was found while listing.
+struct BundleFile {
+    std::string path;
+    std::string refusal;  // "bundles: unreadable (Permission denied)"; empty when none
+};
+
 // Whether the command line asks for more than the one bundle of the plain form.
 bool ManyBundles(Args const& args);
-// The bundles the command line names: files as given, the *.p12 and *.pfx files of a folder,
-// the paths listed on standard input for "-" or --from-stdin.
-std::vector<std::string> BundlePaths(Args const& args);
-// Publishes each of paths with --jobs threads, goes on past failures, shows progress, prints a
-// summary and writes --report. 1 when any failed.
-int PublishMany(Args const& args, PublishSetup const& setup, std::vector<std::string> const& paths);
+// The bundles the command line names: files as given, the *.p12 and *.pfx files of a folder
+// (whatever their type: each is looked at when it is read), the paths listed on standard
+// input for "-" or --from-stdin. A folder that cannot be listed is one failed entry.
+std::vector<BundleFile> BundlePaths(Args const& args);
+// Publishes each of bundles with --jobs threads, goes on past failures, shows progress, prints
+// a summary and writes --report. 1 when any failed.
+int PublishMany(Args const& args, PublishSetup const& setup,
+                std::vector<BundleFile> const& bundles);
 
 }  // namespace qortool
 

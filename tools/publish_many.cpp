@@ -27,17 +27,24 @@ bool IsBundleName(fs::path const& path) {
     return ext == ".p12" || ext == ".pfx";
 }
 
-void AddFolder(Args const& args, std::string const& folder, std::vector<std::string>& paths) {
+// Every entry named *.p12 or *.pfx, sorted: its type is not asked here, where a symlink loop or
+// an entry that went away would be an error of the listing; reading it names what it is.
+void AddFolder(std::string const& folder, std::vector<BundleFile>& bundles) {
     std::vector<std::string> found;
     std::error_code error;
-    for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
-        if (IsBundleName(it->path()) && it->is_regular_file())
+    fs::directory_iterator it(folder, error);
+    for (fs::directory_iterator end; !error && it != end; it.increment(error)) {
+        if (IsBundleName(it->path()))
             found.push_back(it->path().string());
     }
-    if (error)
-        Fail(args.command, "cannot list " + folder + ": " + error.message());
     std::sort(found.begin(), found.end());
-    paths.insert(paths.end(), found.begin(), found.end());
+    for (std::string const& path : found)
+        bundles.push_back({path, ""});
+    if (error) {
+        bool const denied = error == std::errc::permission_denied;
+        bundles.push_back({folder, folder + (denied ? ": unreadable (" : ": cannot list (") +
+                                       error.message() + ")"});
+    }
 }
 
 int Jobs(Args const& args) {
@@ -68,8 +75,8 @@ bool ManyBundles(Args const& args) {
     return fs::is_directory(args.positional[0], error);
 }
 
-std::vector<std::string> BundlePaths(Args const& args) {
-    std::vector<std::string> paths;
+std::vector<BundleFile> BundlePaths(Args const& args) {
+    std::vector<BundleFile> bundles;
     bool stdinRead = false;
     auto readStdin = [&] {
         if (stdinRead)
@@ -80,7 +87,7 @@ std::vector<std::string> BundlePaths(Args const& args) {
             if (!line.empty() && line.back() == '\r')
                 line.pop_back();
             if (!line.empty())
-                paths.push_back(line);
+                bundles.push_back({line, ""});
         }
     };
     for (std::string const& word : args.positional) {
@@ -88,20 +95,20 @@ std::vector<std::string> BundlePaths(Args const& args) {
         if (word == "-") {
             readStdin();
         } else if (fs::is_directory(word, error)) {
-            AddFolder(args, word, paths);
+            AddFolder(word, bundles);
         } else {
-            paths.push_back(word);
+            bundles.push_back({word, ""});
         }
     }
     if (args.Has("--from-stdin"))
         readStdin();
-    if (paths.empty())
+    if (bundles.empty())
         Fail(args.command, "no bundles to publish (a folder gives its *.p12 and *.pfx files)");
-    return paths;
+    return bundles;
 }
 
 int PublishMany(Args const& args, PublishSetup const& setup,
-                std::vector<std::string> const& paths) {
+                std::vector<BundleFile> const& bundles) {
     // A report that cannot be written is found out before the run, not after it.
     if (args.HasValue("--report")) {
         std::FILE* report = std::fopen(args.Value("--report").c_str(), "a");
@@ -110,19 +117,22 @@ int PublishMany(Args const& args, PublishSetup const& setup,
                                    std::strerror(errno) + "; nothing was published");
         std::fclose(report);
     }
-    int const jobs = std::min(Jobs(args), static_cast<int>(paths.size()));
-    std::vector<std::string> failures(paths.size());
+    int const jobs = std::min(Jobs(args), static_cast<int>(bundles.size()));
+    std::vector<std::string> failures(bundles.size());
     std::atomic<size_t> next(0);
     std::atomic<size_t> failed(0);
-    Progress progress("qorldap: publish: ", paths.size());
+    Progress progress("qorldap: publish: ", bundles.size());
     auto work = [&] {
-        for (size_t i = next++; i < paths.size(); i = next++) {
+        for (size_t i = next++; i < bundles.size(); i = next++) {
+            std::string const& path = bundles[i].path;
             try {
-                PublishBundle(setup, paths[i], ReadFile(args.command, paths[i], kMaxInput));
+                if (!bundles[i].refusal.empty())
+                    Fail(args.command, bundles[i].refusal);
+                PublishBundle(setup, path, ReadRegularFile(args.command, path, kMaxInput));
             } catch (Stop const& stop) {
-                failures[i] = Reason(stop.message, paths[i]);
+                failures[i] = Reason(stop.message, path);
             } catch (std::exception const& e) {
-                failures[i] = paths[i] + ": " + e.what();
+                failures[i] = path + ": " + e.what();
             }
             if (!failures[i].empty()) {
                 ++failed;
@@ -147,7 +157,7 @@ int PublishMany(Args const& args, PublishSetup const& setup,
         }
         WriteOutput(args.command, report, args.Value("--report"), false, false);
     }
-    std::printf("%zu published, %zu failed in %.1f s\n", paths.size() - failed, failed.load(),
+    std::printf("%zu published, %zu failed in %.1f s\n", bundles.size() - failed, failed.load(),
                 progress.Seconds());
     return failed > 0 ? kExitFailed : kExitOk;
 }

@@ -120,6 +120,49 @@ check "a folder: its bundles, a broken one reported, status 1" test "$status" = 
 printf '%s\n' li.p12 missing.p12 | "${detach[@]}" "$tool" --conf "$conf" publish --from-stdin --public-only >"$tmp/out" 2>"$tmp/err"
 check "paths from standard input, and the missing one named" test $? = 1 -a -n "$(grep '^1 published, 1 failed' "$tmp/out")" -a -n "$(grep 'publish: cannot read missing.p12' "$tmp/err")"
 
+group "publish: paths that are not bundles"
+# Each kind gets a line of its own and a report entry, whether found in a folder, named or
+# listed on standard input; the good bundle beside them is published. A FIFO blocked open()
+# for ever and a symlink loop ended the run with a filesystem exception: the runs are bounded
+# by timeout so that a hang fails instead of stopping the suite.
+mkdir special && cp li.p12 special/good.p12 && mkfifo special/fifo.p12 && ln -s loop.p12 special/loop.p12 &&
+    mkdir special/folder.p12
+kinds=("special/fifo.p12|not a regular file (a FIFO)" "special/loop.p12|symlink loop"
+    "special/folder.p12|not a regular file (a folder)")
+if [ "$(id -u)" != 0 ]; then  # root reads a file of mode 000
+    cp li.p12 special/locked.p12 && chmod 000 special/locked.p12
+    kinds+=("special/locked.p12|unreadable (Permission denied)")
+fi
+bounded=(timeout -k 5 60 setsid -w)
+for way in found named listed; do
+    words=(special) input=/dev/null rows=("${kinds[@]}")
+    # A folder named on the command line is walked, not read: a device stands in for it.
+    [ $way = found ] || rows=("${rows[@]/#special\/folder.p12|*//dev/null|not a regular file (a character device)}")
+    [ $way = named ] && words=(special/good.p12 "${rows[@]%%|*}")
+    [ $way = listed ] && words=(-) input=special.list && printf '%s\n' special/good.p12 "${rows[@]%%|*}" >special.list
+    rm -f special.txt
+    "${bounded[@]}" "$tool" --conf "$conf" publish "${words[@]}" --public-only --report special.txt \
+        <"$input" >"$tmp/out" 2>"$tmp/err"
+    status=$? out=$(cat "$tmp/out") err=$(cat "$tmp/err")
+    bad=""
+    for row in "${rows[@]}"; do
+        line="${row%%|*}: ${row#*|}"
+        [ "$(grep -cxF "qorldap: publish: $line" "$tmp/err")" = 1 ] && grep -qxF "$line" special.txt || bad+=" [$line]"
+    done
+    check "$way: one line and one report entry for each of ${#rows[@]} kinds, the bundle published" \
+        test "$status" = 1 -a -z "$bad" -a -n "$(grep "^1 published, ${#rows[@]} failed in" "$tmp/out")"
+done
+"${bounded[@]}" "$tool" --conf "$conf" publish special/fifo.p12 --public-only >"$tmp/out" 2>"$tmp/err" </dev/null
+status=$? err=$(cat "$tmp/err")
+expect_fail "one FIFO alone is refused, not waited on" 1 "publish: special/fifo.p12: not a regular file (a FIFO)"
+if [ "$(id -u)" != 0 ]; then
+    mkdir locked && cp li.p12 locked/ && chmod 000 locked
+    "${bounded[@]}" "$tool" --conf "$conf" publish locked li.p12 --public-only >"$tmp/out" 2>"$tmp/err" </dev/null
+    check "a folder that cannot be listed is one failure" test $? = 1 -a -n "$(grep '^1 published, 1 failed' "$tmp/out")" \
+        -a -n "$(grep -F 'publish: locked: unreadable (' "$tmp/err")"
+    chmod 700 locked
+fi
+
 group "ls and show"
 run ls -R o=root
 expect_ok "ls -R shows the tree, indented by depth" $'o=root\n  ou=sales,o=root\n    cn=li lei,ou=sales,o=root' \
