@@ -70,12 +70,12 @@ homeDirectory: /home/wangwu"
 
 group "2. access control and 3. the key service's identity"
 database=$(ldapsearch -LLL "${config[@]}" -b cn=config "(olcSuffix=$base)" dn | sed -n 's/^dn: //p')
-check "olcAccess.ldif applies to the database" eval 'sed -e "s/@BASE@/$base/g" -e "s/@SERVICES@/$services/g" \
-    -e "s/^dn: olcDatabase={1}mdb,cn=config/dn: $database/" "$project/schema/acl/olcAccess.ldif" | quiet ldapmodify "${config[@]}"'
 service_dn="cn=libqorldap key service 0001,$services"
 service_pw=$(openssl rand -base64 48)
+check "olcAccess.ldif applies to the database" eval 'sed -e "s/@BASE@/$base/g" -e "s/@SERVICE@/$service_dn/g" \
+    -e "s/^dn: olcDatabase={1}mdb,cn=config/dn: $database/" "$project/schema/acl/olcAccess.ldif" | quiet ldapmodify "${config[@]}"'
 check "a 60-character service DN with a 64-character password" test "${#service_dn}/${#service_pw}" = 60/64
-check "service.ldif adds the identity" eval 'sed -e "s/@SERVICES@/$services/g" -e "s|@PASSWORD@|$service_pw|" \
+check "service.ldif adds the identity" eval 'sed -e "s/@SERVICES@/$services/g" -e "s|@PASSWORD_HASH@|$(slappasswd -s "$service_pw")|" \
     -e "s/^dn: cn=qorldap,/dn: cn=libqorldap key service 0001,/" -e "s/^cn: qorldap/cn: libqorldap key service 0001/" \
     "$project/schema/acl/service.ldif" | quiet ldapadd "${admin[@]}"'
 
@@ -164,6 +164,16 @@ description: still ours"
     QORLDAP_OLD_PASSWORD=key-pw QORLDAP_NEW_PASSWORD=new-pw run passwd "cn=Li Lei"
     expect_ok "the password change by name" "changed the password"
     check "an anonymous search gets no private key" test -z "$(values "cn=Li Lei,$people" "signPrikey;binary" -x -H "$(e LDAP_URI)")"
+    # 389 keeps a value written without ";binary" as an attribute of its own.
+    check "another tool adds a plain signPubcer next to signPubcer;binary" quiet ldapmodify "${admin[@]}" <<<"dn: cn=Li Lei,$people
+changetype: modify
+add: signPubcer
+signPubcer:: $(base64 -w0 LiLei.der)"
+    LDAP_URI=$(e LDAP_URI) LDAP_BINDDN=$(e LDAP_BINDDN) LDAP_BINDPW=$(e LDAP_BINDPW) "$prepare" --subtree --undo --apply \
+        --filter '(cn=Li Lei)' "$people" >"$tmp/out" 2>&1
+    check "--undo takes both forms and the class back" grep -q "took the keys and qorKeyHolder from 1 entry" "$tmp/out"
+    check "Li Lei holds neither form nor qorKeyHolder" test -z "$(ldapsearch -LLL -o ldif-wrap=no "${admin[@]}" \
+        -b "cn=Li Lei,$people" -s base '(objectClass=*)' signPubcer 'signPubcer;binary' objectClass | grep -i 'signPubcer\|qorKeyHolder')"
 else
     fail "389 Directory Server did not start" "$(tail -n 5 "$tmp/start389.log")"
 fi

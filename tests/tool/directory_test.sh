@@ -1,0 +1,119 @@
+#!/usr/bin/env bash
+# directory_test.sh -- the throwaway directories of scripts/directory and qorldap-prepare, from
+# outside: who may read and bind what a directory leaves in DIR, whether stop and status find
+# the layout that runs there (one slapd, two providers, 389), and what qorldap-prepare counts
+# and says when the server dies under it.
+set -uo pipefail
+. "$(dirname "${BASH_SOURCE[0]}")/harness.sh" "$0"
+project=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+prepare=$project/scripts/qorldap-prepare
+trap '"$directory" stop --dir "$tmp/dir" >/dev/null 2>&1; "$directory" stop --dir "$tmp/pair" >/dev/null 2>&1
+      "$directory" stop --dir "$tmp/d389" >/dev/null 2>&1; rm -rf "$tmp"' EXIT
+# The folder above each DIR lets everybody through, so only DIR's own modes protect it.
+chmod 755 "$tmp"
+mode() { stat -c %a "$1"; }
+modes() { local f out=""; for f in "$@"; do out+="$(mode "$f") "; done; printf '%s' "${out% }"; }
+# says STATUS TEXT COMMAND...: the command exits with STATUS and says TEXT (on either stream).
+says() { local want=$1 text=$2 out rc; shift 2; out=$("$@" 2>&1); rc=$?; [ "$rc" = "$want" ] && [[ $out == *"$text"* ]]; }
+pid_in() { head -n1 "$1" 2>/dev/null | tr -dc '0-9'; }
+as_nobody=0
+[ "$(id -u)" = 0 ] && command -v runuser >/dev/null 2>&1 && as_nobody=1
+
+group "one slapd: modes, the socket, stop and status from DIR"
+start_directory --nosync
+d=$tmp/dir
+check "DIR 0700; env, soap.ini, ldap.ini and slapd.conf 0600; the socket 0600" \
+    test "$(modes "$d" "$d/env" "$d/conf/soap.ini" "$d/conf/ldap.ini" "$d/slapd.conf" "$d/ldapi")" = "700 600 600 600 600 600"
+if [ "$as_nobody" = 1 ]; then
+    check "another local user reads neither env nor soap.ini" \
+        eval '! runuser -u nobody -- cat "$d/env" "$d/conf/soap.ini" >/dev/null 2>&1'
+    check "another local user cannot bind over the socket" \
+        eval '! runuser -u nobody -- ldapwhoami -Q -Y EXTERNAL -H "$LDAP_LDAPI_URI" >/dev/null 2>&1'
+fi
+check "the owner binds over the socket" eval 'ldapwhoami -Q -Y EXTERNAL -H "$LDAP_LDAPI_URI" >/dev/null 2>&1'
+check "status --server 389ds is refused: slapd runs there" \
+    says 1 "holds slapd" "$directory" status --server 389ds --dir "$d"
+check "status says it runs" says 0 "running on $LDAP_URI" "$directory" status --dir "$d"
+
+group "qorldap-prepare: the password stays off the command line, DNs print as text"
+people=ou=People,$LDAP_BASEDN
+admin=(-x -H "$LDAP_URI" -D "$LDAP_BINDDN" -w "$LDAP_BINDPW")
+{
+    printf 'dn: %s\nobjectClass: organizationalUnit\nou: People\n\n' "$people"
+    printf 'dn: cn=Lǐ Léi,%s\nobjectClass: inetOrgPerson\ncn: Lǐ Léi\nsn: Li\n\n' "$people"
+    for ((i = 0; i < 6000; i++)); do
+        printf 'dn: cn=p%d,%s\nobjectClass: inetOrgPerson\ncn: p%d\nsn: p\n\n' "$i" "$people" "$i"
+    done
+} | ldapadd "${admin[@]}" >/dev/null
+export LDAP_URI LDAP_BINDDN LDAP_BINDPW
+check "-w is refused (exit 2) with a pointer to -y" says 2 "give -y FILE" "$prepare" -w "$LDAP_BINDPW" "$people"
+printf '%s' "$LDAP_BINDPW" >"$tmp/admin.pw"
+check "-y FILE binds" says 0 "would give qorKeyHolder to 1 entry" env -u LDAP_BINDPW "$prepare" -y "$tmp/admin.pw" "$people"
+"$prepare" --subtree --filter '(sn=Li)' "$people" >"$tmp/out" 2>&1
+check "the dry run prints a DN the server sends in base64 as text" grep -qxF "  cn=Lǐ Léi,$people" "$tmp/out"
+
+group "qorldap-prepare: slapd killed during --apply"
+"$prepare" --subtree --filter '(sn=p)' --apply "$people" >"$tmp/out" 2>"$tmp/err" &
+run_pid=$!
+for ((i = 0; i < 3000; i++)); do
+    grep -q "1000 of 6000" "$tmp/err" 2>/dev/null && break
+    sleep 0.01
+done
+kill -KILL "$(pid_in "$d/slapd.pid")"
+wait "$run_pid"
+check "the run ends in failure" test $? = 1
+reported=$(sed -n 's/.*gave qorKeyHolder to \([0-9]*\) entr.*/\1/p' "$tmp/out")
+unconfirmed=$(sed -n 's/.*, \([0-9]*\) failed.*/\1/p' "$tmp/out")
+"$directory" start --dir "$d" --keep >/dev/null
+applied=$(ldapsearch "${admin[@]}" -LLL -b "$people" '(objectClass=qorKeyHolder)' 1.1 | grep -c '^dn:')
+echo "reported $reported, applied $applied, unconfirmed $unconfirmed of 6000"
+check "the kill came in the middle of the run" test "${unconfirmed:-0}" -gt 0 -a "${reported:-0}" -gt 0
+# The request in flight may have been applied without an answer: it is not counted.
+check "only what the server confirmed is counted" test "${reported:-x}" -le "$applied" -a "$applied" -le "$((${reported:-0} + 1))"
+check "the first entry not confirmed is named with the server's reason, the rest counted" \
+    eval 'grep -q "failed: cn=p[0-9]*,$people: Can.t contact LDAP server (-1)" "$tmp/err" &&
+          grep -q "$((unconfirmed - 1)) more entries not confirmed" "$tmp/err"'
+check "a second run finishes the rest" says 0 "gave qorKeyHolder to $((6000 - applied)) entries ($applied already done, 0 failed)" \
+    "$prepare" --subtree --filter "(sn=p)" --apply "$people"
+"$directory" stop --dir "$d" >/dev/null
+
+group "two providers: modes, stop and status from DIR"
+p=$tmp/pair
+if "$directory" start --providers 2 --dir "$p" --nosync >"$tmp/out" 2>&1; then
+    check "DIR and each provider's folder 0700; env and soap.ini 0600; the sockets 0600" \
+        test "$(modes "$p" "$p/1" "$p/2" "$p/env" "$p/conf/soap.ini" "$p/1/env" "$p/2/conf/soap.ini" "$p/1/ldapi" "$p/2/ldapi")" = "700 700 700 600 600 600 600 600 600"
+    check "status shows both" eval '"$directory" status --dir "$p" >"$tmp/out" && test "$(grep -c "running on" "$tmp/out")" = 2'
+    pids="$(pid_in "$p/1/slapd.pid") $(pid_in "$p/2/slapd.pid")"
+    "$directory" stop --dir "$p" >/dev/null
+    check "stop stops both" eval '! kill -0 $pids 2>/dev/null'
+else
+    fail "the providers did not start" "$(tail -n 5 "$tmp/out")"
+fi
+
+group "389 Directory Server: its own name, modes, stop and status from DIR"
+if [ "$(id -u)" = 0 ] && command -v ns-slapd >/dev/null 2>&1; then
+    d=$tmp/d389
+    if "$directory" start --server 389ds --dir "$d" --nosync >"$tmp/out" 2>&1; then
+        name=$(sed -n 's/.*Directory Server \(qor[0-9a-f]*\) on.*/\1/p' "$tmp/out")
+        uri=$(sed -n 's/^LDAP_LDAPI_URI=//p' "$d/env")
+        check "ns-slapd runs under the instance's name (its statistics semaphore carries it)" \
+            test -n "$name" -a -e "/dev/shm/sem.slapd-$name.stats"
+        check "DIR 0700; env and soap.ini 0600; the socket 0600" \
+            test "$(modes "$d" "$d/env" "$d/conf/soap.ini" "$d/ds/run/ldapi")" = "700 600 600 600"
+        [ "$as_nobody" = 1 ] && check "another local user cannot reach the socket" \
+            eval '! runuser -u nobody -- ldapwhoami -x -H "$uri" >/dev/null 2>&1'
+        check "status without --server finds it" says 0 "instance $name" "$directory" status --dir "$d"
+        check "and with --server 389ds" says 0 "instance $name" "$directory" status --server 389ds --dir "$d"
+        pid=$(pid_in "$d/ds/run/slapd.pid")
+        "$directory" stop --dir "$d" >"$tmp/out" 2>&1
+        check "stop without --server stops it" eval 'grep -q "stopped ns-slapd" "$tmp/out" && ! kill -0 "$pid" 2>/dev/null'
+        check "and removes its semaphore" test ! -e "/dev/shm/sem.slapd-$name.stats"
+        check "status says it no longer runs" eval '! "$directory" status --dir "$d" >/dev/null'
+    else
+        fail "389 Directory Server did not start" "$(tail -n 5 "$tmp/out")"
+    fi
+fi
+
+echo
+echo "$passed passed, $failed failed"
+[ "$failed" = 0 ]
