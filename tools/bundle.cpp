@@ -1,12 +1,53 @@
-// The certificate subject of a PKCS#12 bundle, read the way the library reads it at
-// publication (same bounds on the work, same text), so that the tool can check it first.
-#include "cli.h"
+// What a PKCS#12 bundle holds, opened the way the library opens it at publication (same
+// bounds on the work, same subject text), so that the tool can check it first.
+#include <openssl/objects.h>
+#include <openssl/x509.h>
+
 #include "platform/Crypto.h"
-#include "platform/WipedBuffer.h"
+#include "platform/OsslPtr.h"
+#include "publish.h"
 
 namespace qortool {
 
-bool BundleSubject(std::string const& bundle, std::string const& password, std::string& subject) {
+namespace {
+
+X509Ptr Certificate(std::string const& cert) {
+    auto const* p = reinterpret_cast<unsigned char const*>(cert.data());
+    return X509Ptr(d2i_X509(nullptr, &p, static_cast<long>(cert.size())));
+}
+
+// Each attribute of the certificate's subject in encoding order: OpenSSL's short type name
+// (or the OID) and the value as UTF-8, control characters and all.
+bool SubjectAttributes(std::string const& cert,
+                       std::vector<std::pair<std::string, std::string>>& attributes) {
+    X509Ptr const x509 = Certificate(cert);
+    if (x509 == nullptr)
+        return false;
+    X509_NAME const* name = X509_get_subject_name(x509.get());
+    for (int i = 0; i < X509_NAME_entry_count(name); ++i) {
+        X509_NAME_ENTRY const* entry = X509_NAME_get_entry(name, i);
+        ASN1_OBJECT const* object = X509_NAME_ENTRY_get_object(entry);
+        int const nid = OBJ_obj2nid(object);
+        char oid[128] = "";
+        char const* type = nid != NID_undef ? OBJ_nid2sn(nid) : nullptr;
+        if (type == nullptr) {
+            OBJ_obj2txt(oid, sizeof oid, object, 1);
+            type = oid;
+        }
+        unsigned char* utf8 = nullptr;
+        int const length = ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(entry));
+        OsslBytesPtr const value(utf8);
+        if (length < 0)
+            return false;
+        attributes.emplace_back(
+            type, std::string(reinterpret_cast<char const*>(utf8), static_cast<size_t>(length)));
+    }
+    return true;
+}
+
+}  // namespace
+
+bool OpenBundle(std::string const& bundle, std::string const& password, OpenedBundle& opened) {
     auto const* bytes = reinterpret_cast<unsigned char const*>(bundle.data());
     if (bundle.empty() || bundle.size() > static_cast<size_t>(kMaxPfxBytes))
         return false;
@@ -19,18 +60,20 @@ bool BundleSubject(std::string const& bundle, std::string const& password, std::
         ForgetOpenedBundle();
         return false;
     }
-    std::string cert(certLength, '\0');
-    WipedBuffer key(keyLength);
-    bool const opened =
-        GetKeyFromPfx(bytes, length, password.c_str(), reinterpret_cast<unsigned char*>(&cert[0]),
-                      certLength, key.Data(), keyLength, true);
+    opened.cert.assign(certLength, '\0');
+    opened.key = WipedBuffer(keyLength);
+    bool const read = GetKeyFromPfx(bytes, length, password.c_str(),
+                                    reinterpret_cast<unsigned char*>(&opened.cert[0]), certLength,
+                                    opened.key.Data(), keyLength, true);
     ForgetOpenedBundle();
-    tagCERT info;
-    if (!opened || !GetCertInfo(reinterpret_cast<unsigned char const*>(cert.data()),
-                                static_cast<int>(certLength), info)) {
+    if (!read || !SubjectAttributes(opened.cert, opened.attributes))
         return false;
+    opened.key.Shrink(keyLength);
+    tagCERT info;
+    if (GetCertInfo(reinterpret_cast<unsigned char const*>(opened.cert.data()),
+                    static_cast<int>(certLength), info)) {
+        opened.subject = info.subject;
     }
-    subject = info.subject;
     return true;
 }
 

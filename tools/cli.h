@@ -178,9 +178,17 @@ std::string CheckedDn(Args const& args);
 // the blanks after commas as given. A usage error, naming the character, for a value the
 // library cannot store unescaped, and for a part that is not type=value.
 std::string LibraryDn(std::string const& what, std::string const& dn);
-// Why value cannot be part of a DN the library composes ("it holds \"+\"", "it starts with a
-// blank"); empty when it can.
+// Why value cannot be part of a DN the library composes: "holds a line feed (0x0A)", "holds
+// \"+\" (0x2B)", "starts with a blank", "holds two blanks in a row"; empty when it can. Control
+// characters (0x00-0x1F, 0x7F), the characters of DN syntax (, + " \ < > ; =), a leading #,
+// blanks at either end and runs of blanks all make the directory read another name.
 std::string UnsafeInValue(std::string const& value);
+// The first control character of value, for people ("a tab (0x09)"); empty when none.
+std::string ControlIn(std::string const& value);
+// c for people: "a line feed (0x0A)", "\"+\" (0x2B)".
+std::string CharacterName(char c);
+// text with its control characters written as \xNN, to go into a one-line message.
+std::string Printable(std::string const& text);
 // The parts between commas, as given.
 std::vector<std::string> DnParts(std::string const& dn);
 // dn folded for comparison: blanks around the parts dropped, ASCII letters in lower case.
@@ -193,9 +201,6 @@ std::vector<std::pair<std::string, std::string>> Levels();
 // The value of a certificate subject ("type=value" lines) that the library takes for type;
 // line receives where that line starts. Empty, line untouched, when no line matches.
 std::string SubjectValue(std::string const& subject, std::string const& type, size_t& line);
-// The certificate subject of a PKCS#12 bundle as the library reads it at publication; false
-// when the bundle does not open.
-bool BundleSubject(std::string const& bundle, std::string const& password, std::string& subject);
 
 // --- passwords (password.cpp) ---
 

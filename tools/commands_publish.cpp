@@ -11,13 +11,29 @@ namespace qortool {
 
 namespace {
 
-// Refuses a subject value the library would put into a DN unescaped, where it would split or
-// change the name: nothing is written. A bundle that does not open is left to the library.
-std::string CheckSubject(PublishSetup const& setup, std::string const& path,
-                         std::string const& bundle) {
-    std::string subject;
-    if (!BundleSubject(bundle, setup.bundlePassword, subject))
+// Refuses, before anything is written, a subject the library would misread: a value holding a
+// control character in any attribute (the library reads the subject as "type=value" lines, so
+// a line feed would add lines of its choosing and name another entry), and a value it puts
+// into a DN unescaped where the directory would read another name. Returns the subject as the
+// library reads it; empty when the bundle does not open, which is left to the library.
+std::string CheckBundle(PublishSetup const& setup, std::string const& path,
+                        std::string const& bundle) {
+    OpenedBundle opened;
+    if (!OpenBundle(bundle, setup.bundlePassword, opened))
         return "";
+    auto refuse = [&](std::string const& type, std::string const& fault, std::string const& value,
+                      char const* why) {
+        Fail("publish", path + ": subject attribute " + type + " " + fault + ": \"" +
+                            Printable(value) + "\" " + why + "; nothing was written");
+    };
+    for (auto const& attribute : opened.attributes) {
+        std::string const control = ControlIn(attribute.second);
+        if (!control.empty()) {
+            refuse(attribute.first, "holds " + control, attribute.second,
+                   "would not read as written (the subject is read as lines)");
+        }
+    }
+    std::string const& subject = opened.subject;
     for (auto const& level : setup.levels) {
         size_t line = std::string::npos;
         std::string const value = SubjectValue(subject, level.second, line);
@@ -25,11 +41,8 @@ std::string CheckSubject(PublishSetup const& setup, std::string const& path,
             continue;
         std::string const unsafe = UnsafeInValue(value);
         if (!unsafe.empty()) {
-            std::string const component = subject.substr(line, subject.find('\n', line) - line);
-            Fail("publish", path + ": the certificate subject's " + component +
-                                " cannot name an entry: " + unsafe +
-                                ", which the directory library cannot store unescaped; nothing "
-                                "was written");
+            size_t const eq = subject.find('=', line);
+            refuse(subject.substr(line, eq - line), unsafe, value, "cannot name an entry");
         }
     }
     return subject;
@@ -165,12 +178,14 @@ char const kPublishHelp[] =
     "entry comes from the certificate's subject and the templates of ldap.ini: a subject\n"
     "C=CN,O=Acme,OU=Sales,CN=Li Lei lands at \"cn=li lei, ou=sales, <basedn>\". Missing\n"
     "levels are created. The private key is stored encrypted under the key password.\n"
-    "A subject value that cannot be part of a DN unescaped (one holding , + \" \\ < > ; =,\n"
-    "starting with # or a blank, or ending with a blank) is refused before anything is\n"
-    "written.\n"
+    "A subject value that cannot be part of a DN unescaped (one holding , + \" \\ < > ; =\n"
+    "or two blanks in a row, starting with # or a blank, or ending with a blank), and a\n"
+    "subject holding a control character (a line feed, a tab, ...) in any attribute, are\n"
+    "refused before anything is written, naming the attribute and the character.\n"
     "\n"
     "  --crypt              store it as the encryption pair (default: the signing pair)\n"
     "  --public-only        store the certificate only; no key password is needed\n"
+
     "  --p12-pass-file FILE read the bundle's password from the first line of FILE\n"
     "  --key-pass-file FILE read the key password from the first line of FILE\n"
     "\n"
@@ -201,7 +216,7 @@ std::string PublishedWhat(PublishSetup const& setup) {
 
 std::string PublishBundle(PublishSetup const& setup, std::string const& path,
                           std::string const& bundle) {
-    std::string const subject = CheckSubject(setup, path, bundle);
+    std::string const subject = CheckBundle(setup, path, bundle);
     if (!subject.empty())
         CreateLevelsOutsideAscii(setup, subject);
     auto publish = [&] {

@@ -1,6 +1,7 @@
 // DN and name arguments. The library splits a DN on every comma and takes the text between as
 // type=value, with no escaping: what it cannot express is refused here, before it is sent.
 #include <cctype>
+#include <cstdio>
 
 #include "cli.h"
 #include "platform/Trim.h"
@@ -24,19 +25,70 @@ bool IsAttributeType(std::string const& type) {
 
 }  // namespace
 
+std::string CharacterName(char c) {
+    unsigned char const byte = static_cast<unsigned char>(c);
+    char code[8];
+    std::snprintf(code, sizeof code, " (0x%02X)", byte);
+    switch (byte) {
+        case 0x00:
+            return std::string("a NUL") + code;
+        case '\t':
+            return std::string("a tab") + code;
+        case '\n':
+            return std::string("a line feed") + code;
+        case '\r':
+            return std::string("a carriage return") + code;
+        case 0x7F:
+            return std::string("a delete character") + code;
+        default:
+            break;
+    }
+    if (byte < 0x20)
+        return std::string("a control character") + code;
+    return std::string("\"") + c + "\"" + code;
+}
+
+std::string ControlIn(std::string const& value) {
+    for (char c : value) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
+            return CharacterName(c);
+    }
+    return "";
+}
+
+std::string Printable(std::string const& text) {
+    std::string out;
+    for (char c : text) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
+            char code[8];
+            std::snprintf(code, sizeof code, "\\x%02X", static_cast<unsigned char>(c));
+            out += code;
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
 std::string UnsafeInValue(std::string const& value) {
     if (value.empty())
-        return "it is empty";
-    if (value[0] == ' ' || value[0] == '\t')
-        return "it starts with a blank";
-    if (value.back() == ' ' || value.back() == '\t')
-        return "it ends with a blank";
+        return "is empty";
+    std::string const control = ControlIn(value);
+    if (!control.empty())
+        return "holds " + control;
+    if (value[0] == ' ')
+        return "starts with a blank";
+    if (value.back() == ' ')
+        return "ends with a blank";
     if (value[0] == '#')
-        return "it starts with \"#\"";
+        return "starts with \"#\"";
     for (char c : value) {
         if (std::string("+\"\\<>;=,").find(c) != std::string::npos)
-            return std::string("it holds \"") + c + "\"";
+            return "holds " + CharacterName(c);
     }
+    // The directory compares names with runs of blanks folded into one.
+    if (value.find("  ") != std::string::npos)
+        return "holds two blanks in a row";
     return "";
 }
 
@@ -69,7 +121,8 @@ std::string LibraryDn(std::string const& what, std::string const& dn) {
             Usage(what, "\"" + type + "\" in \"" + dn + "\" is not an attribute type");
         std::string const unsafe = UnsafeInValue(value);
         if (!unsafe.empty()) {
-            Usage(what, "the value \"" + value + "\" of " + type + " in \"" + dn + "\": " + unsafe +
+            Usage(what, "the value \"" + Printable(value) + "\" of " + type + " in \"" +
+                            Printable(dn) + "\" " + unsafe +
                             ", which the directory library cannot store unescaped");
         }
         // A blank before the first part would be taken as part of its type.

@@ -7,8 +7,22 @@
 #include <vector>
 
 #include "cli.h"
+#include "platform/WipedBuffer.h"
 
 namespace qortool {
+
+// What a bundle holds, as the library reads it.
+struct OpenedBundle {
+    std::string cert;  // DER
+    WipedBuffer key;   // unencrypted PKCS#8 DER
+    // The subject's attributes in encoding order: short type name ("OU") and UTF-8 value.
+    std::vector<std::pair<std::string, std::string>> attributes;
+    // "type=value" lines, as the library reads the subject; empty when the library would
+    // refuse it (a value holding a control character).
+    std::string subject;
+};
+// Opens bundle with password; false when it does not open, or its certificate does not read.
+bool OpenBundle(std::string const& bundle, std::string const& password, OpenedBundle& opened);
 
 // What every bundle of a run is published with.
 struct PublishSetup {

@@ -94,7 +94,7 @@ expect_fail "no password and no terminal: no prompt" 2 "set QORLDAP_P12_PASSWORD
 QORLDAP_KEY_PASSWORD="" run publish li.p12
 expect_fail "an empty key password" 2 "empty"
 ok "publish stores the signing pair and names the entry" "published li.p12 (signing pair) to cn=li lei, ou=sales, o=root" publish li.p12
-no "a subject value the library cannot store" 1 "subject's OU=R+D cannot name an entry: it holds \"+\"" publish plus.p12
+no "a subject value the library cannot store" 1 'plus.p12: subject attribute OU holds "+" (0x2B): "R+D" cannot name an entry' publish plus.p12
 run ls o=root
 check "and nothing was written" test -n "$out" -a -z "$(grep -i 'r+d' "$tmp/out")"
 ok "publish --crypt, the encryption pair" "published li.p12 (encryption pair)" publish li.p12 --crypt
@@ -111,6 +111,39 @@ check "the stored key: PBKDF2, a 16-byte salt, 100000 iterations" \
 env -u QORLDAP_KEY_PASSWORD "$tool" --conf "$conf" publish wang.p12 --public-only >"$tmp/out" 2>"$tmp/err" </dev/null
 status=$? out=$(cat "$tmp/out") err=$(cat "$tmp/err")
 expect_ok "--public-only needs no key password" "published wang.p12 (signing certificate only)"
+
+group "publish: subject values that would name another entry"
+# openssl req -subj reads a backslash as escaping the next character ("\n" is "n"), but takes
+# every other byte of its argument as it is: control characters go in as the bytes themselves
+# (printf), the characters of DN syntax as they are ("+" escaped, as -subj would split on it).
+# A NUL cannot be in an argument, so it is not among them. Each row: the attribute, the value,
+# what the refusal names. The first is a subject whose O adds lines naming cn=bob, ou=sales.
+rows=("O|$(printf 'Acme\nOU=sales\nCN=bob')|O holds a line feed (0x0A)"
+    "O|$(printf 'Ac\rme')|O holds a carriage return (0x0D)"
+    "OU|$(printf 'Sa\tles')|OU holds a tab (0x09)"
+    "L|$(printf 'Beijing\033[2J')|L holds a control character (0x1B)"
+    "CN|$(printf 'bo\177b')|CN holds a delete character (0x7F)"
+    'OU|a,b|OU holds "," (0x2C)' 'OU|a\+b|OU holds "+" (0x2B)' 'OU|a"b|OU holds """ (0x22)'
+    'OU|bo\\62|OU holds "\" (0x5C)' 'OU|a<b|OU holds "<" (0x3C)' 'OU|a>b|OU holds ">" (0x3E)'
+    'OU|a;b|OU holds ";" (0x3B)' 'CN|cn=bob|CN holds "=" (0x3D)' 'CN|#0403626f62|CN starts with "#"'
+    'CN| bob|CN starts with a blank' 'CN|bob |CN ends with a blank' 'CN|bob  smith|CN holds two blanks in a row')
+n=0
+for row in "${rows[@]}"; do
+    attr=${row%%|*} value=${row#*|} want=${row##*|}
+    value=${value%|*}
+    n=$((n + 1)) subject="/C=CN/O=Acme/OU=Sales/CN=row $n"
+    case $attr in
+        O) subject="/C=CN/O=$value/OU=Sales/CN=row $n" ;;
+        OU) subject="/C=CN/O=Acme/OU=$value/CN=row $n" ;;
+        L) subject="/C=CN/L=$value/O=Acme/OU=Sales/CN=row $n" ;;
+        CN) subject="/C=CN/O=Acme/OU=Sales/CN=$value" ;;
+    esac
+    make_user "row$n" "$subject" -algorithm EC -pkeyopt ec_paramgen_curve:P-256 >>"$tmp/openssl.log" 2>&1 ||
+        { fail "row $n: openssl made no bundle"; continue; }
+    no "$want" 1 "row$n.p12: subject attribute $want" publish "row$n.p12"
+done
+ldapsearch -x -D "$LDAP_BINDDN" -w "$LDAP_BINDPW" -LLL -H "$LDAP_URI" -b o=root '(|(cn=bob*)(cn=row*)(cn=*smith)(ou=a*)(ou=bo*)(cn=#*))' dn >written.ldif 2>&1
+check "nothing of them was written" test ! -s written.ldif
 
 group "publish many"
 mkdir bundles && cp li.p12 zhao.p12 bundles/ && echo junk >bundles/junk.pfx && echo other >bundles/notes.txt
