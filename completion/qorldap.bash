@@ -32,8 +32,8 @@ _qorldap() {
     local options
     case $command in
         "") COMPREPLY=($(compgen -W "$commands $global" -- "$cur")); return ;;
-        publish) options="--crypt --public-only --p12-pass-file --key-pass-file --from-stdin
-            --jobs --report" ;;
+        publish) options="--crypt --public-only --allow-weak-key --p12-pass-file --key-pass-file
+            --from-stdin --jobs --report" ;;
         get-cert | get-key) options="--crypt --pem --output" ;;
         put-cert) options="--crypt" ;;
         put-key) options="--crypt --raw" ;;

@@ -1,7 +1,11 @@
 // What a PKCS#12 bundle holds, opened the way the library opens it at publication (same
 // bounds on the work, same subject text), so that the tool can check it first.
+#include <openssl/core_names.h>
+#include <openssl/evp.h>
 #include <openssl/objects.h>
 #include <openssl/x509.h>
+
+#include <cstring>
 
 #include "platform/Crypto.h"
 #include "platform/OsslPtr.h"
@@ -45,7 +49,53 @@ bool SubjectAttributes(std::string const& cert,
     return true;
 }
 
+// 112 bits: RSA and DSA of 2048 bits, curves of 224 bits (NIST SP 800-57's floor since 2014).
+int const kLeastSecurityBits = 112;
+
+// Why key is too weak to keep, for people; empty when it is not.
+std::string Weakness(EVP_PKEY* key) {
+    if (key == nullptr)
+        return "a key OpenSSL cannot read";
+    std::string const type =
+        EVP_PKEY_get0_type_name(key) != nullptr ? EVP_PKEY_get0_type_name(key) : "unknown";
+    char text[80] = "";
+    // A curve given by its parameters rather than by name could be any curve at all.
+    if (EVP_PKEY_get_utf8_string_param(key, OSSL_PKEY_PARAM_EC_ENCODING, text, sizeof text,
+                                       nullptr) == 1 &&
+        std::strcmp(text, OSSL_PKEY_EC_ENCODING_EXPLICIT) == 0) {
+        return type + " with explicit parameters (a curve given by its parameters, not by name)";
+    }
+    int const security = EVP_PKEY_get_security_bits(key);
+    if (security >= kLeastSecurityBits)
+        return "";
+    std::string name = type + " " + std::to_string(EVP_PKEY_get_bits(key)) + " bits";
+    if (EVP_PKEY_get_group_name(key, text, sizeof text, nullptr) == 1) {
+        // OpenSSL names the X9.62 curve; SEC 2's name (secp192r1) is the one people look for.
+        name =
+            type + " " +
+            (std::strcmp(text, "prime192v1") == 0 ? "secp192r1 (prime192v1)" : std::string(text));
+    }
+    if (security <= 0)
+        return name + ", of a strength OpenSSL cannot tell";
+    return name + ", " + std::to_string(security) + "-bit security (at least " +
+           std::to_string(kLeastSecurityBits) + " needed)";
+}
+
 }  // namespace
+
+std::string WeakKey(OpenedBundle const& opened, bool publicOnly) {
+    X509Ptr const x509 = Certificate(opened.cert);
+    std::string const certificate =
+        Weakness(x509 == nullptr ? nullptr : X509_get0_pubkey(x509.get()));
+    if (!certificate.empty() || publicOnly)
+        return certificate.empty() ? "" : "the certificate's key is " + certificate;
+    unsigned char const* p = opened.key.Data();
+    Pkcs8Ptr const pkcs8(
+        d2i_PKCS8_PRIV_KEY_INFO(nullptr, &p, static_cast<long>(opened.key.Size())));
+    EvpPkeyPtr const key(pkcs8 == nullptr ? nullptr : EVP_PKCS82PKEY(pkcs8.get()));
+    std::string const weakness = Weakness(key.get());
+    return weakness.empty() ? "" : "the private key is " + weakness;
+}
 
 bool OpenBundle(std::string const& bundle, std::string const& password, OpenedBundle& opened) {
     auto const* bytes = reinterpret_cast<unsigned char const*>(bundle.data());

@@ -11,7 +11,8 @@ namespace qortool {
 
 namespace {
 
-// Refuses, before anything is written, a subject the library would misread: a value holding a
+// Refuses, before anything is written, a key below 112-bit security (unless --allow-weak-key)
+// and a subject the library would misread: a value holding a
 // control character in any attribute (the library reads the subject as "type=value" lines, so
 // a line feed would add lines of its choosing and name another entry), and a value it puts
 // into a DN unescaped where the directory would read another name. Returns the subject as the
@@ -45,6 +46,10 @@ std::string CheckBundle(PublishSetup const& setup, std::string const& path,
             refuse(subject.substr(line, eq - line), unsafe, value, "cannot name an entry");
         }
     }
+    std::string const weak = setup.allowWeakKey ? "" : WeakKey(opened, setup.publicOnly);
+    if (!weak.empty())
+        Fail("publish", path + ": " + weak + "; --allow-weak-key publishes it all the same; " +
+                            "nothing was written");
     return subject;
 }
 
@@ -151,6 +156,7 @@ int RunPublish(Args const& args) {
     PublishSetup setup;
     setup.crypt = args.Has("--crypt");
     setup.publicOnly = args.Has("--public-only");
+    setup.allowWeakKey = args.Has("--allow-weak-key");
     std::string const prompt = many ? "Password of the bundles: " : "Password of " + path + ": ";
     setup.bundlePassword =
         GetPassword(args, {"--p12-pass-file", "QORLDAP_P12_PASSWORD", prompt, false, true});
@@ -169,7 +175,7 @@ int RunPublish(Args const& args) {
 }
 
 char const kPublishHelp[] =
-    "usage: qorldap publish BUNDLE.p12 [--crypt] [--public-only]\n"
+    "usage: qorldap publish BUNDLE.p12 [--crypt] [--public-only] [--allow-weak-key]\n"
     "                       [--p12-pass-file FILE] [--key-pass-file FILE]\n"
     "       qorldap publish FILE|FOLDER|- ... [--from-stdin] [--jobs N] [--report FILE]\n"
     "                       [the options above]\n"
@@ -185,7 +191,10 @@ char const kPublishHelp[] =
     "\n"
     "  --crypt              store it as the encryption pair (default: the signing pair)\n"
     "  --public-only        store the certificate only; no key password is needed\n"
-
+    "  --allow-weak-key     also publish a key below 112-bit security (RSA or DSA under\n"
+    "                       2048 bits, a curve under 224 bits) or on a curve given by\n"
+    "                       explicit parameters; without it such a bundle is refused,\n"
+    "                       naming the key (\"RSA 1024 bits\"), before anything is written\n"
     "  --p12-pass-file FILE read the bundle's password from the first line of FILE\n"
     "  --key-pass-file FILE read the key password from the first line of FILE\n"
     "\n"
@@ -256,6 +265,7 @@ Command PublishCommand() {
             kPublishHelp,
             {{"--crypt", nullptr, false},
              {"--public-only", nullptr, false},
+             {"--allow-weak-key", nullptr, false},
              {"--p12-pass-file", nullptr, true},
              {"--key-pass-file", nullptr, true},
              {"--from-stdin", nullptr, false},

@@ -23,11 +23,16 @@ struct OpenedBundle {
 };
 // Opens bundle with password; false when it does not open, or its certificate does not read.
 bool OpenBundle(std::string const& bundle, std::string const& password, OpenedBundle& opened);
+// Why the bundle's certificate key (and, unless publicOnly, its private key) is too weak to
+// keep: less than 112-bit security ("the certificate's key is RSA 1024 bits, 80-bit security
+// (at least 112 needed)") or a curve given by explicit parameters; empty when it is not.
+std::string WeakKey(OpenedBundle const& opened, bool publicOnly);
 
 // What every bundle of a run is published with.
 struct PublishSetup {
     bool crypt = false;
     bool publicOnly = false;
+    bool allowWeakKey = false;  // keys below 112-bit security are published too
     std::string bundlePassword;
     std::string keyPassword;
     // ldap.ini's levels (class, naming attribute), from the top down, read once per run.

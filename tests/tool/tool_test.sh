@@ -53,9 +53,12 @@ no "a missing argument" 2 "get-cert: missing argument" get-cert
 no "an unknown option" 2 "get-cert: unknown option --bogus" get-cert "$li" --bogus
 no "a value given to a flag" 2 "get-cert: --pem takes no value" get-cert "$li" --pem=yes
 for c in publish get-cert get-key put-cert put-key rm-key passwd show tree ls add modify delete config; do ok "$c --help" "usage: qorldap $c" "$c" --help; done
+ok "publish --help names --allow-weak-key" "--allow-weak-key" publish --help
 docs=${directory%/scripts/directory}  # the project, from harness.sh
 check "the manual and the completion know every command" test -z "$(run_bare --help; sed -n 's/^  \([a-z][a-z-]*\) .*/\1/p' <<<"$out" |
     while read -r c; do grep -qF ".SS \"${c//-/\\-} " "$docs/man/qorldap.1" && grep -qw -- "$c" "$docs/completion/qorldap.bash" || echo "$c"; done)"
+check "the manual knows --allow-weak-key" grep -qF -- '\-\-allow\-weak\-key' "$docs/man/qorldap.1"
+check "the completion knows --allow-weak-key" grep -qw -- --allow-weak-key "$docs/completion/qorldap.bash"
 
 group "config and connection failures"
 run config
@@ -144,6 +147,32 @@ for row in "${rows[@]}"; do
 done
 ldapsearch -x -D "$LDAP_BINDDN" -w "$LDAP_BINDPW" -LLL -H "$LDAP_URI" -b o=root '(|(cn=bob*)(cn=row*)(cn=*smith)(ou=a*)(ou=bo*)(cn=#*))' dn >written.ldif 2>&1
 check "nothing of them was written" test ! -s written.ldif
+
+group "publish: weak keys"
+# Below 112-bit security, or on a curve given by its parameters: refused naming the key, nothing
+# written, unless --allow-weak-key. Each row: the bundle, its key's genpkey options, the name.
+openssl genpkey -genparam -algorithm DSA -pkeyopt dsa_paramgen_bits:1024 -pkeyopt dsa_paramgen_q_bits:160 \
+    -out dsa1024.param >>"$tmp/openssl.log" 2>&1
+rows=("rsa1024|-algorithm RSA -pkeyopt rsa_keygen_bits:1024|RSA 1024 bits, 80-bit security"
+    "dsa1024|-paramfile dsa1024.param|DSA 1024 bits, 80-bit security"
+    "p192|-algorithm EC -pkeyopt ec_paramgen_curve:prime192v1|EC secp192r1 (prime192v1), 80-bit security"
+    "s112|-algorithm EC -pkeyopt ec_paramgen_curve:secp112r1|EC secp112r1, 56-bit security"
+    "explicit|-algorithm EC -pkeyopt ec_paramgen_curve:P-256 -pkeyopt ec_param_enc:explicit|EC with explicit parameters")
+for row in "${rows[@]}"; do
+    IFS='|' read -r name options want <<<"$row"
+    # shellcheck disable=SC2086 # the options are words
+    make_user "$name" "/C=CN/O=Acme/OU=Weak/CN=$name" $options >>"$tmp/openssl.log" 2>&1 ||
+        { fail "$name: openssl made no bundle"; continue; }
+    no "$want" 1 "$name.p12: the certificate's key is $want" publish "$name.p12"
+done
+no "--public-only does not let a weak certificate through" 1 "the certificate's key is RSA 1024 bits" publish rsa1024.p12 --public-only
+ldapsearch -x -D "$LDAP_BINDDN" -w "$LDAP_BINDPW" -LLL -H "$LDAP_URI" -b o=root '(ou=weak)' dn >written.ldif 2>&1
+check "nothing of them was written" test ! -s written.ldif
+ok "--allow-weak-key publishes it all the same" "published rsa1024.p12 (signing pair) to cn=rsa1024, ou=weak, o=root" \
+    publish rsa1024.p12 --allow-weak-key
+make_user p224 "/C=CN/O=Acme/OU=Weak/CN=p224" -algorithm EC -pkeyopt ec_paramgen_curve:secp224r1 >>"$tmp/openssl.log" 2>&1
+ok "a curve of 224 bits is enough" "published p224.p12" publish p224.p12
+for dn in "cn=rsa1024, ou=weak, o=root" "cn=p224, ou=weak, o=root" "ou=weak, o=root"; do run delete "$dn"; done
 
 group "publish many"
 mkdir bundles && cp li.p12 zhao.p12 bundles/ && echo junk >bundles/junk.pfx && echo other >bundles/notes.txt
