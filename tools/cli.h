@@ -92,16 +92,19 @@ std::vector<Command> ConfigCommands();
 // --- the settings the library reads (settings.cpp) ---
 
 struct Settings {
-    std::string folder;   // the user's folder of soap.ini and ldap.ini, absolute
-    std::string origin;   // "option" (--conf), "environment" (QORLDAP_CONF_DIR) or "current"
-    bool copied = false;  // the library reads a private copy that adds the timeout below
+    std::string folder;         // the user's folder of soap.ini and ldap.ini, absolute
+    std::string origin;         // "option" (--conf), "environment" (QORLDAP_CONF_DIR) or "current"
+    bool copied = false;        // the library reads a private copy that adds atomic_publish
+    bool timeoutAdded = false;  // and the timeout below
     bool timeoutFromOption = false;
     int timeout = 0;
 };
-// Chooses the folder (--conf, else QORLDAP_CONF_DIR, else the current directory) and, when
-// soap.ini there sets no timeout or --timeout is given, hands the library a private copy
-// with the timeout (10 s unless --timeout says otherwise): this program is then run again on
-// the copy, and the copy removed when that run ends. Before any command runs.
+// Chooses the folder (--conf, else QORLDAP_CONF_DIR, else the current directory) and hands
+// the library a private copy of its files with atomic_publish = yes, and with a timeout (10 s
+// unless --timeout says otherwise) when soap.ini sets none or --timeout is given: this program
+// is then run again on the copy, and the copy removed when that run ends. No copy when
+// soap.ini says atomic_publish = yes and sets a timeout, and --timeout is not given. Before any
+// command runs.
 void PrepareSettings(Args const& args, char** argv);
 Settings const& CurrentSettings();
 

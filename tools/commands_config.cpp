@@ -6,6 +6,7 @@
 #include "cli.h"
 #include "engine/LinkOptions.h"
 #include "platform/IniFile.h"
+#include "platform/System.h"
 #include "qorldap/qorldap.h"
 
 namespace qortool {
@@ -35,8 +36,9 @@ int RunConfig(Args const& args) {
     }
     if (settings.copied) {
         std::printf(
-            "  (the library reads a copy of them that adds the timeout, in a private\n"
-            "  folder removed at exit; the files themselves are left as they are)\n");
+            "  (the library reads a copy of them that adds %s, in a private\n"
+            "  folder removed at exit; the files themselves are left as they are)\n",
+            settings.timeoutAdded ? "the timeout and atomic_publish" : "atomic_publish");
     }
     std::printf("settings in force (section [ldap] of soap.ini):\n");
     std::printf("  host       %s\n", Shown(info.host).c_str());
@@ -64,14 +66,14 @@ int RunConfig(Args const& args) {
     }
     if (!link.Valid()) {
         // the line above says it all
-    } else if (settings.copied && settings.timeoutFromOption) {
+    } else if (settings.timeoutAdded && settings.timeoutFromOption) {
         if (settings.timeout > 0) {
             std::printf("  timeout    %d s (--timeout)\n", settings.timeout);
         } else {
             std::printf(
                 "  timeout    none (--timeout 0: a silent server blocks a call for ever)\n");
         }
-    } else if (settings.copied) {
+    } else if (settings.timeoutAdded) {
         std::printf("  timeout    %d s (the tool's default; soap.ini sets none)\n",
                     settings.timeout);
     } else if (link.timeout > 0) {
@@ -80,6 +82,14 @@ int RunConfig(Args const& args) {
         std::printf("  timeout    (not set: a silent server blocks a call for ever)\n");
     }
     std::printf("  reconnect  %s\n", link.reconnect ? "yes" : "no");
+    // As the library reads it: from the copy when there is one.
+    LinkOptions library;
+    library.Read(IniFile::Load(CSystem::ResolveConfigPath("soap.ini")), "ldap");
+    std::printf("  atomic_publish %s\n",
+                library.atomicPublish
+                    ? "yes (a certificate and its private key go in one request; qorldap always "
+                      "asks for it)"
+                    : "no (the certificate first, then the private key)");
     std::printf("  fast_lookup %s\n", link.fastLookup
                                           ? "yes (one indexed search per lookup by name)"
                                           : "no (the lookup by name walks the tree)");
@@ -110,10 +120,12 @@ char const kConfigHelp[] =
     "              indexed search instead of the walk; see qorldap passwd --help)\n"
     "  timeout     whole seconds (0 or absent: none)\n"
     "When soap.ini sets no timeout, qorldap (not the library) uses 10 s, and --timeout N\n"
-    "(before or after the command) sets another for one run, 0 for none. The library takes\n"
-    "its settings from the files alone, so the tool hands it a copy of soap.ini and\n"
-    "ldap.ini with the timeout added, in a private folder (mode 0700) removed at exit; the\n"
-    "files themselves are never changed. \"config\" shows which timeout is in force:\n"
+    "(before or after the command) sets another for one run, 0 for none. qorldap also\n"
+    "always publishes with atomic_publish = yes: a certificate and its private key go to\n"
+    "the directory in one request, which keeps both or neither. The library takes its\n"
+    "settings from the files alone, so the tool hands it a copy of soap.ini and ldap.ini\n"
+    "with these keys added, in a private folder (mode 0700) removed at exit; the files\n"
+    "themselves are never changed. \"config\" shows which timeout is in force:\n"
     "  timeout    10 s (the tool's default; soap.ini sets none)\n"
     "managerdn and psw hold 32 characters each; a longer bind DN or password goes into\n"
     "bind_dn and bind_password, which take their place at every bind. Every command\n"

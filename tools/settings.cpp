@@ -1,10 +1,12 @@
 // Which settings the library reads. The library reads soap.ini and ldap.ini by itself (the
 // free functions' engine when it is loaded, before main runs; each CLdap when it is built),
-// from $QORLDAP_CONF_DIR or the current directory, and offers no call to set a timeout. So:
-// --conf sets QORLDAP_CONF_DIR and starts this program again; and when soap.ini sets no
-// timeout (or --timeout asks for another), the library is given a copy of the files, with the
-// timeout added, in a private folder that is removed when the program ends. The copy is read
-// by a child run of this program; this process waits for it and then removes the folder.
+// from $QORLDAP_CONF_DIR or the current directory, and offers no call to set a timeout or to
+// publish a certificate and its key in one request. So: --conf sets QORLDAP_CONF_DIR and
+// starts this program again; and the library is given a copy of the files with the keys the
+// tool insists on added (atomic_publish = yes, and a timeout when soap.ini sets none or
+// --timeout asks for another), in a private folder that is removed when the program ends. The
+// copy is read by a child run of this program; this process waits for it and then removes the
+// folder. No copy is made when soap.ini already says all of it.
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -27,7 +29,8 @@ namespace qortool {
 
 namespace {
 
-// Set in the child run: "<private folder>\n<origin>\n<the user's folder>".
+// Set in the child run: "<private folder>\n<origin>\n<the user's folder>\n<what was added>",
+// the last "timeout" when the copy adds the timeout, else empty.
 char const kMarker[] = "QORLDAP_TOOL_SETTINGS";
 int const kDefaultTimeout = 10;
 
@@ -66,10 +69,9 @@ void WritePrivate(std::string const& path, std::string const& text) {
         Fail("config", "cannot write " + path + ": " + std::strerror(errno));
 }
 
-// soap.ini with "timeout=N" first in section [ldap], where the library takes it over any later
-// timeout line.
-std::string WithTimeout(std::string const& soap, int timeout) {
-    std::string const line = "timeout=" + std::to_string(timeout) + "\n";
+// soap.ini with lines ("key=value\n" each) first in section [ldap], where the library takes
+// them over any later line of the same keys.
+std::string WithKeys(std::string const& soap, std::string const& line) {
     std::istringstream in(soap);
     std::string out;
     std::string text;
@@ -147,9 +149,12 @@ void PrepareSettings(Args const& args, char** argv) {
         std::getline(in, copy);
         std::getline(in, gSettings.origin);
         std::getline(in, gSettings.folder);
+        std::string added;
+        std::getline(in, added);
         if (copy == libraryDir) {
             gSettings.copied = true;
-            gSettings.timeoutFromOption = args.HasValue("--timeout");
+            gSettings.timeoutAdded = added == "timeout";
+            gSettings.timeoutFromOption = gSettings.timeoutAdded && args.HasValue("--timeout");
             gSettings.timeout = gSettings.timeoutFromOption ? TimeoutOption(args) : kDefaultTimeout;
             return;
         }
@@ -170,13 +175,19 @@ void PrepareSettings(Args const& args, char** argv) {
     }
     std::string soap;
     bool const readable = ReadText(gSettings.folder + "/soap.ini", soap);
+    IniFile const ini = IniFile::Load(gSettings.folder + "/soap.ini");
     std::string fileTimeout;
     bool const fileSets =
-        IniFile::Load(gSettings.folder + "/soap.ini").Get("ldap", "timeout", fileTimeout) &&
-        !qor::Trim(fileTimeout).empty();
+        ini.Get("ldap", "timeout", fileTimeout) && !qor::Trim(fileTimeout).empty();
+    // Every publication writes a certificate and its protected key in one request, so that the
+    // directory keeps both or neither: never a key beside a certificate it does not belong to.
+    std::string fileAtomic;
+    bool const fileAtomicYes = ini.Get("ldap", "atomic_publish", fileAtomic) &&
+                               qor::Folded(qor::Trim(fileAtomic)) == "yes";
     bool const option = args.HasValue("--timeout");
     int const timeout = option ? TimeoutOption(args) : kDefaultTimeout;
-    if (readable && (option || !fileSets)) {
+    bool const addTimeout = option || !fileSets;
+    if (readable && (addTimeout || !fileAtomicYes)) {
         char folder[PATH_MAX];
         char const* tmp = std::getenv("TMPDIR");
         std::snprintf(folder, sizeof folder, "%s/qorldap-settings.XXXXXX",
@@ -185,11 +196,13 @@ void PrepareSettings(Args const& args, char** argv) {
             Fail("config", std::string("cannot make a private folder for the settings: ") +
                                std::strerror(errno));
         std::string ldap;
-        WritePrivate(std::string(folder) + "/soap.ini", WithTimeout(soap, timeout));
+        std::string const lines = (addTimeout ? "timeout=" + std::to_string(timeout) + "\n" : "") +
+                                  "atomic_publish=yes\n";
+        WritePrivate(std::string(folder) + "/soap.ini", WithKeys(soap, lines));
         if (ReadText(gSettings.folder + "/ldap.ini", ldap))
             WritePrivate(std::string(folder) + "/ldap.ini", ldap);
-        std::string const value =
-            std::string(folder) + "\n" + gSettings.origin + "\n" + gSettings.folder;
+        std::string const value = std::string(folder) + "\n" + gSettings.origin + "\n" +
+                                  gSettings.folder + "\n" + (addTimeout ? "timeout" : "");
         if (::setenv("QORLDAP_CONF_DIR", folder, 1) != 0 ||
             ::setenv(kMarker, value.c_str(), 1) != 0)
             Fail("config", std::string("cannot set QORLDAP_CONF_DIR: ") + std::strerror(errno));
