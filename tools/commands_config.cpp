@@ -132,7 +132,9 @@ char const kConfigHelp[] =
     "refuses a managerdn or psw that does not fit rather than bind with a cut value.\n"
     "Any other value refuses every connection: nothing is sent in clear by mistake.\n"
     "\n"
-    "  --check  also connect and bind, and say whether that worked\n";
+    "  --check  also connect and bind, and say whether that worked. When the connection\n"
+    "           fails, a port where nothing listens (\"nothing answers at host:port\") is\n"
+    "           told apart from a TLS failure and from a refused bind\n";
 
 }  // namespace
 

@@ -1,4 +1,9 @@
 // Where the configuration comes from, and connecting to the directory.
+#include <errno.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -10,6 +15,7 @@
 #include "engine/LinkOptions.h"
 #include "platform/IniFile.h"
 #include "platform/System.h"
+#include "platform/Trim.h"
 #include "qorldap/LastResult.h"
 #include "qorldap/qorldap.h"
 
@@ -42,6 +48,93 @@ std::string MissingTemplatesHint() {
     return "";
 }
 
+namespace {
+
+enum class Probe { kAnswers, kRefused, kUnknown };
+
+// A TCP connection to host:port, given up after a few seconds.
+Probe Dial(std::string const& host, std::string const& port) {
+    addrinfo hints = {};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV;
+    addrinfo* found = nullptr;
+    if (::getaddrinfo(host.c_str(), port.c_str(), &hints, &found) != 0)
+        return Probe::kUnknown;
+    Probe result = Probe::kRefused;
+    for (addrinfo* a = found; a != nullptr && result == Probe::kRefused; a = a->ai_next) {
+        int fd =
+            ::socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, a->ai_protocol);
+        if (fd < 0) {
+            result = Probe::kUnknown;
+            break;
+        }
+        int err = ::connect(fd, a->ai_addr, a->ai_addrlen) == 0 ? 0 : errno;
+        if (err == EINPROGRESS) {
+            pollfd p = {fd, POLLOUT, 0};
+            socklen_t length = sizeof err;
+            err = ::poll(&p, 1, 3000) == 1 &&
+                          ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &length) == 0
+                      ? err
+                      : ETIMEDOUT;
+        }
+        ::close(fd);
+        result = err == 0              ? Probe::kAnswers
+                 : err == ECONNREFUSED ? Probe::kRefused
+                                       : Probe::kUnknown;
+    }
+    ::freeaddrinfo(found);
+    return result;
+}
+
+// One word of the host list as host and port; the port is the word's own, else defaultPort.
+void SplitHost(std::string const& word, int defaultPort, std::string& host, std::string& service) {
+    host = word;
+    service = std::to_string(defaultPort);
+    size_t const colon = word.rfind(':');
+    if (!word.empty() && word[0] == '[') {  // [::1]:389
+        size_t const close = word.find(']');
+        host = word.substr(1, close == std::string::npos ? std::string::npos : close - 1);
+        if (close != std::string::npos && colon == close + 1)
+            service = word.substr(colon + 1);
+    } else if (colon != std::string::npos && word.find(':') == colon) {  // a bare IPv6 has more
+        host = word.substr(0, colon);
+        service = word.substr(colon + 1);
+    }
+}
+
+// "127.0.0.1:1, ldap2:389" when every host of the list refuses a TCP connection: nothing
+// listens there, whatever libldap's code for it suggests (TLS included). Empty when any host
+// answers or cannot be told: no host (libldap's default), an ldapi:// socket, a timeout.
+std::string NothingAnswers(std::string const& hosts, int port, LinkOptions const& link) {
+    std::istringstream words(hosts);
+    std::string where;
+    for (std::string word; words >> word;) {
+        std::string const folded = qor::Folded(word);
+        bool ldaps = link.tls == LinkOptions::Tls::kLdaps;
+        int defaultPort = port;
+        size_t const scheme = folded.find("://");
+        if (scheme != std::string::npos) {
+            if (folded.compare(0, scheme, "ldap") != 0 && folded.compare(0, scheme, "ldaps") != 0)
+                return "";
+            ldaps = scheme == 5;
+            word = word.substr(scheme + 3);
+            word = word.substr(0, word.find('/'));
+            defaultPort = 0;  // a URI's host stands as written
+        }
+        std::string host;
+        std::string service;
+        SplitHost(word, defaultPort > 0 ? defaultPort : ldaps ? 636 : 389, host, service);
+        if (host.empty() || Dial(host, service) != Probe::kRefused)
+            return "";
+        bool const v6 = host.find(':') != std::string::npos;
+        where += (where.empty() ? "" : ", ") + (v6 ? "[" + host + "]" : host) + ":" + service;
+    }
+    return where;
+}
+
+}  // namespace
+
 void FailConnect(int code, std::string const& host, int port, std::string const& basedn) {
     std::string const soap = ConfigPath("soap.ini");
     if (code == QORLDAP_E_FAILED) {
@@ -57,12 +150,23 @@ void FailConnect(int code, std::string const& host, int port, std::string const&
                      "no connection attempted: " + link.fault + " in " + soap +
                          " is not a spelling the library knows (see qorldap config --help)");
         }
+        QorLdapResult last = {};
+        QorLdapLastResult(&last);
+        // libldap says the same (-1, -11) for a port where nothing listens and for a TLS
+        // handshake that failed; a TCP connection of our own tells them apart.
+        std::string const refused =
+            last.code == LDAP_SERVER_DOWN_CODE || last.code == LDAP_CONNECT_ERROR_CODE
+                ? NothingAnswers(host, port, link)
+                : "";
+        if (!refused.empty()) {
+            FailCode("connect", code,
+                     "cannot connect to the directory: nothing answers at " + refused +
+                         " (the connection is refused; check host and port in " + soap + ")");
+        }
         std::string where = host.empty() ? "" : " at " + host + " port " + std::to_string(port);
         std::string const who =
             (link.bindDn.empty() ? "managerdn" : "bind_dn") +
             std::string(link.bindPassword.empty() ? " and psw" : " and bind_password");
-        QorLdapResult last = {};
-        QorLdapLastResult(&last);
         bool const tls =
             link.tls != LinkOptions::Tls::kNone || host.find("ldaps://") != std::string::npos;
         if (tls && (last.code == LDAP_CONNECT_ERROR_CODE || last.code == LDAP_SERVER_DOWN_CODE ||

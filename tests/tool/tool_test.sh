@@ -87,7 +87,24 @@ done
 QORLDAP_CONF_DIR=$tmp/unreachable run_bare --conf "$conf" config --check
 expect_ok "--conf wins over QORLDAP_CONF_DIR, also for the library" "connection: ok"
 run_bare --conf "$tmp/unreachable" ls o=root
-expect_fail "an unreachable server, in the directory library's words" 1 "port 1 (check host, port, managerdn and psw in $tmp/unreachable/soap.ini); the directory answered: can't contact LDAP server (-1)"
+expect_fail "an unreachable server, in the directory library's words" 1 "nothing answers at 127.0.0.1:1 (the connection is refused; check host and port in $tmp/unreachable/soap.ini); the directory answered: can't contact LDAP server (-1)"
+# libldap gives the same -1 for a port where nothing listens and for a failed TLS handshake;
+# the first is not a TLS fault. Each row: the settings changed, what config --check says.
+rows=("port=1;tls=starttls|nothing answers at 127.0.0.1:1 (the connection is refused"
+    "port=1;tls=ldaps|nothing answers at 127.0.0.1:1 (the connection is refused"
+    "host=ldaps://127.0.0.1:1|nothing answers at 127.0.0.1:1 (the connection is refused"
+    "host=127.0.0.1:1 ldap://127.0.0.1:2;tls=starttls|nothing answers at 127.0.0.1:1, 127.0.0.1:2 (the"
+    "tls=starttls|cannot set up TLS with the directory at 127.0.0.1 port $LDAP_PORT (check tls_cacert"
+    "tls=ldaps|cannot set up TLS with the directory at 127.0.0.1 port $LDAP_PORT (check tls_cacert")
+n=0
+for row in "${rows[@]}"; do
+    IFS='|' read -r keys want <<<"$row"
+    n=$((n + 1)) && mkdir "refused$n" && cp "$conf/ldap.ini" "refused$n/"
+    # First in [ldap], where a key wins over the file's own line of it.
+    awk -v keys="${keys//;/$'\n'}" '{ print } /^\[ldap\]$/ { print keys }' "$conf/soap.ini" >"refused$n/soap.ini"
+    run_bare --conf "$tmp/refused$n" config --check --timeout 5
+    expect_fail "config --check with ${keys//;/ }" 1 "$want"
+done
 run_bare --conf "$tmp/longdn" config --check
 expect_fail "a managerdn the library would cut is refused" 1 "managerdn in $tmp/longdn/soap.ini has 40 characters; the library keeps 32"
 run_bare --conf "$tmp/badpsw" show o=root
