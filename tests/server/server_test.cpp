@@ -161,7 +161,9 @@ TEST_F(Server, EntriesAreSelectedListedInsertedModifiedAndDeleted) {
     EXPECT_EQ(Strings{"\xe4\xb8\xad\xe6\x96\x87"}, dir_.Values(dn, "sn"));
     EXPECT_EQ(66, ldap_.DeleteLdap(unit_.c_str()));  // still has children
     EXPECT_EQ(0, ldap_.DeleteLdap(dn.c_str()));
-    EXPECT_EQ(32, ldap_.DeleteLdap(dn.c_str()));
+    // 389's ACIs cannot let the key service delete a missing entry without letting it delete
+    // others' entries too, so it answers 50 there (schema/389ds/aci.ldif, ACI 11).
+    EXPECT_EQ(dir_.Var("QORLDAP_SERVER") == "389ds" ? 50 : 32, ldap_.DeleteLdap(dn.c_str()));
 }
 
 TEST_F(Server, EachKeyRoundTripsByteExactThroughBothFamiliesAndKeyNamesAreChecked) {
