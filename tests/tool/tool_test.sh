@@ -276,7 +276,7 @@ ldapsearch -x -D "$LDAP_BINDDN" -w "$LDAP_BINDPW" -LLL -H "$LDAP_URI" -b "cn=li 
 check "show --ldif writes what ldapsearch -LLL writes" test "$(grep -v '^#' <<<"$out" | grep . | sort)" = "$(grep . li.ldif | sort)"
 ok "show --json: the fingerprint as openssl gives it" "\"sha256\": \"$(openssl x509 -in li.pem -noout -fingerprint -sha256 | cut -d= -f2)\"" show "$li" --json
 LC_ALL=C ok "tree, in ASCII" $'o=root\n|-- ou=sales\n|   |-- cn=li lei  [sign cert, sign key, crypt cert, crypt key]' tree
-LC_ALL=C.UTF-8 ok "tree --depth 1, with box drawing" $'o=root\n├── ou=sales\n└── ou=research' tree --depth 1
+LC_ALL=C.UTF-8 ok "tree --depth 1, with box drawing" $'o=root\n├── ou=sales\n├── ou=research\n└── ou=' tree --depth 1
 no "show of a missing entry" 1 "show: no such entry: cn=nobody, ou=sales, o=root" show "cn=nobody, ou=sales, o=root"
 
 group "keys"
