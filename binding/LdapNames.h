@@ -33,6 +33,9 @@
 #define LDAP_INITIALIZE_N "ldap_initialize"
 #define LDAP_START_TLS_S_N "ldap_start_tls_s"
 #define LDAP_UNBIND_EXT_S_N "ldap_unbind_ext_s"
+// Bound only with a timeout on an LDAPS link: reads the socket of a new connection, so that
+// its TLS handshake cannot wait on a silent server for ever.
+#define BER_SOCKBUF_CTRL_N "ber_sockbuf_ctrl"
 
 // The file the binding loads. QORLDAP_LDAP_LIBRARY, when set, names the one file to load.
 #define LDAP_LIBRARY_FILE "libldap.so"

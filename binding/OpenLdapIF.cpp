@@ -1,5 +1,9 @@
 #include "binding/OpenLdapIF.h"
 
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <chrono>
 #include <cstdlib>
 #include <mutex>
 
@@ -53,7 +57,7 @@ bool MeansLinkFailure(int rc) {
 }  // namespace
 
 COpenLdapIF::COpenLdapIF()
-    : library_(nullptr),
+    : library_{nullptr},
       init_(nullptr),
       setOption_(nullptr),
       simpleBindS_(nullptr),
@@ -91,15 +95,21 @@ COpenLdapIF::~COpenLdapIF() {
 
 template <typename Fn>
 bool COpenLdapIF::Resolve(Fn& slot, char const* name) {
-    if (library_ == nullptr) {
-        library_ = LoadDirectoryLibrary();
-        if (library_ == nullptr) {
-            return false;
+    void* library = library_.load(std::memory_order_acquire);
+    if (library == nullptr) {
+        std::lock_guard<std::mutex> guard(loadLock_);
+        library = library_.load(std::memory_order_acquire);
+        if (library == nullptr) {
+            library = LoadDirectoryLibrary();
+            if (library == nullptr) {
+                return false;
+            }
+            InitialiseGlobalDefaults(library);
+            library_.store(library, std::memory_order_release);
         }
-        InitialiseGlobalDefaults(library_);
     }
     if (slot == nullptr) {
-        slot = reinterpret_cast<Fn>(CSystem::GetProcAddr(library_, name));
+        slot = reinterpret_cast<Fn>(CSystem::GetProcAddr(library, name));
     }
     return slot != nullptr;
 }
@@ -198,6 +208,13 @@ int COpenLdapIF::CallServer(Fn& slot, char const* name, char const* operation, i
         NoteResult(operation, unavailable, nullptr);
         return unavailable;
     }
+    // With reconnection on, a handle known to be lost is about to be dropped: nothing more is
+    // sent on it, so no call waits out the timeout again on a server already found silent
+    // while the next connection is being made.
+    if (watch_.load(std::memory_order_relaxed) && lost_.load() && ld == handle_) {
+        NoteResult(operation, LDAP_SERVER_DOWN, nullptr);
+        return LDAP_SERVER_DOWN;
+    }
     int const result = slot(ld, args...);
     NoteResult(operation, result, ld);
     if (MeansLinkFailure(result)) {
@@ -213,6 +230,27 @@ int COpenLdapIF::CallServer(Fn& slot, char const* name, char const* operation, i
 template <typename Fn, typename... Args>
 void COpenLdapIF::CallVoid(Fn& slot, char const* name, Args... args) {
     ScopeLock lock(&lock_);
+    if (Resolve(slot, name)) {
+        slot(args...);
+    }
+}
+
+template <typename R, typename Fn, typename... Args>
+R COpenLdapIF::CallLocal(Fn& slot, char const* name, R unavailable, Args... args) {
+    if (!failFast_.load(std::memory_order_relaxed)) {
+        return Call<R>(slot, name, unavailable, args...);
+    }
+    std::lock_guard<std::mutex> guard(localLock_);
+    return Resolve(slot, name) ? slot(args...) : unavailable;
+}
+
+template <typename Fn, typename... Args>
+void COpenLdapIF::CallLocalVoid(Fn& slot, char const* name, Args... args) {
+    if (!failFast_.load(std::memory_order_relaxed)) {
+        CallVoid(slot, name, args...);
+        return;
+    }
+    std::lock_guard<std::mutex> guard(localLock_);
     if (Resolve(slot, name)) {
         slot(args...);
     }
@@ -254,51 +292,51 @@ int COpenLdapIF::LdapSearchExtS(ldap* ld, char const* base, int scope, char cons
 }
 
 ldapmsg* COpenLdapIF::LdapFirstEnry(ldap* ld, ldapmsg* chain) {
-    return Call<ldapmsg*>(firstEntry_, LDAP_FIRST_ENTRY_N, nullptr, ld, chain);
+    return CallLocal<ldapmsg*>(firstEntry_, LDAP_FIRST_ENTRY_N, nullptr, ld, chain);
 }
 
 ldapmsg* COpenLdapIF::LdapNextEntry(ldap* ld, ldapmsg* entry) {
-    return Call<ldapmsg*>(nextEntry_, LDAP_NEXT_ENTRY_N, nullptr, ld, entry);
+    return CallLocal<ldapmsg*>(nextEntry_, LDAP_NEXT_ENTRY_N, nullptr, ld, entry);
 }
 
 char* COpenLdapIF::LdapGetDN(ldap* ld, ldapmsg* entry) {
-    return Call<char*>(getDn_, LDAP_GET_DN_N, nullptr, ld, entry);
+    return CallLocal<char*>(getDn_, LDAP_GET_DN_N, nullptr, ld, entry);
 }
 
 int COpenLdapIF::LdapCountEntries(ldap* ld, ldapmsg* chain) {
-    return Call<int>(countEntries_, LDAP_COUNT_ENTRIES_N, 0, ld, chain);
+    return CallLocal<int>(countEntries_, LDAP_COUNT_ENTRIES_N, 0, ld, chain);
 }
 
 char* COpenLdapIF::LdapFirstAttribute(ldap* ld, ldapmsg* entry, berelement** ber) {
-    return Call<char*>(firstAttribute_, LDAP_FIRST_ATTRIBUTE_N, nullptr, ld, entry, ber);
+    return CallLocal<char*>(firstAttribute_, LDAP_FIRST_ATTRIBUTE_N, nullptr, ld, entry, ber);
 }
 
 char* COpenLdapIF::LdapNextAttribute(ldap* ld, ldapmsg* entry, berelement* ber) {
-    return Call<char*>(nextAttribute_, LDAP_NEXT_ATTRIBUTE_N, nullptr, ld, entry, ber);
+    return CallLocal<char*>(nextAttribute_, LDAP_NEXT_ATTRIBUTE_N, nullptr, ld, entry, ber);
 }
 
 int COpenLdapIF::LdapMsgFree(ldapmsg* msg) {
-    return Call<int>(msgFree_, LDAP_MSGFREE_N, 0, msg);
+    return CallLocal<int>(msgFree_, LDAP_MSGFREE_N, 0, msg);
 }
 
 char** COpenLdapIF::LdapGetValues(ldap* ld, ldapmsg* entry, char const* target) {
-    return Call<char**>(getValues_, LDAP_GET_VALUES_N, nullptr, ld, entry, target);
+    return CallLocal<char**>(getValues_, LDAP_GET_VALUES_N, nullptr, ld, entry, target);
 }
 
 berval** COpenLdapIF::LdapGetValuesLen(ldap* ld, ldapmsg* entry, char const* target) {
-    return Call<berval**>(getValuesLen_, LDAP_GET_VALUES_LEN_N, nullptr, ld, entry, target);
+    return CallLocal<berval**>(getValuesLen_, LDAP_GET_VALUES_LEN_N, nullptr, ld, entry, target);
 }
 
 void COpenLdapIF::LdapValueFree(char** vals) {
-    CallVoid(valueFree_, LDAP_VALUE_FREE_N, vals);
+    CallLocalVoid(valueFree_, LDAP_VALUE_FREE_N, vals);
 }
 
 void COpenLdapIF::LdapValueFreeLen(berval** vals) {
-    CallVoid(valueFreeLen_, LDAP_VALUE_FREE_LEN_N, vals);
+    CallLocalVoid(valueFreeLen_, LDAP_VALUE_FREE_LEN_N, vals);
 }
 
 void COpenLdapIF::LdapMemFree(void* p) {
-    CallVoid(memFree_, LDAP_MEMFREE_N, p);
+    CallLocalVoid(memFree_, LDAP_MEMFREE_N, p);
 }
 
 int COpenLdapIF::LdapAddS(ldap* ld, char const* dn, ldapmod** attrs) {
@@ -319,7 +357,7 @@ int COpenLdapIF::LdapAdd(ldap* ld, char const* dn, ldapmod** attrs) {
 
 void COpenLdapIF::BerFree(berelement* ber, int freebuf) {
     if (ber != nullptr) {
-        CallVoid(berFree_, BER_FREE_N, ber, freebuf);
+        CallLocalVoid(berFree_, BER_FREE_N, ber, freebuf);
     }
 }
 
@@ -349,4 +387,64 @@ void COpenLdapIF::DropHandle() {
     }
     handle_ = nullptr;
     lost_.store(false);
+}
+
+int COpenLdapIF::OnConnect(LDAP*, Sockbuf* sb, LDAPURLDesc*, sockaddr*, ldap_conncb* ctx) {
+    auto* self = static_cast<COpenLdapIF*>(ctx->lc_arg);
+    ber_socket_t fd = -1;
+    if (self->sockbufCtrl_ != nullptr && self->sockbufCtrl_(sb, LBER_SB_OPT_GET_FD, &fd) == 1) {
+        std::lock_guard<std::mutex> guard(self->socketLock_);
+        self->socket_ = fd;
+    }
+    return 0;  // the connection goes ahead either way
+}
+
+// Called before libldap closes a connection's socket.
+void COpenLdapIF::OnDisconnect(LDAP*, Sockbuf*, ldap_conncb* ctx) {
+    auto* self = static_cast<COpenLdapIF*>(ctx->lc_arg);
+    std::lock_guard<std::mutex> guard(self->socketLock_);
+    self->socket_ = -1;
+}
+
+int COpenLdapIF::BoundSockets(ldap* ld, int seconds) {
+    {
+        ScopeLock lock(&lock_);
+        if (seconds <= 0 || !Resolve(sockbufCtrl_, BER_SOCKBUF_CTRL_N)) {
+            return LDAP_OPT_ERROR;
+        }
+    }
+    socketSeconds_ = seconds;
+    connectCallback_.lc_add = &COpenLdapIF::OnConnect;
+    connectCallback_.lc_del = &COpenLdapIF::OnDisconnect;
+    connectCallback_.lc_arg = this;
+    return LdapSetOption(ld, LDAP_OPT_CONNECT_CB, &connectCallback_);
+}
+
+COpenLdapIF::HandshakeWatch::HandshakeWatch(COpenLdapIF& binding) : binding_(binding) {
+    int const seconds = binding_.socketSeconds_;
+    if (seconds <= 0) {
+        return;
+    }
+    watcher_ = std::thread([this, seconds] {
+        std::unique_lock<std::mutex> wait(lock_);
+        if (returned_.wait_for(wait, std::chrono::seconds(seconds), [this] { return done_; })) {
+            return;
+        }
+        std::lock_guard<std::mutex> guard(binding_.socketLock_);
+        if (binding_.socket_ >= 0) {
+            shutdown(binding_.socket_, SHUT_RDWR);
+        }
+    });
+}
+
+COpenLdapIF::HandshakeWatch::~HandshakeWatch() {
+    if (!watcher_.joinable()) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        done_ = true;
+    }
+    returned_.notify_one();
+    watcher_.join();
 }

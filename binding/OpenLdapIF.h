@@ -10,6 +10,9 @@
 #include <sys/time.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 
 #include "binding/ScopeLock.h"
 
@@ -75,7 +78,34 @@ class COpenLdapIF {
     // LDAP_CONNECT_ERROR or LDAP_TIMEOUT returns that code at once, without sending anything:
     // callers queued behind a dead or silent server then fail together instead of each waiting
     // out its own timeout.
+    //
+    // With fail-fast on, the calls that only read a result already received (first and next
+    // entry, DN, attributes, values, the releases) take a lock of their own instead of the one
+    // server calls hold: a read that has its answer never waits behind a request that waits
+    // on a silent server. libldap lets threads read distinct results of one handle at once.
     void FailFast(bool on) { failFast_.store(on); }
+    // Puts a connection callback on ld that notes each new connection's socket, so that a
+    // HandshakeWatch can cut it. libldap bounds its own waits, but not the reads of an LDAPS
+    // handshake on a blocking socket: without this, a server that accepts and never answers
+    // holds the first call for ever. The callback lives as long as the binding.
+    int BoundSockets(ldap* ld, int seconds);
+    // Held around the call that opens a connection bound by BoundSockets: when that call has
+    // not returned after the seconds given there, the socket is shut down, which ends the
+    // handshake's read and the call with a lost connection. Does nothing otherwise.
+    class HandshakeWatch {
+      public:
+        explicit HandshakeWatch(COpenLdapIF& binding);
+        ~HandshakeWatch();
+        HandshakeWatch(HandshakeWatch const&) = delete;
+        HandshakeWatch& operator=(HandshakeWatch const&) = delete;
+
+      private:
+        COpenLdapIF& binding_;
+        std::mutex lock_;
+        std::condition_variable returned_;
+        bool done_ = false;
+        std::thread watcher_;
+    };
 
   private:
     typedef LDAP* (*InitFn)(char const*, int);
@@ -106,6 +136,7 @@ class COpenLdapIF {
     typedef int (*StartTlsSFn)(LDAP*, LDAPControl**, LDAPControl**);
     typedef int (*UnbindExtSFn)(LDAP*, LDAPControl**, LDAPControl**);
     typedef int (*GetOptionFn)(LDAP*, int, void*);
+    typedef int (*SockbufCtrlFn)(Sockbuf*, int, void*);
 
     // Loads the library and resolves one entry point; false when either cannot be had.
     // Called with the lock held. A failure is not remembered, so the next call tries again.
@@ -115,6 +146,13 @@ class COpenLdapIF {
     R Call(Fn& slot, char const* name, R unavailable, Args... args);
     template <typename Fn, typename... Args>
     void CallVoid(Fn& slot, char const* name, Args... args);
+    // Call and CallVoid for the reads of results already received; see FailFast.
+    template <typename R, typename Fn, typename... Args>
+    R CallLocal(Fn& slot, char const* name, R unavailable, Args... args);
+    template <typename Fn, typename... Args>
+    void CallLocalVoid(Fn& slot, char const* name, Args... args);
+    static int OnConnect(LDAP* ld, Sockbuf* sb, LDAPURLDesc* srv, sockaddr* addr, ldap_conncb* ctx);
+    static void OnDisconnect(LDAP* ld, Sockbuf* sb, ldap_conncb* ctx);
     // With fail-fast on: takes the lock (true), or gives up (false) once a link failure has been
     // counted since seen.
     bool WaitForLock(unsigned long seen);
@@ -125,7 +163,9 @@ class COpenLdapIF {
                    Args... args);
     void NoteResult(char const* operation, int result, ldap* ld);
 
-    void* library_;
+    std::atomic<void*> library_;
+    std::mutex loadLock_;   // the library is loaded once, whichever lock a first call holds
+    std::mutex localLock_;  // the reads of received results, with fail-fast on
     InitFn init_;
     SetOptionFn setOption_;
     SimpleBindSFn simpleBindS_;
@@ -152,7 +192,15 @@ class COpenLdapIF {
     InitializeFn initialize_;
     StartTlsSFn startTlsS_;
     UnbindExtSFn unbindExtS_;
-    GetOptionFn getOption_ = nullptr;  // bound only when diagnostics are kept
+    GetOptionFn getOption_ = nullptr;      // bound only when diagnostics are kept
+    SockbufCtrlFn sockbufCtrl_ = nullptr;  // bound only for BoundSockets
+    ldap_conncb connectCallback_{};
+    int socketSeconds_ = 0;
+    // The socket of the connection libldap has open, -1 when none; written by the connection
+    // callbacks, and read to shut it down, under socketLock_, so that a socket libldap has
+    // closed (and whose number may be in use again) is never touched.
+    std::mutex socketLock_;
+    int socket_ = -1;
     LockPair lock_;
     LDAP* handle_;
     std::atomic<bool> watch_{false};

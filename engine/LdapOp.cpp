@@ -136,7 +136,13 @@ int CLdapOp::Dial() {
     }
     char const* who = link_.bindDn.empty() ? settings.managerdn : link_.bindDn.c_str();
     char const* secret = link_.bindPassword.empty() ? settings.psw : link_.bindPassword.c_str();
-    if (binding_.LdapSimpleBindS(ld, who, secret) != 0) {
+    int bound = 0;
+    {
+        // Over LDAPS the connection, and its handshake, is made by the bind.
+        COpenLdapIF::HandshakeWatch watch(binding_);
+        bound = binding_.LdapSimpleBindS(ld, who, secret);
+    }
+    if (bound != 0) {
         // The binding would hand this handle back, TLS already running on it, and a second
         // StartTLS on it fails: with StartTLS the next attempt starts on a fresh handle.
         if (link_.tls == LinkOptions::Tls::kStartTls) {
@@ -178,6 +184,10 @@ bool CLdapOp::SecureHandle(ldap* ld, LdapInfo const& settings) {
         timeval limit = {link_.timeout, 0};
         binding_.LdapSetOption(ld, LDAP_OPT_NETWORK_TIMEOUT, &limit);
         binding_.LdapSetOption(ld, LDAP_OPT_TIMEOUT, &limit);
+        // An LDAPS handshake reads from a blocking socket, which neither option bounds.
+        if (link_.tls == LinkOptions::Tls::kLdaps || LinkOptions::HasLdapsUri(settings.host)) {
+            binding_.BoundSockets(ld, link_.timeout);
+        }
     }
     // An ldaps:// host asks for TLS by itself. When soap.ini names a CA file or the
     // verification, they apply to it as they do with tls = ldaps; otherwise libldap's own
