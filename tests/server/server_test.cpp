@@ -291,10 +291,19 @@ TEST_F(Server, SubjectsThatWouldNameAnotherEntryAreRefused) {
     EXPECT_EQ(Strings{victim.cert}, dir_.Values(bob, "signPubcer;binary"));
     EXPECT_TRUE(pki_.OpensWith(dir_.Values(bob, "signPrikey;binary").at(0), "bobs"));
     // Plain values pass, Chinese ones too: each level's value is stored once, as it is spelt.
-    for (std::string cn : {"bob smith jr", "\u5f20\u4f1f", "o'neil-smith (ops)"}) {
+    for (std::string cn : {"bob smith jr", "o'neil-smith (ops)"}) {
         auto const fine = qortest::CraftBundle({{"OU", unit}, {"CN", cn}}, kP12Pw);
         EXPECT_EQ(0, Publish(fine.bundle, "pw", true)) << cn;
     }
+    // A Chinese unit and name, UTF-8 in the certificate: each level holds its one value.
+    std::string const sales = "\u9500\u552e\u90e8" + unit, zhang = "\u5f20\u4f1f";
+    auto const chinese = qortest::CraftBundle({{"OU", sales}, {"CN", zhang}}, kP12Pw);
+    ASSERT_EQ(0, Publish(chinese.bundle, "pw", true));
+    std::string const unitDn = "ou=" + sales + ", " + dir_.Base();
+    EXPECT_EQ(Strings{sales}, dir_.Values(unitDn, "ou"));
+    EXPECT_EQ(Strings{zhang}, dir_.Values("cn=" + zhang + ", " + unitDn, "cn"));
+    EXPECT_EQ(Strings{chinese.cert},
+              dir_.Values("cn=" + zhang + ", " + unitDn, "signPubcer;binary"));
 }
 
 }  // namespace
