@@ -8,6 +8,7 @@
 
 #include "engine/Bounded.h"
 #include "engine/Constants.h"
+#include "platform/CallerSettings.h"
 #include "platform/IniFile.h"
 
 namespace {
@@ -47,7 +48,9 @@ CLdapOp::~CLdapOp() {
 // 32 for managerdn and psw).
 void CLdapOp::GetConfig(std::string const& section) {
     // One read of the file for all the keys.
-    IniFile const soap = IniFile::Load(SOAP_INI);
+    // The program's own settings (qorldap/Settings.h) count as lines of the file.
+    IniFile soap = IniFile::Load(SOAP_INI);
+    qor::OverlayCallerSettings(soap, section);
     std::string value;
     if (soap.Get(section, SECTION_LDAP_HOST, value)) {
         qor::CutCopy(info_.host, value.c_str());

@@ -1,73 +1,101 @@
-// The free functions, over one engine that is built when the library is loaded and destroyed
-// when it is unloaded or the process exits. All threads share it.
+// The free functions, over one engine that all threads share. It is built by the first call
+// that needs it, not when the library is loaded, so that a program can name its settings first
+// (qorldap/Settings.h, or QORLDAP_CONF_DIR set after loading); it is destroyed when the library
+// is unloaded or the process exits.
 #include "qorldap/LdapIF.h"
+
+#include <atomic>
 
 #include "engine/LdapOp.h"
 #include "interface/ConnectThenRun.h"
+#include "interface/FreeEngine.h"
 
 namespace {
 
-CLdapOp opLdap;
+std::atomic<bool> built{false};
+
+}  // namespace
+
+namespace qor {
+
+CLdapOp& FreeEngine() {
+    // Built once, by whichever thread comes first; the others wait for it.
+    static CLdapOp engine;
+    built.store(true, std::memory_order_release);
+    return engine;
+}
+
+bool FreeEngineBuilt() {
+    return built.load(std::memory_order_acquire);
+}
+
+}  // namespace qor
+
+namespace {
+
+CLdapOp& Engine() {
+    return qor::FreeEngine();
+}
 
 }  // namespace
 
 int ConnectLdap() {
-    return opLdap.ConnectLdap();
+    return Engine().ConnectLdap();
 }
 
 // Connects first, as every operation of this family does; when that fails nothing is released.
 void FreeKey(unsigned char* key) {
-    if (opLdap.ConnectLdap() != QORLDAP_OK) {
+    if (Engine().ConnectLdap() != QORLDAP_OK) {
         return;
     }
-    opLdap.FreeKey(key);
+    Engine().FreeKey(key);
 }
 
 void GetLdapAtt(LdapInfo& info) {
-    opLdap.GetLdapAtt(info);
+    Engine().GetLdapAtt(info);
 }
 
 void SetLdapAtt(LdapInfo info) {
-    opLdap.SetLdapAtt(info);
+    Engine().SetLdapAtt(info);
 }
 
 // Every operation connects first, and looks again under the guard that a connection is left.
 template <typename Operation>
 int Connected(Operation operation) {
     return qor::ConnectThenRun(
-        opLdap, [] { return opLdap.ConnectLdap(); }, qor::Recheck::kYes, operation);
+        Engine(), [] { return Engine().ConnectLdap(); }, qor::Recheck::kYes, operation);
 }
 
 int GetSignPrivateKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return Connected([&] { return opLdap.GetSignPrivateKey(name, key, length); });
+    return Connected([&] { return Engine().GetSignPrivateKey(name, key, length); });
 }
 
 int GetSignPublicKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return Connected([&] { return opLdap.GetSignPublicKey(name, key, length); });
+    return Connected([&] { return Engine().GetSignPublicKey(name, key, length); });
 }
 
 int GetCryptPrivateKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return Connected([&] { return opLdap.GetCryptPrivateKey(name, key, length); });
+    return Connected([&] { return Engine().GetCryptPrivateKey(name, key, length); });
 }
 
 int GetCryptPublicKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return Connected([&] { return opLdap.GetCryptPublicKey(name, key, length); });
+    return Connected([&] { return Engine().GetCryptPublicKey(name, key, length); });
 }
 
 int DeleteSignPrivateKey(char const* dn) {
-    return Connected([&] { return opLdap.DeleteSignPrivateKey(dn); });
+    return Connected([&] { return Engine().DeleteSignPrivateKey(dn); });
 }
 
 int DeleteCryptPrivateKey(char const* dn) {
-    return Connected([&] { return opLdap.DeleteCryptPrivateKey(dn); });
+    return Connected([&] { return Engine().DeleteCryptPrivateKey(dn); });
 }
 
 int ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw) {
-    return Connected([&] { return opLdap.ModifyPriKeyPsw(name, oldPsw, newPsw); });
+    return Connected([&] { return Engine().ModifyPriKeyPsw(name, oldPsw, newPsw); });
 }
 
 int PublishP12(char const* pfx, unsigned long pfxLength, char const* pfxPsw, char const* keyPsw,
                bool sign, bool publicOnly) {
     return Connected(
-        [&] { return opLdap.PublishP12(pfx, pfxLength, pfxPsw, keyPsw, sign, publicOnly); });
+        [&] { return Engine().PublishP12(pfx, pfxLength, pfxPsw, keyPsw, sign, publicOnly); });
 }

@@ -56,3 +56,7 @@ bool IniFile::Get(std::string const& section, std::string const& key, std::strin
     value = k->second;
     return true;
 }
+
+void IniFile::Set(std::string const& section, std::string const& key, std::string const& value) {
+    sections_[Folded(qor::Trim(section))][Folded(qor::Trim(key))] = value;
+}

@@ -14,6 +14,8 @@ class IniFile {
     // true, with value set, when key is found in section; value is untouched otherwise.
     // The reading rules are those of CSystem::GetProfileStrValue.
     bool Get(std::string const& section, std::string const& key, std::string& value) const;
+    // Puts value under key in section, over what the file said.
+    void Set(std::string const& section, std::string const& key, std::string const& value);
 
   private:
     // Section and key names folded to lower case; the first value of a key counts.

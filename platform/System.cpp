@@ -1,5 +1,6 @@
 #include "platform/System.h"
 
+#include "platform/CallerSettings.h"
 #include "platform/IniFile.h"
 
 #include <dlfcn.h>
@@ -30,11 +31,15 @@ std::string CSystem::ResolveConfigPath(std::string const& file) {
     if (file.find('/') != std::string::npos) {
         return file;
     }
-    char const* dir = std::getenv(kConfDirEnv);
-    if (dir == nullptr || dir[0] == '\0') {
+    // The folder a program named through the interface wins over the environment's.
+    std::string path;
+    if (!qor::CallerSetting("conf_dir", path)) {
+        char const* dir = std::getenv(kConfDirEnv);
+        path = dir != nullptr ? dir : "";
+    }
+    if (path.empty()) {
         return file;
     }
-    std::string path(dir);
     if (path.back() != '/') {
         path += '/';
     }

@@ -6,5 +6,6 @@
 #include "qorldap/LdapIF.h"
 #include "qorldap/records.h"
 #include "qorldap/result_codes.h"
+#include "qorldap/Settings.h"
 
 #endif

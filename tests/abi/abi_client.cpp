@@ -39,6 +39,7 @@ struct QorLdapResult {
 };
 void QorLdapLastResult(QorLdapResult*), QorLdapKeepDiagnostics(int);
 C QorLdapResultText(int);
+int QorLdapSet(C, C);
 }
 
 class CLdap {
@@ -62,6 +63,8 @@ class CLdap {
 };
 
 int main() {
+    // Settings before the free functions' engine is built reach it (0), later ones do not (1).
+    bool ok = QorLdapSet("timeout", "1") == 0 && QorLdapSet("no_such_key", "1") == 0x16000010;
     // Settings cross by value and by reference in this caller's own layout; with nothing
     // listening on port 1, every call that needs the server gives the general failure.
     LdapInfo info = {"127.0.0.1", 1, "o=abi", "cn=admin,o=abi", "secret"}, back;
@@ -70,8 +73,9 @@ int main() {
     ldap.GetLdapAtt(back);
     SetLdapAtt(back);
     GetLdapAtt(back);
-    bool ok = back.port == 1 && !std::strcmp(back.psw, info.psw) &&
-              !std::strcmp(back.basedn, info.basedn) && !std::strcmp(back.host, info.host);
+    ok = ok && QorLdapSet("TIMEOUT", nullptr) == 1 && back.port == 1 &&
+         !std::strcmp(back.psw, info.psw) && !std::strcmp(back.basedn, info.basedn) &&
+         !std::strcmp(back.host, info.host);
     unsigned char *key = nullptr, b[2] = {1, 2};
     unsigned n = 0;
     tagAtt att = {};

@@ -12,6 +12,7 @@
 #include <string>
 #include <tuple>
 
+#include "qorldap/Settings.h"
 #include "qorldap/qorldap.h"
 #include "tests/support/CraftedBundle.h"
 #include "tests/support/Directory.h"
@@ -116,6 +117,28 @@ TEST_F(Server, AFailedConnectRunsNothingUntilOneSucceeds) {
         ldap.SetLdapAtt(good);                    // host and port stay those of the first handle
         EXPECT_EQ(port ? rc : QORLDAP_OK, ldap.ConnectLdap()) << info.basedn;
     }
+}
+
+// A program's own settings win over the files for every engine built after them, and
+// forgetting one brings the file's value back; a misspelt key is refused, not kept.
+TEST_F(Server, SettingsGivenByTheProgramWinOverTheFiles) {
+    ASSERT_EQ(0, ConnectLdap());  // the free functions' engine is built: settings miss it
+    using Case = std::tuple<char const*, char const*, int>;  // key, value, connect result
+    for (auto [key, value, rc] : {
+             Case{"psw", "wrong", QORLDAP_E_FAILED},
+             Case{"bind_password", "wrong", QORLDAP_E_FAILED},
+             Case{"tls", "bogus", QORLDAP_E_FAILED},  // link keys fail closed here too
+             Case{"conf_dir", "/nonexistent", QORLDAP_E_FAILED},
+             Case{"Timeout", "3", QORLDAP_OK},
+         }) {
+        EXPECT_EQ(1, QorLdapSet(key, value)) << key;  // the free functions' engine exists
+        EXPECT_EQ(rc, CLdap().ConnectLdap()) << key;
+        EXPECT_EQ(1, QorLdapSet(key, nullptr)) << key;
+        EXPECT_EQ(QORLDAP_OK, CLdap().ConnectLdap()) << key;
+    }
+    EXPECT_EQ(QORLDAP_E_FAILED, QorLdapSet("bind_passwd", "x"));
+    EXPECT_EQ(QORLDAP_E_FAILED, QorLdapSet(nullptr, "x"));
+    EXPECT_EQ(QORLDAP_E_FAILED, QorLdapSet("psw", std::string(5000, 'x').c_str()));
 }
 
 TEST_F(Server, EntriesAreSelectedListedInsertedModifiedAndDeleted) {
