@@ -1,5 +1,6 @@
 // Re-protecting a user's two stored private keys under a new password.
 #include "engine/LdapOp.h"
+#include "engine/Outcome.h"
 #include "platform/Crypto.h"
 #include "platform/WipedBuffer.h"
 
@@ -21,13 +22,22 @@ int CLdapOp::ReprotectKey(std::string const& dn, char const* oldPsw, char const*
         return rc;
     }
     unsigned int plainLength = length;
-    if (stored.Data() == nullptr || length == 0 ||
-        DecryptKey(stored.Data(), plainLength, oldPsw) != 0) {
+    qor::Outcome& outcome = qor::Outcome::OfThread();
+    char const* const which = get == &CLdapOp::GetCryptPrivateKey ? "encryption" : "signing";
+    if (stored.Data() == nullptr || length == 0) {
+        outcome.Refuse(QORLDAP_REFUSED_NO_STORED_KEY,
+                       std::string("the entry holds no ") + which + " private key");
+        return QORLDAP_E_OLD_PASSWORD;
+    }
+    if (DecryptKey(stored.Data(), plainLength, oldPsw) != 0) {
+        outcome.Refuse(QORLDAP_REFUSED_OLD_PASSWORD,
+                       std::string("the old password does not open the ") + which + " private key");
         return QORLDAP_E_OLD_PASSWORD;
     }
     WipedBuffer converted;
     rc = ProtectKey(stored.Data(), plainLength, newPsw, converted);
     if (rc != QORLDAP_OK) {
+        outcome.Refuse(QORLDAP_REFUSED_EMPTY_PASSWORD, "the new password is empty");
         return rc;
     }
     return (this->*put)(dn.c_str(), converted.Data(), static_cast<unsigned int>(converted.Size()));
@@ -37,10 +47,12 @@ int CLdapOp::ReprotectKey(std::string const& dn, char const* oldPsw, char const*
 // Nothing is undone: a failure on the signing key leaves the encryption key re-protected.
 int CLdapOp::ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw) {
     std::string dn;
+    qor::Outcome::OfThread().Reset();
     int rc = GetFullDN(name, dn);
     if (rc != QORLDAP_OK) {
         return rc;
     }
+    qor::Outcome::OfThread().dn = dn;
     if (oldPsw == nullptr || newPsw == nullptr) {
         return QORLDAP_E_FAILED;
     }

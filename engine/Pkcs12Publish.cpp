@@ -6,6 +6,7 @@
 
 #include "engine/Constants.h"
 #include "engine/LdapOp.h"
+#include "engine/Outcome.h"
 #include "platform/Crypto.h"
 #include "platform/WipedBuffer.h"
 
@@ -26,7 +27,12 @@ int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pf
                         char const* keyPsw, bool sign, bool publicOnly) {
     std::unique_ptr<tagCERT> info(new tagCERT());
     std::string dn;
+    qor::Outcome& outcome = qor::Outcome::OfThread();
+    outcome.Reset();
     if (pfx == nullptr || pfxPsw == nullptr || pfxLength == 0 || pfxLength > INT_MAX) {
+        outcome.Refuse(
+            pfxLength > INT_MAX ? QORLDAP_REFUSED_OVER_BOUND : QORLDAP_REFUSED_NOT_BUNDLE,
+            pfxPsw == nullptr ? "no bundle password" : "no bundle");
         return QORLDAP_E_PKCS12;
     }
     // The size query opens the bundle and keeps the result for the fill call that follows.
@@ -38,31 +44,44 @@ int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pf
     if (!GetKeyFromPfx(bundle, bundleLength, pfxPsw, nullptr, certLength, nullptr, keyLength,
                        true) ||
         certLength == 0 || keyLength == 0) {
+        outcome.RefuseBundle(LastBundleFault());
         return QORLDAP_E_PKCS12;
     }
     std::unique_ptr<unsigned char[]> cert(new unsigned char[certLength]);
     WipedBuffer key(keyLength);  // the bundle's private key in the clear
     if (!GetKeyFromPfx(bundle, bundleLength, pfxPsw, cert.get(), certLength, key.Data(), keyLength,
-                       true) ||
-        !GetCertInfo(cert.get(), static_cast<int>(certLength), *info)) {
+                       true)) {
+        outcome.RefuseBundle(LastBundleFault());
+        return QORLDAP_E_PKCS12;
+    }
+    if (!GetCertInfo(cert.get(), static_cast<int>(certLength), *info)) {
+        outcome.Refuse(QORLDAP_REFUSED_SUBJECT,
+                       "the certificate's subject holds a control character or is too long");
         return QORLDAP_E_PKCS12;
     }
     // Refusals come before anything is written: a subject that would name some other entry
     // than the one it spells, and (when asked for) a key too weak to be worth keeping.
-    if (!CheckSubject(info->subject)) {
+    std::string fault;
+    if (!CheckSubject(info->subject, &fault)) {
+        outcome.Refuse(QORLDAP_REFUSED_SUBJECT, fault);
         return QORLDAP_E_PKCS12;
     }
     if (link_.refuseWeakKeys && IsWeakKey(key.Data(), keyLength)) {
+        outcome.Refuse(QORLDAP_REFUSED_WEAK_KEY,
+                       "the key gives less than 112-bit security, or lies on an explicitly "
+                       "given curve");
         return QORLDAP_E_PKCS12;
     }
     int rc = InsertOrganization(info->subject, dn);
     if (rc != QORLDAP_OK) {
         return rc;
     }
+    outcome.dn = dn;
     WipedBuffer stored;
     if (!publicOnly) {
         rc = ProtectKey(key.Data(), keyLength, keyPsw, stored);
         if (rc != QORLDAP_OK) {
+            outcome.Refuse(QORLDAP_REFUSED_EMPTY_PASSWORD, "the key password is missing or empty");
             return rc;
         }
     }

@@ -238,10 +238,24 @@ class BundleWalk {
     BundleWalk(BundleWalk const&) = delete;
     BundleWalk& operator=(BundleWalk const&) = delete;
 
-    // Walks the bundle; true when it opened with a private key.
+    // Walks the bundle; true when it opened with a private key. Fault() says why not.
     bool Open(PKCS12* p12, char const* psw, int pswLen) {
         Pkcs7StackPtr const safes(certs_ != nullptr ? PKCS12_unpack_authsafes(p12) : nullptr);
-        return safes != nullptr && Walk(p12, safes.get(), psw, pswLen) && key_ != nullptr;
+        if (safes == nullptr || !Walk(p12, safes.get(), psw, pswLen)) {
+            return false;
+        }
+        if (key_ == nullptr) {
+            fault_ = BundleFault::kNoKey;
+            return false;
+        }
+        return true;
+    }
+
+    // Why the walk, or the search of the key's certificate, failed.
+    BundleFault Fault() const { return fault_; }
+    BundleFault CertificateFault() const {
+        return sk_X509_num(certs_.get()) == 0 ? BundleFault::kNoCertificate
+                                              : BundleFault::kKeyMismatch;
     }
 
     // The first certificate that holds the key's public half, as PKCS12_parse picks it; null
@@ -260,7 +274,7 @@ class BundleWalk {
   private:
     bool Spend(long iterations) {
         if (iterations < 0 || iterations > left_)
-            return false;
+            return Failed(BundleFault::kOverBound);
         left_ -= iterations;
         return true;
     }
@@ -268,7 +282,7 @@ class BundleWalk {
     bool Walk(PKCS12* p12, STACK_OF(PKCS7) * safes, char const* psw, int pswLen) {
         int const count = sk_PKCS7_num(safes);
         if (count > kMaxPfxSafes)
-            return false;
+            return Failed(BundleFault::kOverBound);
         // The counts known before anything is derived: the MAC's and every encrypted safe's.
         bool const mac = PKCS12_mac_present(p12) == 1;
         bool const empty = pswLen == 0;
@@ -295,10 +309,10 @@ class BundleWalk {
             else if (PKCS12_verify_mac(p12, "", 0) == 1)
                 pass_ = "";
             else
-                return false;
+                return Failed(BundleFault::kPassword);
         } else {
             if (PKCS12_verify_mac(p12, psw, pswLen) != 1)
-                return false;
+                return Failed(BundleFault::kPassword);
             pass_ = psw;
             passLen_ = pswLen;
         }
@@ -313,7 +327,12 @@ class BundleWalk {
                 bags.reset(PKCS12_unpack_p7encdata(safe, pass_, passLen_));
             else
                 continue;  // other content types carry nothing for us
-            if (bags == nullptr || !Bags(bags.get(), 0))
+            // An encrypted safe that does not open under the password the MAC took (a bundle
+            // without a MAC) is a wrong password too.
+            if (bags == nullptr)
+                return Failed(type == NID_pkcs7_encrypted ? BundleFault::kPassword
+                                                          : BundleFault::kNotBundle);
+            if (!Bags(bags.get(), 0))
                 return false;
         }
         return true;
@@ -321,7 +340,9 @@ class BundleWalk {
 
     bool Bags(STACK_OF(PKCS12_SAFEBAG) const* bags, int depth) {
         for (int i = 0; i < sk_PKCS12_SAFEBAG_num(bags); ++i) {
-            if (++bagCount_ > kMaxPfxBags || !Bag(sk_PKCS12_SAFEBAG_value(bags, i), depth))
+            if (++bagCount_ > kMaxPfxBags)
+                return Failed(BundleFault::kOverBound);
+            if (!Bag(sk_PKCS12_SAFEBAG_value(bags, i), depth))
                 return false;
         }
         return true;
@@ -344,16 +365,18 @@ class BundleWalk {
                 if (!Spend(PbeIterations(alg)))
                     return false;
                 Pkcs8Ptr const p8(PKCS12_decrypt_skey_ex(bag, pass_, passLen_, ctx_, nullptr));
-                if (p8 != nullptr)
-                    key_.reset(EVP_PKCS82PKEY_ex(p8.get(), ctx_, nullptr));
+                if (p8 == nullptr)
+                    return Failed(BundleFault::kPassword);
+                key_.reset(EVP_PKCS82PKEY_ex(p8.get(), ctx_, nullptr));
                 return key_ != nullptr;
             }
             case NID_certBag:
                 return PKCS12_SAFEBAG_get_bag_nid(bag) != NID_x509Certificate ||
                        KeepCertificate(bag);
             case NID_safeContentsBag:
-                return depth + 1 < kMaxPfxNesting &&
-                       Bags(PKCS12_SAFEBAG_get0_safes(bag), depth + 1);
+                if (depth + 1 >= kMaxPfxNesting)
+                    return Failed(BundleFault::kOverBound);
+                return Bags(PKCS12_SAFEBAG_get0_safes(bag), depth + 1);
             default:
                 return true;  // CRLs, secrets and the like are not ours to read
         }
@@ -381,9 +404,15 @@ class BundleWalk {
         return true;
     }
 
+    bool Failed(BundleFault fault) {
+        fault_ = fault;
+        return false;
+    }
+
     OSSL_LIB_CTX* ctx_;
     X509StackPtr const certs_;
     EvpPkeyPtr key_;
+    BundleFault fault_ = BundleFault::kNotBundle;
     char const* pass_ = nullptr;
     int passLen_ = 0;
     long left_ = kMaxPfxIterations;
@@ -406,9 +435,16 @@ struct OpenedBundle {
     }
 };
 
-// Decodes and opens a bundle in one pass; false when it does not open or is over our limits.
+BundleFault& LastFault() {
+    thread_local BundleFault fault = BundleFault::kNone;
+    return fault;
+}
+
+// Decodes and opens a bundle in one pass; false when it does not open or is over our limits,
+// with the reason in LastFault().
 bool OpenBundle(unsigned char const* pfx, int pfxLen, char const* psw, int pswLen,
                 OSSL_LIB_CTX* ctx, OpenedBundle& out) {
+    LastFault() = BundleFault::kNotBundle;
     // The bundle object is made in our context first and then filled by the decoder, so the
     // MAC check and every decryption inside it fetch their algorithms from our context.
     Pkcs12Ptr p12(PKCS12_init_ex(NID_pkcs7_data, ctx, nullptr));
@@ -420,9 +456,16 @@ bool OpenBundle(unsigned char const* pfx, int pfxLen, char const* psw, int pswLe
     BundleWalk walk(ctx);
     bool const opened = walk.Open(p12.get(), psw, pswLen);
     p12.reset();
-    X509* const x509 = opened ? walk.Certificate() : nullptr;
-    if (x509 == nullptr)
+    if (!opened) {
+        LastFault() = walk.Fault();
         return false;
+    }
+    X509* const x509 = walk.Certificate();
+    if (x509 == nullptr) {
+        LastFault() = walk.CertificateFault();
+        return false;
+    }
+    LastFault() = BundleFault::kNotBundle;  // what may still fail is the encoding
 
     Pkcs8Ptr const p8(EVP_PKEY2PKCS8(walk.Key()));
     if (p8 == nullptr)
@@ -437,6 +480,7 @@ bool OpenBundle(unsigned char const* pfx, int pfxLen, char const* psw, int pswLe
     out.Wipe();
     out.cert.assign(certDer.get(), certDer.get() + certLen);
     out.key = std::move(keyDer);
+    LastFault() = BundleFault::kNone;
     return true;
 }
 
@@ -517,6 +561,7 @@ OpenedSlot& Slot() {
 
 bool GetKeyFromPfx(unsigned char const* pfx, int pfxLen, char const* psw, unsigned char* cert,
                    unsigned int& certLen, unsigned char* key, unsigned int& keyLen, bool legacy) {
+    LastFault() = pfxLen > kMaxPfxBytes ? BundleFault::kOverBound : BundleFault::kNotBundle;
     if (pfx == nullptr || pfxLen <= 0 || pfxLen > kMaxPfxBytes || psw == nullptr)
         return false;
     bool const sizeQuery = cert == nullptr && key == nullptr;
@@ -543,6 +588,7 @@ bool GetKeyFromPfx(unsigned char const* pfx, int pfxLen, char const* psw, unsign
             slot.Keep(id, fresh);
     }
     OpenedBundle const& opened = slot.Holds(id) ? slot.Bundle() : fresh;
+    LastFault() = BundleFault::kNone;
 
     auto const certNeed = static_cast<unsigned int>(opened.cert.size());
     auto const keyNeed = static_cast<unsigned int>(opened.key.Size());
@@ -565,6 +611,10 @@ bool GetKeyFromPfx(unsigned char const* pfx, int pfxLen, char const* psw, unsign
 
 void ForgetOpenedBundle() {
     Slot().Clear();
+}
+
+BundleFault LastBundleFault() {
+    return LastFault();
 }
 
 bool IsProtectedKey(unsigned char const* der, unsigned int len) {

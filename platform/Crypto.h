@@ -22,6 +22,18 @@ static_assert(offsetof(tagCERT, subject) == 608, "subject starts 608 bytes in");
 constexpr int kMaxPfxBytes = 1 << 20;
 constexpr long kMaxPfxIterations = 500000;
 
+// Why the calling thread's last GetKeyFromPfx failed (kNone after a success).
+enum class BundleFault {
+    kNone,
+    kNotBundle,      // not a PKCS#12 bundle (or one this layer cannot read)
+    kPassword,       // the password does not open it
+    kOverBound,      // over the size, count or key-derivation bounds
+    kNoKey,          // it holds no private key
+    kNoCertificate,  // it holds no certificate
+    kKeyMismatch,    // no certificate in it belongs to its private key
+};
+BundleFault LastBundleFault();
+
 // Opens a PKCS#12 bundle with its password. With cert and key both null, stores the sizes
 // needed into certLen and keyLen. With buffers, fills them: the certificate as DER and the
 // private key as unencrypted PKCS#8 DER; certLen and keyLen must hold the buffers' sizes and

@@ -40,6 +40,12 @@ struct QorLdapResult {
 void QorLdapLastResult(QorLdapResult*), QorLdapKeepDiagnostics(int);
 C QorLdapResultText(int);
 int QorLdapSet(C, C);
+struct QorLdapOutcome {
+    int refusal;
+    C reason, dn;
+};
+void QorLdapLastOutcome(QorLdapOutcome*);
+C QorLdapCodeText(int);
 }
 
 class CLdap {
@@ -104,6 +110,12 @@ int main() {
     QorLdapLastResult(&last);
     ok = ok && last.code == -1 && !std::strcmp(last.operation, "bind") &&
          !std::strcmp(QorLdapResultText(49), "Invalid credentials");
+    // The publication above never ran (no connection): nothing refused, no entry reached. The
+    // library's codes read as words.
+    QorLdapOutcome outcome = {7, nullptr, nullptr};
+    QorLdapLastOutcome(&outcome);
+    ok = ok && outcome.refusal == 0 && !std::strcmp(outcome.dn, "") &&
+         std::strstr(QorLdapCodeText(0x16000014), "PKCS#12") != nullptr;
     FreeKey(key);
     ldap.FreeKey(key);
     ldap.FreeAtt(&att);

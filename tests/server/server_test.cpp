@@ -12,6 +12,7 @@
 #include <string>
 #include <tuple>
 
+#include "qorldap/Outcome.h"
 #include "qorldap/Settings.h"
 #include "qorldap/qorldap.h"
 #include "tests/support/CraftedBundle.h"
@@ -327,6 +328,61 @@ TEST_F(Server, SubjectsThatWouldNameAnotherEntryAreRefused) {
     EXPECT_EQ(Strings{zhang}, dir_.Values("cn=" + zhang + ", " + unitDn, "cn"));
     EXPECT_EQ(Strings{chinese.cert},
               dir_.Values("cn=" + zhang + ", " + unitDn, "signPubcer;binary"));
+}
+
+// Every refusal says why, and a call that reached an entry says which; the library's codes
+// read as words.
+TEST_F(Server, RefusalsSayWhyAndCallsSayWhereTheyWent) {
+    using qortest::Parts;
+    std::string const unit = "why" + std::to_string(getpid());
+    std::string const dn = "cn=" + unit + ", ou=" + unit + ", " + dir_.Base();
+    qortest::Subject const subject = {{"OU", unit}, {"CN", unit}};
+    auto const good = qortest::CraftBundle(subject, kP12Pw);
+    struct Case {
+        std::string bundle;
+        char const* keyPw;
+        int rc, refusal;
+        char const* says;  // in the reason
+        std::string dn;
+    } const cases[] = {
+        {good.bundle, "key", 0, QORLDAP_REFUSED_NONE, "", dn},
+        {good.bundle.substr(0, 100), "key", QORLDAP_E_PKCS12, QORLDAP_REFUSED_NOT_BUNDLE, "not a",
+         ""},
+        {qortest::CraftBundle(subject, "other").bundle, "key", QORLDAP_E_PKCS12,
+         QORLDAP_REFUSED_PASSWORD, "password", ""},
+        {qortest::CraftBundle(subject, kP12Pw, "P-256", 0, Parts::kCertificateOnly).bundle, "key",
+         QORLDAP_E_PKCS12, QORLDAP_REFUSED_NO_KEY, "no private key", ""},
+        {qortest::CraftBundle(subject, kP12Pw, "P-256", 0, Parts::kKeyOnly).bundle, "key",
+         QORLDAP_E_PKCS12, QORLDAP_REFUSED_NO_CERTIFICATE, "no certificate", ""},
+        {qortest::CraftBundle(subject, kP12Pw, "P-256", 0, Parts::kOtherCertificate).bundle, "key",
+         QORLDAP_E_PKCS12, QORLDAP_REFUSED_KEY_MISMATCH, "belongs", ""},
+        {qortest::CraftBundle({{"OU", unit}, {"CN", "x"}, {"1.2.3.4", std::string(10000, 'n')}},
+                              kP12Pw)
+             .bundle,
+         "key", QORLDAP_E_PKCS12, QORLDAP_REFUSED_SUBJECT, "too long", ""},
+        {qortest::CraftBundle({{"OU", unit}, {"CN", "li  lei"}}, kP12Pw).bundle, "key",
+         QORLDAP_E_PKCS12, QORLDAP_REFUSED_SUBJECT, "CN holds two blanks", ""},
+        {good.bundle, "", QORLDAP_E_KEY_CONVERT, QORLDAP_REFUSED_EMPTY_PASSWORD, "empty", dn},
+    };
+    for (Case const& c : cases) {
+        ASSERT_FALSE(c.bundle.empty()) << c.says;
+        EXPECT_EQ(c.rc, Publish(c.bundle, c.keyPw, false)) << c.says;
+        QorLdapOutcome outcome = {};
+        QorLdapLastOutcome(&outcome);
+        EXPECT_EQ(c.refusal, outcome.refusal) << c.says;
+        EXPECT_NE(nullptr, std::strstr(outcome.reason, c.says)) << outcome.reason;
+        EXPECT_EQ(c.dn, outcome.dn) << c.says;
+    }
+    // A password change names the user it reached, and which key did not open.
+    ASSERT_EQ(0, Publish(good.bundle, "key", true));
+    EXPECT_EQ(QORLDAP_E_OLD_PASSWORD, ModifyPriKeyPsw(("cn=" + unit).c_str(), "wrong", "new"));
+    QorLdapOutcome outcome = {};
+    QorLdapLastOutcome(&outcome);
+    EXPECT_EQ(QORLDAP_REFUSED_OLD_PASSWORD, outcome.refusal);
+    EXPECT_STREQ("the old password does not open the encryption private key", outcome.reason);
+    EXPECT_EQ("cn=" + unit + ", ou=" + unit + "," + dir_.Base(), outcome.dn);  // as the walk has it
+    EXPECT_NE(nullptr, std::strstr(QorLdapCodeText(QORLDAP_E_PKCS12), "PKCS#12"));
+    EXPECT_STREQ("Invalid credentials", QorLdapCodeText(49));
 }
 
 }  // namespace

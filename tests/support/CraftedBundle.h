@@ -20,9 +20,14 @@ struct Crafted {
     std::string cert;    // the certificate, DER
 };
 
-// key: an EVP_PKEY_Q_keygen kind and its argument, such as {"EC", "P-256"}, {"RSA", 1024}.
+// What goes into the bundle: the key with its certificate, one of them alone, or the key with
+// the certificate of another key.
+enum class Parts { kBoth, kKeyOnly, kCertificateOnly, kOtherCertificate };
+
+// The key is EC on curve, or RSA of rsaBits when that is not 0.
 inline Crafted CraftBundle(Subject const& subject, char const* password,
-                           char const* curve = "P-256", size_t rsaBits = 0) {
+                           char const* curve = "P-256", size_t rsaBits = 0,
+                           Parts parts = Parts::kBoth) {
     Crafted out;
     EVP_PKEY* key = rsaBits != 0 ? EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", rsaBits)
                                  : EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", curve);
@@ -38,8 +43,24 @@ inline Crafted CraftBundle(Subject const& subject, char const* password,
          X509_gmtime_adj(X509_getm_notBefore(x509), 0) &&
          X509_gmtime_adj(X509_getm_notAfter(x509), 86400) && X509_set_pubkey(x509, key) &&
          X509_sign(x509, key, EVP_sha256()) > 0;
-    PKCS12* p12 =
-        ok ? PKCS12_create(password, nullptr, key, x509, nullptr, 0, 0, 0, 0, 0) : nullptr;
+    // For another certificate, a second key holds the bundle's key place and the certificate
+    // goes in as a chain member, which PKCS12_create takes without matching it to the key.
+    EVP_PKEY* other = parts == Parts::kOtherCertificate
+                          ? EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256")
+                          : nullptr;
+    STACK_OF(X509)* chain = sk_X509_new_null();
+    if (other != nullptr)
+        ok = ok && sk_X509_push(chain, x509) > 0;
+    EVP_PKEY* const bagKey = parts == Parts::kCertificateOnly ? nullptr
+                             : other != nullptr               ? other
+                                                              : key;
+    X509* const bagCert =
+        parts == Parts::kBoth || parts == Parts::kCertificateOnly ? x509 : nullptr;
+    PKCS12* p12 = ok ? PKCS12_create(password, nullptr, bagKey, bagCert,
+                                     other != nullptr ? chain : nullptr, 0, 0, 0, 0, 0)
+                     : nullptr;
+    sk_X509_free(chain);
+    EVP_PKEY_free(other);
     unsigned char* der = nullptr;
     int len = p12 != nullptr ? i2d_PKCS12(p12, &der) : -1;
     if (len > 0)
