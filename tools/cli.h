@@ -94,17 +94,15 @@ std::vector<Command> ConfigCommands();
 struct Settings {
     std::string folder;         // the user's folder of soap.ini and ldap.ini, absolute
     std::string origin;         // "option" (--conf), "environment" (QORLDAP_CONF_DIR) or "current"
-    bool copied = false;        // the library reads a private copy that adds atomic_publish
+    bool copied = false;        // the tool gave the library atomic_publish = yes
     bool timeoutAdded = false;  // and the timeout below
     bool timeoutFromOption = false;
     int timeout = 0;
 };
-// Chooses the folder (--conf, else QORLDAP_CONF_DIR, else the current directory) and hands
-// the library a private copy of its files with atomic_publish = yes, and with a timeout (10 s
-// unless --timeout says otherwise) when soap.ini sets none or --timeout is given: this program
-// is then run again on the copy, and the copy removed when that run ends. No copy when
-// soap.ini says atomic_publish = yes and sets a timeout, and --timeout is not given. Before any
-// command runs.
+// Chooses the folder (--conf, else QORLDAP_CONF_DIR, else the current directory) and gives the
+// library, through qorldap/Settings.h, that folder, atomic_publish = yes and a timeout (10 s
+// unless --timeout says otherwise) when soap.ini sets none or --timeout is given. Before any
+// command runs, in this process: nothing is copied, nothing started again.
 void PrepareSettings(Args const& args, char** argv);
 Settings const& CurrentSettings();
 

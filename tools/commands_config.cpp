@@ -36,8 +36,8 @@ int RunConfig(Args const& args) {
     }
     if (settings.copied) {
         std::printf(
-            "  (the library reads a copy of them that adds %s, in a private\n"
-            "  folder removed at exit; the files themselves are left as they are)\n",
+            "  (the tool gives the library %s over these files, which are left as\n"
+            "  they are)\n",
             settings.timeoutAdded ? "the timeout and atomic_publish" : "atomic_publish");
     }
     std::printf("settings in force (section [ldap] of soap.ini):\n");
@@ -82,11 +82,9 @@ int RunConfig(Args const& args) {
         std::printf("  timeout    (not set: a silent server blocks a call for ever)\n");
     }
     std::printf("  reconnect  %s\n", link.reconnect ? "yes" : "no");
-    // As the library reads it: from the copy when there is one.
-    LinkOptions library;
-    library.Read(IniFile::Load(CSystem::ResolveConfigPath("soap.ini")), "ldap");
+    // As the library takes it: the tool's own setting over the file's.
     std::printf("  atomic_publish %s\n",
-                library.atomicPublish
+                settings.copied || link.atomicPublish
                     ? "yes (a certificate and its private key go in one request; qorldap always "
                       "asks for it)"
                     : "no (the certificate first, then the private key)");
