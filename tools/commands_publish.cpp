@@ -53,85 +53,6 @@ std::string CheckBundle(PublishSetup const& setup, std::string const& path,
     return subject;
 }
 
-bool Ascii(std::string const& text) {
-    for (unsigned char c : text) {
-        if (c >= 0x80)
-            return false;
-    }
-    return true;
-}
-
-// The library converts every text value it writes from GB18030 to UTF-8, the naming values of
-// the levels it creates for a publication among them; a certificate subject is UTF-8 already,
-// so a name outside ASCII would be stored twice encoded next to the DN's own value. Such
-// levels, when they do not exist yet, are made here first with their values handed over as
-// GB18030 text, as add does; the library then finds them. Names in ASCII take the library's
-// own path, request for request. A failure here is left to the publication to report.
-// Each level's value as the library takes it from the subject: ASCII letters in lower case,
-// "Other" for a level the subject does not name.
-std::vector<std::string> LevelValues(std::vector<std::pair<std::string, std::string>> const& levels,
-                                     std::string const& subject) {
-    std::vector<std::string> values;
-    for (auto const& level : levels) {
-        size_t line = std::string::npos;
-        std::string value = qor::Folded(SubjectValue(subject, level.second, line));
-        values.push_back(line == std::string::npos ? "Other" : value);
-    }
-    return values;
-}
-
-// The DN the library composes for subject: "attr=value, " in front of the base, level by level.
-std::string SubjectDn(PublishSetup const& setup, std::string const& subject) {
-    auto const& levels = setup.levels;
-    std::vector<std::string> const values = LevelValues(levels, subject);
-    LdapInfo info;
-    GetLdapAtt(info);
-    std::string dn = info.basedn;
-    for (size_t i = 0; i < levels.size(); ++i)
-        dn = levels[i].second + "=" + values[i] + ", " + dn;
-    return dn;
-}
-
-void CreateLevelsOutsideAscii(PublishSetup const& setup, std::string const& subject) {
-    auto const& levels = setup.levels;
-    std::vector<std::string> const values = LevelValues(levels, subject);
-    bool outside = false;
-    for (std::string const& value : values)
-        outside = outside || !Ascii(value);
-    if (!outside)
-        return;
-    // One engine per thread for the whole run: an engine's connection lives as long as the
-    // process, so an engine per bundle would leave one connection open per bundle.
-    thread_local std::unique_ptr<CLdap> engine;
-    if (engine == nullptr)
-        engine.reset(new CLdap());
-    CLdap& ldap = *engine;
-    LdapInfo info;
-    ldap.GetLdapAtt(info);
-    if (ldap.ConnectLdap() != QORLDAP_OK)
-        return;
-    std::string dn = info.basedn;
-    for (size_t i = 0; i < levels.size(); ++i) {
-        dn = levels[i].second + "=" + values[i] + ", " + dn;
-        tagAtt found = {};
-        bool const exists = ldap.SelectLdap(dn.c_str(), found) == QORLDAP_OK && found.itemCount > 0;
-        ldap.FreeAtt(&found);
-        if (exists)
-            continue;  // a missing level above one outside ASCII is made here too
-        tagAttItem item = {};
-        std::string const text = ToLibraryText("publish", values[i]);
-        std::snprintf(item.type, sizeof item.type, "%s", levels[i].second.c_str());
-        std::snprintf(item.value, sizeof item.value, "%s", text.c_str());
-        item.syntax[0] = 's';
-        item.valueKnown = 1;
-        tagAtt att = {};
-        std::snprintf(att.objectClass, sizeof att.objectClass, "%s", levels[i].first.c_str());
-        att.items = &item;
-        att.itemCount = 1;
-        ldap.InsertLdap(dn.c_str(), att, false, nullptr, 0, nullptr, 0, nullptr, 0);
-    }
-}
-
 int LastDirectoryCode() {
     QorLdapResult last = {};
     QorLdapLastResult(&last);
@@ -225,9 +146,7 @@ std::string PublishedWhat(PublishSetup const& setup) {
 
 std::string PublishBundle(PublishSetup const& setup, std::string const& path,
                           std::string const& bundle) {
-    std::string const subject = CheckBundle(setup, path, bundle);
-    if (!subject.empty())
-        CreateLevelsOutsideAscii(setup, subject);
+    CheckBundle(setup, path, bundle);
     auto publish = [&] {
         return PublishP12(bundle.data(), bundle.size(), setup.bundlePassword.c_str(),
                           setup.publicOnly ? nullptr : setup.keyPassword.c_str(), !setup.crypt,
@@ -247,7 +166,14 @@ std::string PublishBundle(PublishSetup const& setup, std::string const& path,
                  "the entries that the certificate's subject names could not be made" +
                      (hint.empty() ? std::string() : " (" + hint + ")"));
     }
-    std::string const dn = subject.empty() ? "" : SubjectDn(setup, subject);
+    // The entry the library composed from the subject, as it wrote it.
+    QorLdapOutcome outcome = {};
+    QorLdapLastOutcome(&outcome);
+    std::string const dn = outcome.dn;
+    if (outcome.refusal != QORLDAP_REFUSED_NONE)
+        FailCode("publish", rc,
+                 std::string(outcome.reason) +
+                     (dn.empty() ? "; nothing was written" : "; no key was written to " + dn));
     if (rc == 65) {
         FailCode("publish", rc,
                  "object class violation (" + (dn.empty() ? "the entry the subject names" : dn) +

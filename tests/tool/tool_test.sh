@@ -124,7 +124,7 @@ check "and the private copy of the settings is gone" test -z "$(ls tmpdir)"
 
 group "publish"
 QORLDAP_P12_PASSWORD=wrong run publish li.p12
-expect_fail "a wrong bundle password" 1 "publish: 0x16000014 the PKCS#12 bundle cannot be opened"
+expect_fail "a wrong bundle password, named as such" 1 "publish: 0x16000014 the bundle's password does not open it; nothing was written"
 no "a missing bundle file" 1 "cannot read $tmp/missing.p12" publish "$tmp/missing.p12"
 env -u QORLDAP_P12_PASSWORD "${detach[@]}" "$tool" --conf "$conf" publish li.p12 >"$tmp/out" 2>"$tmp/err" </dev/null
 status=$? err=$(cat "$tmp/err")
@@ -375,6 +375,11 @@ expect_fail "passwd through the one indexed search" 1 "private key of the user n
 group "a subject outside ASCII"
 ok "a subject outside ASCII" "published zhang.p12" publish zhang.p12
 check "its names are stored once each, as UTF-8" test "$(stored_value "cn=张伟,ou=销售,o=root" cn)" = "张伟"
+# A name the directory would fold into another's (fullwidth letters read as "li lei"): the
+# library refuses it, and the tool passes on its reason.
+make_user wide "/C=CN/O=Acme/OU=Sales/CN=ｌｉ lei" -algorithm EC -pkeyopt ec_paramgen_curve:P-256 >/dev/null 2>&1
+QORLDAP_P12_PASSWORD=bundle-pw QORLDAP_KEY_PASSWORD=x run_bare --conf "$conf" publish wide.p12
+expect_fail "a fullwidth name, refused with the library's reason" 1 "0x16000014 subject attribute CN holds the character U+FF4C (the directory reads it as another); nothing was written"
 echo
 echo "$passed passed, $failed failed"
 [ "$failed" = 0 ]
