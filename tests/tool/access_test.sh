@@ -43,7 +43,7 @@ conf_rules() { sed -e '/^#/d' -e '/^$/d' "$project/schema/acl/slapd-access.conf"
     sed -e 's/^access //' -e 's/[[:space:]]\+/ /g'; }
 ldif_rules() { sed -e '/^#/d' "$project/schema/acl/olcAccess.ldif" | sed -e ':a' -e 'N' -e '$!ba' -e 's/\n //g' |
     sed -n 's/^olcAccess: {[0-9]*}//p' | sed -e 's/[[:space:]]\+/ /g'; }
-check "slapd-access.conf and olcAccess.ldif hold the same eight rules" eval '[ "$(conf_rules | wc -l)" = 8 ] && diff <(conf_rules) <(ldif_rules) >"$tmp/out"'
+check "slapd-access.conf and olcAccess.ldif hold the same ten rules" eval '[ "$(conf_rules | wc -l)" = 10 ] && diff <(conf_rules) <(ldif_rules) >"$tmp/out"'
 check "olcAccess.ldif turns add-content checks on" grep -qx 'olcAddContentAcl: TRUE' "$project/schema/acl/olcAccess.ldif"
 check "slapd-access.conf says to" grep -q '^#   add_content_acl on$' "$project/schema/acl/slapd-access.conf"
 
@@ -194,6 +194,61 @@ harm_overwrite_certificate() {
     printf 'dn: %s\nchangetype: modify\nreplace: signPubcer;binary\nsignPubcer;binary: forged\n' "$li" | ldapmodify "${who[@]}" >/dev/null 2>&1
     [ "$(values "$li" "signPubcer;binary" "${admin[@]}")" != "$before" ]
 }
+# A name's values go into the entry unchecked (slapd): a login made by renaming an entry of
+# one's own, a unit and a service account that bind by their names.
+harm_rename_into_root_login() {
+    printf 'dn: cn=tmp,%s\nchangetype: add\nobjectClass: qorPerson\ncn: tmp\n\n' "$people" >"$tmp/rdn.ldif"
+    printf 'dn: cn=tmp,%s\nchangetype: modrdn\nnewrdn: cn=tmp+objectClass=posixAccount+uid=toor+uidNumber=0+gidNumber=0+homeDirectory=/root+userPassword=hunter2\ndeleteoldrdn: 0\n\n' "$people" >>"$tmp/rdn.ldif"
+    printf 'dn: cn=tmp+gidNumber=0+homeDirectory=/root+objectClass=posixAccount+uid=toor+uidNumber=0+userPassword=hunter2,%s\nchangetype: modrdn\nnewrdn: uid=toor\ndeleteoldrdn: 0\n' "$people" >>"$tmp/rdn.ldif"
+    ldapmodify "${who[@]}" -f "$tmp/rdn.ldif" >/dev/null 2>&1
+    local harm=1 dn
+    binds "uid=toor,$people" hunter2 && harm=0
+    for dn in "cn=tmp,$people" "cn=tmp+gidNumber=0+homeDirectory=/root+objectClass=posixAccount+uid=toor+uidNumber=0+userPassword=hunter2,$people" "uid=toor,$people"; do
+        exists "$dn" && ldapdelete "${admin[@]}" "$dn"
+    done
+    return $harm
+}
+# add_bound DN PASSWORD LDIF: the add (LDIF on stdin, as $who), then whether DN binds with PASSWORD.
+add_bound() {
+    local harm=1
+    ldapadd "${who[@]}" >/dev/null 2>&1
+    binds "$1" "$2" && harm=0
+    exists "$1" && ldapdelete "${admin[@]}" "$1"
+    return $harm
+}
+harm_add_unit_with_password_name() {
+    printf 'dn: ou=x3+userPassword=pw3,%s\nobjectClass: organizationalUnit\nou: x3\n' "$base" | add_bound "ou=x3+userPassword=pw3,$base" pw3
+}
+harm_add_account_in_services() {
+    printf 'dn: ou=relay2+userPassword=pw,%s\nobjectClass: organizationalUnit\nou: relay2\n' "$services" | add_bound "ou=relay2+userPassword=pw,$services" pw
+}
+harm_rename_unit_to_password() {
+    printf 'dn: ou=evil,%s\nobjectClass: organizationalUnit\nou: evil\n' "$base" | ldapadd "${who[@]}" >/dev/null 2>&1
+    printf 'dn: ou=evil,%s\nchangetype: modrdn\nnewrdn: userPassword=pw1\ndeleteoldrdn: 0\n' "$base" | ldapmodify "${who[@]}" >/dev/null 2>&1
+    local harm=1 dn
+    binds "userPassword=pw1,$base" pw1 && harm=0
+    for dn in "ou=evil,$base" "userPassword=pw1,$base"; do exists "$dn" && ldapdelete "${admin[@]}" "$dn"; done
+    return $harm
+}
+# An entry below a person or an account: the administrator can no longer delete it (66).
+# add_kept DN: the add (LDIF on stdin, as $who), then whether DN is there.
+add_kept() {
+    ldapadd "${who[@]}" >/dev/null 2>&1
+    exists "$1" || return 1
+    ldapdelete "${admin[@]}" "$1"
+}
+harm_add_below_user() { printf 'dn: cn=child,%s\nobjectClass: qorPerson\ncn: child\n' "$li" | add_kept "cn=child,$li"; }
+harm_add_below_account() { printf 'dn: cn=child,%s\nobjectClass: qorPerson\ncn: child\n' "$relay" | add_kept "cn=child,$relay"; }
+harm_add_in_services() { printf 'dn: cn=fake,%s\nobjectClass: qorPerson\ncn: fake\n' "$services" | add_kept "cn=fake,$services"; }
+# 389's operational attributes that a client may set on any entry: a lock, a time limit, a
+# password policy.
+harm_add_operational() {
+    local a harm=1
+    for a in "nsAccountLock: true" "nsIdleTimeout: 99999" "pwdpolicysubentry: cn=nothing,$base"; do
+        printf 'dn: ou=op,%s\nobjectClass: organizationalUnit\nou: op\n%s\n' "$base" "$a" | add_kept "ou=op,$base" && harm=0
+    done
+    return $harm
+}
 # The key service's entry must look like one that does not exist: the same result code.
 harm_see_the_service() {
     local hidden missing
@@ -223,7 +278,15 @@ attacks() {
             "make_root:gives an existing user posixAccount with uidNumber 0" \
             "read_private_key:reads a private key or userPsw" \
             "overwrite_certificate:overwrites a certificate" \
-            "see_the_service:tells the key service's entry from a missing one"; do
+            "see_the_service:tells the key service's entry from a missing one" \
+            "rename_into_root_login:renames an entry of its own into a posixAccount with uidNumber 0 and a password" \
+            "add_unit_with_password_name:adds a unit whose name carries a userPassword" \
+            "add_account_in_services:adds a bindable entry in ou=services" \
+            "rename_unit_to_password:renames a unit of its own to a userPassword name" \
+            "add_below_user:adds an entry below an existing user" \
+            "add_below_account:adds an entry below another service account" \
+            "add_in_services:adds an entry in ou=services" \
+            "add_operational:adds a unit carrying 389's nsAccountLock, nsIdleTimeout or pwdpolicysubentry"; do
             case $actor:${row%%:*} in service:read_private_key | service:overwrite_certificate | service:see_the_service) continue ;; esac
             check "$server: the $actor cannot: ${row#*:}" eval "! harm_${row%%:*} $actor"
         done
@@ -243,22 +306,39 @@ sed -e "s/@BASE@/$base/g" -e "s/@SERVICES@/$services/g" -e "s/^dn: olcDatabase={
     "$project/tests/tool/earlier/olcAccess.ldif" | quiet ldapmodify "${config[@]}"
 printf 'dn: %s\nobjectClass: applicationProcess\nobjectClass: simpleSecurityObject\ncn: qorldap\nuserPassword: %s\n' "$svc" "$svc_pw" |
     quiet ldapadd "${admin[@]}"
-# README, "Using an existing directory", updating: the earlier four rules out, the new ones in.
-check "the earlier rules are the first four" test "$(ldapsearch -LLL -o ldif-wrap=no "${config[@]}" -b "$DB" -s base olcAccess | grep -c '^olcAccess: {[0-3]}.*ou=services')" = 4
-check "they are removed in one modify" eval '[ "$(ldapsearch -LLL -o ldif-wrap=no "${config[@]}" -b "$DB" -s base olcAccess |
-    grep -c -e "^olcAccess: {[0-3]}.*dn.children=\"$services\"" -e "^olcAccess: {[0-3]}to dn.subtree=\"$services\"")" = 4 ] &&
-    printf "dn: %s\nchangetype: modify\ndelete: olcAccess\nolcAccess: {0}\nolcAccess: {1}\nolcAccess: {2}\nolcAccess: {3}\n" "$DB" | quiet ldapmodify "${config[@]}"'
-check "olcAccess.ldif applies" eval 'sed -e "s/@BASE@/$base/g" -e "s/@SERVICE@/$svc/g" -e "s/^dn: olcDatabase={1}mdb,cn=config/dn: $DB/" \
+# README, "Using an existing directory", updating: the rules of an earlier release out (the
+# four of the first, the eight of the next), the new ones in.
+rules() { ldapsearch -LLL -o ldif-wrap=no "${config[@]}" -b "$DB" -s base olcAccess; }
+remove_earlier_rules() {
+    local RULES N=0 i
+    RULES=$(rules)
+    [ "$(grep -c -e "^olcAccess: {[0-3]}.*dn.children=\"$services\"" -e "^olcAccess: {[0-3]}to dn.subtree=\"$services\"" <<<"$RULES")" = 4 ] && N=4
+    grep -q "^olcAccess: {0}to dn.exact=\"$svc\" " <<<"$RULES" &&
+        grep -q "^olcAccess: {7}.* attrs=entry,ou,cn,sn,mail,description,o by dn.exact=\"$svc\" write" <<<"$RULES" && N=8
+    [ "$N" = 0 ] || { printf 'dn: %s\nchangetype: modify\ndelete: olcAccess\n' "$DB"; for ((i = 0; i < N; i++)); do printf 'olcAccess: {%d}\n' "$i"; done; } |
+        ldapmodify "${config[@]}"
+}
+check "the earlier rules are the first four" test "$(rules | grep -c '^olcAccess: {[0-3]}.*ou=services')" = 4
+check "they are removed in one modify" eval 'quiet remove_earlier_rules && [ "$(rules | grep -c "^olcAccess:")" = 3 ] && ! rules | grep -qF "$services"'
+sed -e "s/@BASE@/$base/g" -e "s/@SERVICE@/$svc/g" -e "s/^dn: olcDatabase={1}mdb,cn=config/dn: $DB/" \
+    "$project/tests/tool/earlier/olcAccess-8.ldif" | quiet ldapmodify "${config[@]}"
+check "the eight rules of the next release are removed in one modify" eval '[ "$(rules | grep -c "^olcAccess:")" = 11 ] && quiet remove_earlier_rules &&
+    [ "$(rules | grep -c "^olcAccess:")" = 3 ] && ! rules | grep -qF "$svc"'
+check "olcAccess.ldif applies" eval 'sed -e "s/@BASE@/$base/g" -e "s/@SERVICES@/$services/g" -e "s/@SERVICE@/$svc/g" -e "s/^dn: olcDatabase={1}mdb,cn=config/dn: $DB/" \
     "$project/schema/acl/olcAccess.ldif" | quiet ldapmodify "${config[@]}"'
 ldapsearch -LLL -o ldif-wrap=no "${config[@]}" -b "$DB" -s base olcAccess olcAddContentAcl >"$tmp/acl"
-check "eight rules of ours, then Debian's three, none of the earlier ones" eval '[ "$(grep -c "^olcAccess:" "$tmp/acl")" = 11 ] &&
-    grep -q "^olcAccess: {8}to attrs=userPassword" "$tmp/acl" && ! grep -qF "dn.children=\"$services\"" "$tmp/acl"'
+check "ten rules of ours, then Debian's three, none of the earlier ones" eval '[ "$(grep -c "^olcAccess:" "$tmp/acl")" = 13 ] &&
+    grep -q "^olcAccess: {10}to attrs=userPassword" "$tmp/acl" && ! grep -qF "dn.children=\"$services\"" "$tmp/acl"'
 check "add-content checks are on" grep -qx 'olcAddContentAcl: TRUE' "$tmp/acl"
+check "the update takes none of this release's rules out" eval 'quiet remove_earlier_rules && [ "$(rules | grep -c "^olcAccess:")" = 13 ]'
 check "the service's password is stored hashed" eval 'printf "dn: %s\nchangetype: modify\nreplace: userPassword\nuserPassword: %s\n" "$svc" "$(slappasswd -s "$svc_pw")" |
     quiet ldapmodify "${admin[@]}" && values "$svc" userPassword "${admin[@]}" | base64 -d | grep -q "^{SSHA}" && binds "$svc" "$svc_pw"'
 server=OpenLDAP
 legitimate OpenLDAP
 attacks OpenLDAP
+printf 'dn: cn=mine,%s\nobjectClass: qorPerson\ncn: mine\n' "$people" | quiet ldapadd -x -H "$uri" -D "$svc" -w "$svc_pw"
+check "OpenLDAP: the key service renames not even an entry it made, and deletes it" eval '! quiet ldapmodrdn -x -H "$uri" -D "$svc" -w "$svc_pw" "cn=mine,$people" cn=yours &&
+    exists "cn=mine,$people" && quiet ldapdelete -x -H "$uri" -D "$svc" -w "$svc_pw" "cn=mine,$people" && ! exists "cn=mine,$people"'
 check "OpenLDAP: a search for the key service gets 32, as for a missing entry" eval 'ldapsearch -x -H "$uri" -b "$svc" -s base >/dev/null 2>&1; test $? = 32'
 "$directory" stop --dir "$tmp/dir" >/dev/null 2>&1
 
@@ -277,8 +357,8 @@ if "$directory" start --server 389ds --dir "$d389" --nosync --base "$base" >"$tm
     check "the earlier twelve ACIs are there" test "$(qorldap_acis | wc -l)" = 12
     # README, "389 Directory Server", updating: every qorldap ACI out, the file's in.
     check "they are removed in one modify" eval 'OLD=$(qorldap_acis); [ -z "$OLD" ] || printf "dn: %s\nchangetype: modify\ndelete: aci\n%s\n" "$base" "$OLD" | quiet ldapmodify "${admin[@]}"'
-    check "aci.ldif applies" eval 'sed -e "s/@BASE@/$base/g" -e "s/@SERVICE@/$svc/g" "$project/schema/389ds/aci.ldif" | quiet ldapmodify "${admin[@]}"'
-    check "fourteen ACIs of ours, the site's two kept" eval '[ "$(qorldap_acis | wc -l)" = 14 ] && [ "$(ldapsearch -LLL -o ldif-wrap=no "${admin[@]}" -b "$base" -s base aci | grep -c "acl \"site: ")" = 2 ]'
+    check "aci.ldif applies" eval 'sed -e "s/@BASE@/$base/g" -e "s/@SERVICES@/$services/g" -e "s/@SERVICE@/$svc/g" "$project/schema/389ds/aci.ldif" | quiet ldapmodify "${admin[@]}"'
+    check "seventeen ACIs of ours, the site's two kept" eval '[ "$(qorldap_acis | wc -l)" = 17 ] && [ "$(ldapsearch -LLL -o ldif-wrap=no "${admin[@]}" -b "$base" -s base aci | grep -c "acl \"site: ")" = 2 ]'
     server=389
     legitimate 389
     attacks 389

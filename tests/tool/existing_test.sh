@@ -72,7 +72,7 @@ group "2. access control and 3. the key service's identity"
 database=$(ldapsearch -LLL "${config[@]}" -b cn=config "(olcSuffix=$base)" dn | sed -n 's/^dn: //p')
 service_dn="cn=libqorldap key service 0001,$services"
 service_pw=$(openssl rand -base64 48)
-check "olcAccess.ldif applies to the database" eval 'sed -e "s/@BASE@/$base/g" -e "s/@SERVICE@/$service_dn/g" \
+check "olcAccess.ldif applies to the database" eval 'sed -e "s/@BASE@/$base/g" -e "s/@SERVICES@/$services/g" -e "s/@SERVICE@/$service_dn/g" \
     -e "s/^dn: olcDatabase={1}mdb,cn=config/dn: $database/" "$project/schema/acl/olcAccess.ldif" | quiet ldapmodify "${config[@]}"'
 check "a 60-character service DN with a 64-character password" test "${#service_dn}/${#service_pw}" = 60/64
 check "service.ldif adds the identity" eval 'sed -e "s/@SERVICES@/$services/g" -e "s|@PASSWORD_HASH@|$(slappasswd -s "$service_pw")|" \
