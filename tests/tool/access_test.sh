@@ -107,6 +107,7 @@ legitimate() {
     ok "$server: keys go onto an existing inetOrgPerson" "(signing pair) to cn=li lei" publish "$tmp/LiLei.p12"
     ok "$server: both pairs" "(encryption pair) to cn=li lei" publish --crypt "$tmp/LiLei.p12"
     ok "$server: a bundle goes into a new path (ou=Sales made on the way)" "to cn=zhang wei, ou=sales" publish "$tmp/ZhangWei.p12"
+    ok "$server: a second publication to the entry it made" "(encryption pair) to cn=zhang wei, ou=sales" publish --crypt "$tmp/ZhangWei.p12"
     check "$server: Zhang Wei is a qorPerson below a new ou" test "$(values "cn=zhang wei,ou=Sales,$base" objectClass "${admin[@]}" | grep -v '^top$')" = qorPerson
     ok "$server: the tool changes an entry it made" "modified" modify "cn=zhang wei, ou=Sales, $base" sn=Zhang mail=zw@example.com
     ok "$server: a key is removed" "removed the signing private key" rm-key "$li"
