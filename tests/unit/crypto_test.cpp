@@ -32,19 +32,36 @@ Bytes Read(std::string const& name) {
     return Bytes(text.begin(), text.end());
 }
 
+// OpenPfx must agree with the two calls in one: the same outcome and fault, the same bytes, and
+// its outputs (holding something beforehand) replaced whole on success, untouched on a refusal.
+void ExpectOneCallAgrees(Bytes const& pfx, char const* pw, bool legacy, bool ok, BundleFault fault,
+                         Bytes const& cert, Bytes const& key) {
+    Bytes oneCert{7};
+    WipedBuffer oneKey(1);
+    oneKey.Data()[0] = 7;
+    bool const one = OpenPfx(pfx.data(), static_cast<int>(pfx.size()), pw, oneCert, oneKey, legacy);
+    EXPECT_EQ(ok, one) << pfx.size();
+    EXPECT_EQ(static_cast<int>(fault), static_cast<int>(LastBundleFault())) << pfx.size();
+    Bytes const gotKey(oneKey.Data(), oneKey.Data() + oneKey.Size());
+    EXPECT_EQ(one ? cert : Bytes{7}, oneCert);
+    EXPECT_EQ(one ? key : Bytes{7}, gotKey);
+}
+
 // Opens a bundle as callers do: sizes, then buffers filled; refused with either one byte short.
 bool Open(Bytes const& pfx, char const* pw, Bytes& cert, Bytes& key, bool legacy = true) {
     unsigned int certLen = 0, keyLen = 0;
     int const n = static_cast<int>(pfx.size());
-    if (!GetKeyFromPfx(pfx.data(), n, pw, nullptr, certLen, nullptr, keyLen, legacy))
-        return false;
-    cert.assign(certLen, 0);
-    key.assign(keyLen, 0);
-    bool const ok =
-        GetKeyFromPfx(pfx.data(), n, pw, cert.data(), certLen, key.data(), keyLen, legacy) &&
-        certLen == cert.size() && keyLen == key.size();
-    for (unsigned int c = certLen - 1, k = keyLen, i = 0; i < 2; ++i, ++c, --k)
-        EXPECT_FALSE(GetKeyFromPfx(pfx.data(), n, pw, cert.data(), c, key.data(), k, legacy));
+    bool ok = GetKeyFromPfx(pfx.data(), n, pw, nullptr, certLen, nullptr, keyLen, legacy);
+    BundleFault const fault = LastBundleFault();
+    if (ok) {
+        cert.assign(certLen, 0);
+        key.assign(keyLen, 0);
+        ok = GetKeyFromPfx(pfx.data(), n, pw, cert.data(), certLen, key.data(), keyLen, legacy) &&
+             certLen == cert.size() && keyLen == key.size();
+        for (unsigned int c = certLen - 1, k = keyLen, i = 0; i < 2; ++i, ++c, --k)
+            EXPECT_FALSE(GetKeyFromPfx(pfx.data(), n, pw, cert.data(), c, key.data(), k, legacy));
+    }
+    ExpectOneCallAgrees(pfx, pw, legacy, ok, fault, cert, key);
     return ok;
 }
 
