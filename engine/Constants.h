@@ -21,6 +21,7 @@
 #define SECTION_LDAP_FAST_LOOKUP "fast_lookup"
 #define SECTION_LDAP_ATOMIC_PUBLISH "atomic_publish"
 #define SECTION_LDAP_REFUSE_WEAK_KEYS "refuse_weak_keys"
+#define SECTION_LDAP_GB18030_DNS "gb18030_dns"
 #define LDAP_BASE "base"
 #define LDAP_SUM "sum"
 #define LDAP_ATT "A"

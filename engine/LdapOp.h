@@ -65,6 +65,8 @@ class CLdapOp {
     // Whether the engine holds a connection; checked under GuardOperation, since with
     // reconnection on another thread may have found the connection lost and failed to redial.
     bool HasConnection() const { return handle_.load(std::memory_order_acquire) != nullptr; }
+    // Whether callers speak GB18030 in DNs (soap.ini gb18030_dns).
+    bool Gb18030Dns() const { return link_.gb18030Dns; }
     void GetLdapAtt(LdapInfo& info);    // info receives a copy of the settings in force
     void SetLdapAtt(LdapInfo info);     // replaces the settings whole
     void FreeKey(unsigned char*& key);  // array delete; key becomes null (null is ignored)

@@ -34,6 +34,10 @@ struct LinkOptions {
     // "refuse_weak_keys": yes makes a publication refuse, before anything is written, a bundle
     // whose key gives less than 112-bit security or sits on an explicitly given curve.
     bool refuseWeakKeys = false;
+    // "gb18030_dns": yes makes every DN a caller passes GB18030 text, converted to the UTF-8
+    // the directory requires, and every DN handed back GB18030 (see interface/CallerDn.h).
+    // Off, DNs pass unchanged both ways.
+    bool gb18030Dns = false;
     // Empty when every key present is written in one of its documented spellings; otherwise
     // "key=value" of the first one that is not. An engine whose link keys do not read never
     // connects: a misspelt "tls" or "tls_verify" must not quietly mean a clear or unverified
@@ -46,7 +50,7 @@ struct LinkOptions {
     //   tls_verify  yes | true | on | 1 | demand  /  no | false | off | 0 | never
     //   reconnect   yes | true | on | 1  /  no | false | off | 0
     //   timeout     whole seconds, 0 to 86400 (0: none)
-    //   fast_lookup, atomic_publish, refuse_weak_keys
+    //   fast_lookup, atomic_publish, refuse_weak_keys, gb18030_dns
     //               yes | true | on | 1  /  no | false | off | 0
     void Read(IniFile const& soap, std::string const& section);
     bool Valid() const { return fault.empty(); }

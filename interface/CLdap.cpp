@@ -2,6 +2,8 @@
 #include "qorldap/CLdap.h"
 
 #include "engine/LdapOp.h"
+#include "engine/Outcome.h"
+#include "interface/CallerDn.h"
 #include "interface/ConnectThenRun.h"
 
 CLdap::CLdap() : engine(nullptr), connected(false) {
@@ -59,68 +61,93 @@ void CLdap::SetLdapAtt(LdapInfo info) {
 }
 
 int CLdap::ModifySignPrivateKey(char const* dn, unsigned char const* key, unsigned int length) {
-    return OnDemand(*this, *engine, &CLdap::Connected,
-                    [&] { return engine->ModifySignPrivateKey(dn, key, length); });
+    return OnDemand(*this, *engine, &CLdap::Connected, [&] {
+        return engine->ModifySignPrivateKey(qor::DirectoryDn(*engine, dn).Get(), key, length);
+    });
 }
 
 int CLdap::ModifySignPublicKey(char const* dn, unsigned char const* key, unsigned int length) {
-    return OnDemand(*this, *engine, &CLdap::Connected,
-                    [&] { return engine->ModifySignPublicKey(dn, key, length); });
+    return OnDemand(*this, *engine, &CLdap::Connected, [&] {
+        return engine->ModifySignPublicKey(qor::DirectoryDn(*engine, dn).Get(), key, length);
+    });
 }
 
 int CLdap::ModifyCryptPrivateKey(char const* dn, unsigned char const* key, unsigned int length) {
-    return OnDemand(*this, *engine, &CLdap::Connected,
-                    [&] { return engine->ModifyCryptPrivateKey(dn, key, length); });
+    return OnDemand(*this, *engine, &CLdap::Connected, [&] {
+        return engine->ModifyCryptPrivateKey(qor::DirectoryDn(*engine, dn).Get(), key, length);
+    });
 }
 
 int CLdap::ModifyCryptPublicKey(char const* dn, unsigned char const* key, unsigned int length) {
-    return OnDemand(*this, *engine, &CLdap::Connected,
-                    [&] { return engine->ModifyCryptPublicKey(dn, key, length); });
+    return OnDemand(*this, *engine, &CLdap::Connected, [&] {
+        return engine->ModifyCryptPublicKey(qor::DirectoryDn(*engine, dn).Get(), key, length);
+    });
 }
 
 int CLdap::GetSignPrivateKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return OnDemand(*this, *engine, &CLdap::Connected,
-                    [&] { return engine->GetSignPrivateKey(name, key, length); });
+    return OnDemand(*this, *engine, &CLdap::Connected, [&] {
+        return engine->GetSignPrivateKey(qor::DirectoryDn(*engine, name).Get(), key, length);
+    });
 }
 
 int CLdap::GetSignPublicKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return OnDemand(*this, *engine, &CLdap::Connected,
-                    [&] { return engine->GetSignPublicKey(name, key, length); });
+    return OnDemand(*this, *engine, &CLdap::Connected, [&] {
+        return engine->GetSignPublicKey(qor::DirectoryDn(*engine, name).Get(), key, length);
+    });
 }
 
 int CLdap::GetCryptPrivateKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return OnDemand(*this, *engine, &CLdap::Connected,
-                    [&] { return engine->GetCryptPrivateKey(name, key, length); });
+    return OnDemand(*this, *engine, &CLdap::Connected, [&] {
+        return engine->GetCryptPrivateKey(qor::DirectoryDn(*engine, name).Get(), key, length);
+    });
 }
 
 int CLdap::GetCryptPublicKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return OnDemand(*this, *engine, &CLdap::Connected,
-                    [&] { return engine->GetCryptPublicKey(name, key, length); });
+    return OnDemand(*this, *engine, &CLdap::Connected, [&] {
+        return engine->GetCryptPublicKey(qor::DirectoryDn(*engine, name).Get(), key, length);
+    });
 }
 
 int CLdap::DeleteSignPrivateKey(char const* dn) {
-    return OnDemand(*this, *engine, &CLdap::Connected,
-                    [&] { return engine->DeleteSignPrivateKey(dn); });
+    return OnDemand(*this, *engine, &CLdap::Connected, [&] {
+        return engine->DeleteSignPrivateKey(qor::DirectoryDn(*engine, dn).Get());
+    });
 }
 
 int CLdap::DeleteCryptPrivateKey(char const* dn) {
-    return OnDemand(*this, *engine, &CLdap::Connected,
-                    [&] { return engine->DeleteCryptPrivateKey(dn); });
+    return OnDemand(*this, *engine, &CLdap::Connected, [&] {
+        return engine->DeleteCryptPrivateKey(qor::DirectoryDn(*engine, dn).Get());
+    });
 }
 
 int CLdap::ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw) {
-    return OnDemand(*this, *engine, &CLdap::Connected,
-                    [&] { return engine->ModifyPriKeyPsw(name, oldPsw, newPsw); });
+    return OnDemand(*this, *engine, &CLdap::Connected, [&] {
+        int const rc =
+            engine->ModifyPriKeyPsw(qor::DirectoryDn(*engine, name).Get(), oldPsw, newPsw);
+        qor::ToCaller(*engine, qor::Outcome::OfThread().dn);
+        return rc;
+    });
 }
 
 int CLdap::SelectLdap(char const* dn, tagAtt& att) {
-    return OnDemand(*this, *engine, &CLdap::Connected,
-                    [&] { return engine->SelectLdapAtt(dn, att); });
+    return OnDemand(*this, *engine, &CLdap::Connected, [&] {
+        int const rc = engine->SelectLdapAtt(qor::DirectoryDn(*engine, dn).Get(), att);
+        if (rc == QORLDAP_OK) {
+            qor::ToCaller(*engine, att);
+        }
+        return rc;
+    });
 }
 
 int CLdap::SelectLdap(char const* dn, char const* condition, tagDN*& list, int& count) {
-    return OnDemand(*this, *engine, &CLdap::Connected,
-                    [&] { return engine->SelectLdap(dn, condition, list, count); });
+    return OnDemand(*this, *engine, &CLdap::Connected, [&] {
+        int const rc =
+            engine->SelectLdap(qor::DirectoryDn(*engine, dn).Get(), condition, list, count);
+        if (rc == QORLDAP_OK) {
+            qor::ToCaller(*engine, list, count);
+        }
+        return rc;
+    });
 }
 
 int CLdap::InsertLdap(char const* dn, tagAtt const& att, bool crypt, unsigned char* password,
@@ -128,17 +155,20 @@ int CLdap::InsertLdap(char const* dn, tagAtt const& att, bool crypt, unsigned ch
                       unsigned int publicKeyLength, unsigned char* privateKey,
                       unsigned int privateKeyLength) {
     return OnDemand(*this, *engine, &CLdap::Connected, [&] {
-        return engine->InsertLdap(dn, att, crypt, password, passwordLength, publicKey,
-                                  publicKeyLength, privateKey, privateKeyLength);
+        return engine->InsertLdap(qor::DirectoryDn(*engine, dn).Get(), att, crypt, password,
+                                  passwordLength, publicKey, publicKeyLength, privateKey,
+                                  privateKeyLength);
     });
 }
 
 int CLdap::ModifyLdap(char const* dn, tagAtt const& att) {
-    return OnDemand(*this, *engine, &CLdap::Connected, [&] { return engine->ModifyLdap(dn, att); });
+    return OnDemand(*this, *engine, &CLdap::Connected,
+                    [&] { return engine->ModifyLdap(qor::DirectoryDn(*engine, dn).Get(), att); });
 }
 
 int CLdap::DeleteLdap(char const* dn) {
-    return OnDemand(*this, *engine, &CLdap::Connected, [&] { return engine->DeleteLdap(dn); });
+    return OnDemand(*this, *engine, &CLdap::Connected,
+                    [&] { return engine->DeleteLdap(qor::DirectoryDn(*engine, dn).Get()); });
 }
 
 void CLdap::FreeAtt(tagAtt* att) {

@@ -7,6 +7,8 @@
 #include <atomic>
 
 #include "engine/LdapOp.h"
+#include "engine/Outcome.h"
+#include "interface/CallerDn.h"
 #include "interface/ConnectThenRun.h"
 #include "interface/FreeEngine.h"
 
@@ -67,35 +69,53 @@ int Connected(Operation operation) {
 }
 
 int GetSignPrivateKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return Connected([&] { return Engine().GetSignPrivateKey(name, key, length); });
+    return Connected([&] {
+        return Engine().GetSignPrivateKey(qor::DirectoryDn(Engine(), name).Get(), key, length);
+    });
 }
 
 int GetSignPublicKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return Connected([&] { return Engine().GetSignPublicKey(name, key, length); });
+    return Connected([&] {
+        return Engine().GetSignPublicKey(qor::DirectoryDn(Engine(), name).Get(), key, length);
+    });
 }
 
 int GetCryptPrivateKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return Connected([&] { return Engine().GetCryptPrivateKey(name, key, length); });
+    return Connected([&] {
+        return Engine().GetCryptPrivateKey(qor::DirectoryDn(Engine(), name).Get(), key, length);
+    });
 }
 
 int GetCryptPublicKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return Connected([&] { return Engine().GetCryptPublicKey(name, key, length); });
+    return Connected([&] {
+        return Engine().GetCryptPublicKey(qor::DirectoryDn(Engine(), name).Get(), key, length);
+    });
 }
 
 int DeleteSignPrivateKey(char const* dn) {
-    return Connected([&] { return Engine().DeleteSignPrivateKey(dn); });
+    return Connected(
+        [&] { return Engine().DeleteSignPrivateKey(qor::DirectoryDn(Engine(), dn).Get()); });
 }
 
 int DeleteCryptPrivateKey(char const* dn) {
-    return Connected([&] { return Engine().DeleteCryptPrivateKey(dn); });
+    return Connected(
+        [&] { return Engine().DeleteCryptPrivateKey(qor::DirectoryDn(Engine(), dn).Get()); });
 }
 
 int ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw) {
-    return Connected([&] { return Engine().ModifyPriKeyPsw(name, oldPsw, newPsw); });
+    return Connected([&] {
+        int const rc =
+            Engine().ModifyPriKeyPsw(qor::DirectoryDn(Engine(), name).Get(), oldPsw, newPsw);
+        qor::ToCaller(Engine(), qor::Outcome::OfThread().dn);
+        return rc;
+    });
 }
 
 int PublishP12(char const* pfx, unsigned long pfxLength, char const* pfxPsw, char const* keyPsw,
                bool sign, bool publicOnly) {
-    return Connected(
-        [&] { return Engine().PublishP12(pfx, pfxLength, pfxPsw, keyPsw, sign, publicOnly); });
+    return Connected([&] {
+        int const rc = Engine().PublishP12(pfx, pfxLength, pfxPsw, keyPsw, sign, publicOnly);
+        qor::ToCaller(Engine(), qor::Outcome::OfThread().dn);
+        return rc;
+    });
 }

@@ -30,6 +30,7 @@ char const* const kKnownKeys[] = {
     SECTION_LDAP_FAST_LOOKUP,
     SECTION_LDAP_ATOMIC_PUBLISH,
     SECTION_LDAP_REFUSE_WEAK_KEYS,
+    SECTION_LDAP_GB18030_DNS,
 };
 
 std::size_t const kMaxValue = 4096;

@@ -2,6 +2,9 @@
 // No private key in the clear may be released unwiped (operator delete[] below).
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <iconv.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -383,6 +386,91 @@ TEST_F(Server, RefusalsSayWhyAndCallsSayWhereTheyWent) {
     EXPECT_EQ("cn=" + unit + ", ou=" + unit + "," + dir_.Base(), outcome.dn);  // as the walk has it
     EXPECT_NE(nullptr, std::strstr(QorLdapCodeText(QORLDAP_E_PKCS12), "PKCS#12"));
     EXPECT_STREQ("Invalid credentials", QorLdapCodeText(49));
+}
+
+// With gb18030_dns, callers name entries in GB18030 and get GB18030 names back: a Chinese path
+// published from a UTF-8 subject is reached, listed and changed by its GB18030 DN through both
+// families. The free functions' engine takes its settings once, so that family runs in a child
+// process that names the setting before its first call.
+std::string Gb18030(std::string const& utf8) {
+    iconv_t cd = iconv_open("GB18030", "UTF-8");
+    std::string out(utf8.size() * 2 + 4, '\0');
+    char* in = const_cast<char*>(utf8.data());
+    char* to = &out[0];
+    std::size_t left = utf8.size(), room = out.size();
+    iconv(cd, &in, &left, &to, &room);
+    iconv_close(cd);
+    out.resize(out.size() - room);
+    return out;
+}
+
+TEST_F(Server, Gb18030NamesReachAndComeBackThroughBothFamilies) {
+    bool const child = std::getenv("QORLDAP_GB18030_CHILD") != nullptr;
+    if (!child) {
+        ASSERT_EQ(1, QorLdapSet("gb18030_dns", "yes"));  // the free engine exists already
+    }
+    std::string const unit = "\u9500\u552e" + std::to_string(child ? getppid() : getpid());
+    std::string const user = "\u5f20\u4f1f";
+    std::string const utf8 = "cn=" + user + ", ou=" + unit + ", " + dir_.Base();
+    std::string const gb = Gb18030(utf8);
+    if (!child) {
+        auto const bundle = qortest::CraftBundle({{"OU", unit}, {"CN", user}}, kP12Pw);
+        ASSERT_EQ(0, Publish(bundle.bundle, "key", true));
+        QorLdapOutcome outcome = {};
+        QorLdapLastOutcome(&outcome);
+        EXPECT_EQ(utf8, outcome.dn);  // the free engine was built without the key
+    }
+    unsigned char cert[] = {0x30, 0x03, 0x02, 0x01, 0x09};
+    auto read = [&](auto get) {
+        unsigned char* key = nullptr;
+        unsigned int length = 0;
+        int const rc = get(key, length);
+        std::string const value = key != nullptr ? std::string((char*)key, length) : "<none>";
+        FreeKey(key);
+        return std::to_string(rc) + ":" + value;
+    };
+    std::string const stored((char*)cert, sizeof cert);
+    if (child) {  // the free functions, with the key named before their first call
+        ASSERT_EQ(0, QorLdapSet("gb18030_dns", "yes"));
+        EXPECT_EQ("0:" + stored,
+                  read([&](auto& k, auto& n) { return GetSignPublicKey(gb.c_str(), k, n); }));
+        EXPECT_EQ(0, DeleteSignPrivateKey(gb.c_str()));
+        EXPECT_EQ(QORLDAP_E_OLD_PASSWORD, ModifyPriKeyPsw(Gb18030("cn=" + user).c_str(), "x", "y"));
+        QorLdapOutcome outcome = {};
+        QorLdapLastOutcome(&outcome);
+        EXPECT_EQ(Gb18030("cn=" + user + ", ou=" + unit + "," + dir_.Base()), outcome.dn);
+        return;
+    }
+    CLdap ldap;  // built after the setting: it speaks GB18030
+    EXPECT_EQ(0, ldap.ModifySignPublicKey(gb.c_str(), cert, sizeof cert));
+    EXPECT_EQ(Strings{stored}, dir_.Values(utf8, "signPubcer;binary"));
+    tagAtt att = {};
+    ASSERT_EQ(0, ldap.SelectLdap(gb.c_str(), att));
+    EXPECT_GT(att.itemCount, 0);
+    EXPECT_EQ(gb, att.dn);
+    ldap.FreeAtt(&att);
+    tagDN* list = nullptr;
+    int count = 0;
+    std::string const unitGb = Gb18030("ou=" + unit + ", " + dir_.Base());
+    ASSERT_EQ(0, ldap.SelectLdap(unitGb.c_str(), nullptr, list, count));
+    ASSERT_EQ(1, count);
+    EXPECT_EQ(Gb18030("cn=" + user + ",ou=" + unit + "," + dir_.Base()), Strings{list[0].dn}[0]);
+    EXPECT_EQ(unitGb, list[0].baseDn);
+    ldap.FreeDN(list, count);
+    // The same DN in UTF-8 is not GB18030 text for this engine: it names no entry.
+    EXPECT_NE(0, ldap.ModifySignPublicKey(utf8.c_str(), cert, sizeof cert));
+    ASSERT_EQ(1, QorLdapSet("gb18030_dns", nullptr));
+    // The free functions in a child that names the setting first.
+    setenv("QORLDAP_GB18030_CHILD", "1", 1);
+    char self[] = "/proc/self/exe";
+    std::string filter = "--gtest_filter=Server.Gb18030NamesReachAndComeBackThroughBothFamilies";
+    char* argv[] = {self, &filter[0], nullptr};
+    pid_t pid = 0;
+    ASSERT_EQ(0, posix_spawn(&pid, self, nullptr, nullptr, argv, environ));
+    unsetenv("QORLDAP_GB18030_CHILD");
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 }  // namespace
