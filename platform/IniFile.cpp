@@ -2,7 +2,7 @@
 
 #include <fstream>
 
-#include "platform/System.h"
+#include "platform/ConfigPath.h"
 #include "platform/Trim.h"
 
 // Names match without regard to ASCII letter case only.
@@ -13,7 +13,7 @@ IniFile IniFile::Load(std::string const& file) {
     if (file.empty()) {
         return ini;
     }
-    std::ifstream in(CSystem::ResolveConfigPath(file));
+    std::ifstream in(qor::ResolveConfigPath(file));
     if (!in) {
         return ini;
     }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "engine/LdapOp.h"
+#include "platform/CallerSettings.h"
 #include "platform/ChineseCode.h"
 #include "platform/System.h"
 #include "tests/support/TestFiles.h"
@@ -51,6 +52,17 @@ TEST(IniReader, FindsNamesBlindToCaseTheFirstOfTwoKeysAndTheSettings) {
         ConfDir conf(folder);
         Check({{dir.File("soap.ini"), CSystem::ResolveConfigPath("soap.ini")},
                {"./x/soap.ini", CSystem::ResolveConfigPath("./x/soap.ini")}});
+    }
+    // A folder the program names through the interface wins over the environment's, for the
+    // reader as for the path it reports.
+    {
+        ScratchDir named;
+        named.Write("soap.ini", "[ldap]\nhost=named\n");
+        ConfDir conf(dir.Path());
+        qor::SetCallerSetting("conf_dir", named.Path().c_str());
+        Check({{named.File("soap.ini"), CSystem::ResolveConfigPath("soap.ini")},
+               {"=named", Get("soap.ini", "ldap", "host")}});
+        qor::SetCallerSetting("conf_dir", nullptr);
     }
     // soap.ini's settings: cut to their fields, ports read as strtol reads them.
     ConfDir conf(dir.Path());
