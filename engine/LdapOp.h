@@ -19,6 +19,7 @@
 #include "qorldap/result_codes.h"
 
 class WipedBuffer;  // platform/WipedBuffer.h
+struct WholeEntry;  // engine/EntryRead.h
 
 // What the root check reads from the base entry. Nothing reads it back; texts are cut to fit.
 struct DepartementAtt {
@@ -191,6 +192,9 @@ class CLdapOp {
     int FindUser(char const* value, std::string& dn);
     // See the free function ModifyPriKeyPsw (qorldap/LdapIF.h).
     int ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw);
+    // Every user attribute of the entry at dn with every value, as octets (engine/EntryRead.cpp):
+    // 0, or the directory's code (32 when there is no such entry), or 0x16000010 for no dn.
+    int ReadEntry(char const* dn, WholeEntry& entry);
     // See the free function PublishP12 (qorldap/LdapIF.h).
     int PublishP12(char const* pfx, unsigned long pfxLength, char const* pfxPsw, char const* keyPsw,
                    bool sign, bool publicOnly);

@@ -6,6 +6,7 @@
 #include "qorldap/LdapIF.h"
 #include "qorldap/records.h"
 #include "qorldap/result_codes.h"
+#include "qorldap/Entry.h"
 #include "qorldap/Outcome.h"
 #include "qorldap/Settings.h"
 

@@ -46,6 +46,9 @@ struct QorLdapOutcome {
 };
 void QorLdapLastOutcome(QorLdapOutcome*);
 C QorLdapCodeText(int);
+struct QorLdapEntry;
+int QorLdapReadEntry(C, QorLdapEntry**);
+void QorLdapFreeEntry(QorLdapEntry*);
 }
 
 class CLdap {
@@ -116,6 +119,9 @@ int main() {
     QorLdapLastOutcome(&outcome);
     ok = ok && outcome.refusal == 0 && !std::strcmp(outcome.dn, "") &&
          std::strstr(QorLdapCodeText(0x16000014), "PKCS#12") != nullptr;
+    QorLdapEntry* entry = reinterpret_cast<QorLdapEntry*>(&count);
+    ok = ok && QorLdapReadEntry(dn, &entry) == 0x16000010 && entry == nullptr;
+    QorLdapFreeEntry(entry);
     FreeKey(key);
     ldap.FreeKey(key);
     ldap.FreeAtt(&att);

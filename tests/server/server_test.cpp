@@ -15,6 +15,7 @@
 #include <string>
 #include <tuple>
 
+#include "qorldap/Entry.h"
 #include "qorldap/Outcome.h"
 #include "qorldap/Settings.h"
 #include "qorldap/qorldap.h"
@@ -471,6 +472,36 @@ TEST_F(Server, Gb18030NamesReachAndComeBackThroughBothFamilies) {
     int status = 0;
     ASSERT_EQ(pid, waitpid(pid, &status, 0));
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+// An entry read whole gives every attribute with every value byte for byte, binary ones and
+// values holding zero bytes included, as ldapsearch reads them.
+TEST_F(Server, AnEntryIsReadWholeAsTheDirectoryHoldsIt) {
+    std::string const dn = User("Whole");
+    std::string const binary("\x30\x00\x01\xff\x0a", 5);
+    ASSERT_EQ(0, ldap_.ModifySignPublicKey(dn.c_str(), U(binary), binary.size()));
+    QorLdapEntry* entry = nullptr;
+    ASSERT_EQ(0, QorLdapReadEntry(dn.c_str(), &entry));
+    ASSERT_NE(nullptr, entry);
+    std::set<std::string> names;
+    for (int i = 0; i < entry->attributeCount; ++i) {
+        QorLdapAttribute const& a = entry->attributes[i];
+        Strings values;
+        for (int v = 0; v < a.valueCount; ++v)
+            values.emplace_back(reinterpret_cast<char const*>(a.values[v].bytes),
+                                a.values[v].length);
+        EXPECT_EQ(dir_.Values(dn, a.name), values) << a.name;
+        names.insert(a.name);
+    }
+    EXPECT_TRUE(names.count("signPubcer;binary") == 1 && names.count("cn") == 1 &&
+                names.count("objectClass") == 1)
+        << names.size();
+    QorLdapFreeEntry(entry);
+    EXPECT_EQ(32, QorLdapReadEntry(("cn=nobody," + unit_).c_str(), &entry));
+    EXPECT_EQ(nullptr, entry);
+    EXPECT_EQ(QORLDAP_E_FAILED, QorLdapReadEntry(nullptr, &entry));
+    EXPECT_EQ(QORLDAP_E_FAILED, QorLdapReadEntry(dn.c_str(), nullptr));
+    QorLdapFreeEntry(nullptr);
 }
 
 }  // namespace

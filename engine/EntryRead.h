@@ -1,0 +1,16 @@
+// An entry read whole: every user attribute with every value, as the directory holds them.
+#ifndef QORLDAP_ENGINE_ENTRYREAD_H
+#define QORLDAP_ENGINE_ENTRYREAD_H
+
+#include <string>
+#include <utility>
+#include <vector>
+
+struct WholeEntry {
+    std::string dn;  // as the directory returned it
+    // Each attribute's name as the directory returned it (with its options, such as
+    // "signPubcer;binary") and its values, byte for byte, in the directory's order.
+    std::vector<std::pair<std::string, std::vector<std::string>>> attributes;
+};
+
+#endif

@@ -1,0 +1,77 @@
+// The exported whole-entry read.
+#include "qorldap/Entry.h"
+
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "engine/EntryRead.h"
+#include "engine/LdapOp.h"
+#include "interface/CallerDn.h"
+#include "interface/ConnectThenRun.h"
+#include "interface/FreeEngine.h"
+
+namespace {
+
+// What the record's pointers point into.
+struct EntryData {
+    WholeEntry data;
+    std::vector<std::vector<QorLdapValue>> values;
+    std::vector<QorLdapAttribute> attributes;
+};
+
+// The block handed out: the record first, so that the caller's pointer is the block's address
+// (a standard-layout struct and its first member are interconvertible).
+struct HeldEntry {
+    QorLdapEntry record;
+    EntryData* rest;
+};
+static_assert(std::is_standard_layout<HeldEntry>::value, "the record must start the block");
+
+}  // namespace
+
+int QorLdapReadEntry(char const* dn, QorLdapEntry** entry) {
+    if (entry == nullptr) {
+        return QORLDAP_E_FAILED;
+    }
+    *entry = nullptr;
+    CLdapOp& engine = qor::FreeEngine();
+    std::unique_ptr<EntryData> rest(new EntryData());
+    int const rc = qor::ConnectThenRun(
+        engine, [&] { return engine.ConnectLdap(); }, qor::Recheck::kYes,
+        [&] { return engine.ReadEntry(qor::DirectoryDn(engine, dn).Get(), rest->data); });
+    if (rc != QORLDAP_OK) {
+        return rc;
+    }
+    qor::ToCaller(engine, rest->data.dn);
+    for (auto const& [name, values] : rest->data.attributes) {
+        std::vector<QorLdapValue> list;
+        for (std::string const& value : values) {
+            list.push_back({static_cast<unsigned int>(value.size()),
+                            reinterpret_cast<unsigned char const*>(value.data())});
+        }
+        rest->values.push_back(std::move(list));
+    }
+    for (std::size_t i = 0; i < rest->data.attributes.size(); ++i) {
+        rest->attributes.push_back({rest->data.attributes[i].first.c_str(),
+                                    static_cast<int>(rest->values[i].size()),
+                                    rest->values[i].data()});
+    }
+    HeldEntry* held = new HeldEntry();
+    held->record.dn = rest->data.dn.c_str();
+    held->record.attributeCount = static_cast<int>(rest->attributes.size());
+    held->record.attributes = rest->attributes.data();
+    held->rest = rest.release();
+    *entry = &held->record;
+    return QORLDAP_OK;
+}
+
+void QorLdapFreeEntry(QorLdapEntry* entry) {
+    if (entry == nullptr) {
+        return;
+    }
+    HeldEntry* held = reinterpret_cast<HeldEntry*>(entry);
+    delete held->rest;
+    delete held;
+}
