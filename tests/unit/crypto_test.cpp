@@ -223,6 +223,14 @@ TEST_F(Crypto, BoundsTheWorkAnInputAsksFor) {
         EXPECT_EQ(opens, Open(Bundle(safes, iter, macIter), kPw, cert, key)) << safes << macIter;
         EXPECT_EQ(opens ? Read("ec.der") : Bytes(), cert);
     }
+    // The bytes are bounded too, before any decoding: padded to the bound a bundle opens, one
+    // byte more and it is refused as over the bound.
+    Bytes padded = Read("ec.p12");
+    padded.resize(kMaxPfxBytes, 0);
+    EXPECT_TRUE(Open(padded, kPw, cert, key));
+    padded.push_back(0);
+    EXPECT_FALSE(Open(padded, kPw, cert, key));
+    EXPECT_EQ(static_cast<int>(BundleFault::kOverBound), static_cast<int>(LastBundleFault()));
 }
 
 }  // namespace
