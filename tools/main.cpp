@@ -1,31 +1,16 @@
 // qorldap: keys and certificates in an LDAP directory, from the command line. The settings the
-// library reads are chosen before any command runs (settings.cpp).
+// library reads are chosen before any command runs (session/settings.cpp).
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <new>
 
-#include "cli.h"
 #include "qorldap/LastResult.h"
+#include "tools/cli.h"
+#include "tools/session/session.h"
 
 namespace qortool {
-
-std::string Args::Value(std::string const& name, std::string const& fallback) const {
-    auto it = values.find(name);
-    return it == values.end() ? fallback : it->second;
-}
-
-std::vector<Command> const& Commands() {
-    static std::vector<Command> const all = [] {
-        std::vector<Command> list;
-        for (auto part : {KeyCommands(), EntryCommands(), ConfigCommands()}) {
-            list.insert(list.end(), part.begin(), part.end());
-        }
-        return list;
-    }();
-    return all;
-}
 
 namespace {
 
@@ -62,16 +47,11 @@ Command const* Find(std::string const& name) {
     return nullptr;
 }
 
-Option const kConf{"--conf", nullptr, true};
-Option const kTimeout{"--timeout", nullptr, true};
-Option const kHelp{"--help", "-h", false};
-Option const kVersion{"--version", nullptr, false};
-
 int Main(int argc, char** argv) {
     std::vector<std::string> const words(argv + 1, argv + argc);
     // Before the command only the global options; after it, those and the command's own.
     Args global;
-    size_t at = ReadOptions("", {kConf, kTimeout, kHelp, kVersion}, words, true, global);
+    size_t at = ReadOptions("", GlobalOptions(), words, true, global);
     if (global.Has("--version")) {
         std::fputs(kVersionText, stdout);
         return kExitOk;
@@ -98,9 +78,10 @@ int Main(int argc, char** argv) {
     if (command == nullptr)
         Usage("", "unknown command \"" + commandName + "\"");
     std::vector<Option> options = command->options;
-    options.push_back(kConf);
-    options.push_back(kTimeout);
-    options.push_back(kHelp);
+    for (Option const& o : GlobalOptions()) {
+        if (std::string(o.name) != "--version")
+            options.push_back(o);
+    }
     Args args;
     args.command = command->name;
     args.values = global.values;

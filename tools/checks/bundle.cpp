@@ -7,9 +7,10 @@
 
 #include <cstring>
 
+#include "tools/checks/bundle.h"
+
 #include "platform/Crypto.h"
 #include "platform/OsslPtr.h"
-#include "publish.h"
 
 namespace qortool {
 

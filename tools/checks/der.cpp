@@ -4,8 +4,8 @@
 #include <openssl/pkcs12.h>
 #include <openssl/x509.h>
 
-#include "cli.h"
 #include "platform/OsslPtr.h"
+#include "tools/checks/checks.h"
 
 namespace qortool {
 

@@ -3,8 +3,9 @@
 #include <cctype>
 #include <cstdio>
 
-#include "cli.h"
 #include "platform/Trim.h"
+#include "qorldap/records.h"
+#include "tools/checks/checks.h"
 
 namespace qortool {
 
@@ -130,6 +131,18 @@ std::string LibraryDn(std::string const& what, std::string const& dn) {
         out += qor::Folded(type) + "=" + value;
     }
     return out;
+}
+
+std::string CheckedDn(Args const& args) {
+    std::string const& given = args.positional[0];
+    if (given.empty())
+        Usage(args.command, "the DN is empty");
+    std::string const dn = LibraryDn(args.command, given);
+    if (dn.size() >= sizeof(tagAtt::dn)) {
+        Usage(args.command,
+              "the DN is longer than " + std::to_string(sizeof(tagAtt::dn) - 1) + " characters");
+    }
+    return dn;
 }
 
 std::string DnKey(std::string const& dn) {

@@ -2,9 +2,10 @@
 // templates from the top down; a template's naming attribute is its last "attr,code,2".
 #include <cstdlib>
 
-#include "cli.h"
 #include "platform/IniFile.h"
 #include "platform/Trim.h"
+#include "tools/checks/checks.h"
+#include "tools/session/session.h"
 
 namespace qortool {
 

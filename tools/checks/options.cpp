@@ -2,7 +2,7 @@
 // long names, "--" to end the options, options before and after the words they qualify.
 #include <getopt.h>
 
-#include "cli.h"
+#include "tools/cli.h"
 
 namespace qortool {
 

@@ -9,7 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "cli.h"
+#include "tools/checks/checks.h"
+#include "tools/output/output.h"
 
 namespace qortool {
 

@@ -6,8 +6,8 @@
 
 #include <new>
 
-#include "cli.h"
 #include "platform/OsslPtr.h"
+#include "tools/checks/checks.h"
 
 namespace qortool {
 

@@ -2,8 +2,8 @@
 // to the directory as UTF-8 again. The conversion is the library's own.
 #include <string>
 
-#include "cli.h"
 #include "platform/ChineseCode.h"
+#include "tools/checks/checks.h"
 
 namespace qortool {
 

@@ -3,11 +3,12 @@
 
 #include <cstdio>
 
-#include "cli.h"
 #include "engine/LinkOptions.h"
 #include "platform/IniFile.h"
 #include "platform/System.h"
 #include "qorldap/qorldap.h"
+#include "tools/commands/commands.h"
+#include "tools/session/session.h"
 
 namespace qortool {
 

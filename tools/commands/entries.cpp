@@ -6,11 +6,14 @@
 #include <cstring>
 #include <vector>
 
-#include "cli.h"
-#include "holders.h"
 #include "platform/Trim.h"
 #include "qorldap/LastResult.h"
 #include "qorldap/qorldap.h"
+#include "tools/checks/checks.h"
+#include "tools/commands/commands.h"
+#include "tools/session/hints.h"
+#include "tools/session/holders.h"
+#include "tools/session/session.h"
 
 namespace qortool {
 
@@ -19,28 +22,19 @@ namespace {
 // A listing's subtree never goes deeper than this; a loop in the data must not run forever.
 int const kMaxDepth = 32;
 
-}  // namespace
-
-std::string CheckedDn(Args const& args) {
-    std::string const& given = args.positional[0];
-    if (given.empty())
-        Usage(args.command, "the DN is empty");
-    std::string const dn = LibraryDn(args.command, given);
-    if (dn.size() >= sizeof(tagAtt::dn)) {
-        Usage(args.command,
-              "the DN is longer than " + std::to_string(sizeof(tagAtt::dn) - 1) + " characters");
-    }
-    return dn;
+// The words of the hints about dn.
+HintWords About(std::string const& dn) {
+    HintWords words;
+    words.dn = dn;
+    return words;
 }
+
+}  // namespace
 
 int Lookup(Args const& args, CLdap& ldap, std::string const& dn, Entry& entry) {
     int rc = ldap.SelectLdap(dn.c_str(), entry.att);
-    if (rc == QORLDAP_E_FAILED) {
-        FailCode(args.command, rc,
-                 "the entry cannot be read (is \"" + dn + "\" a DN such as ou=sales, o=root?)");
-    }
     if (rc != QORLDAP_OK)
-        FailCode(args.command, rc);
+        FailCode(args.command, rc, Hint(rc, Situation::kReadEntry, About(dn)));
     return entry.att.itemCount;
 }
 
@@ -49,11 +43,8 @@ namespace {
 void List(Args const& args, CLdap& ldap, std::string const& dn, int depth, bool recursive) {
     Children children(ldap);
     int rc = ldap.SelectLdap(dn.c_str(), "", children.list, children.count);
-    if (rc == QORLDAP_E_FAILED) {
-        FailCode(args.command, rc, "the search below " + dn + " failed (is there such an entry?)");
-    }
     if (rc != QORLDAP_OK)
-        FailCode(args.command, rc);
+        FailCode(args.command, rc, Hint(rc, Situation::kList, About(dn)));
     for (int i = 0; i < children.count; ++i) {
         std::string const child = children.list[i].dn;
         if (child.empty())
@@ -159,43 +150,22 @@ int RunAdd(Args const& args) {
         // The directory's own reason names the case; the library's code alone does not.
         QorLdapResult last = {};
         QorLdapLastResult(&last);
-        if (last.code == 68)
-            Fail(args.command,
-                 CodeText(rc) + " the directory refused the entry: " + dn + " exists already");
-        if (last.code == 32) {
-            std::string const parent = dn.find(',') == std::string::npos
-                                           ? std::string()
-                                           : qor::Trim(dn.substr(dn.find(',') + 1));
-            Fail(args.command, CodeText(rc) + " the directory refused the entry: its parent " +
-                                   parent + " does not exist");
-        }
-        std::string const cause = DirectoryCause();
-        if (!cause.empty())
-            Fail(args.command, CodeText(rc) + " the directory refused the entry: " + cause);
-        FailCode(args.command, rc,
-                 "the directory refused the entry (check the class and the attributes against "
-                 "the directory's schema)");
+        HintWords words = About(dn);
+        words.parent = dn.find(',') == std::string::npos ? std::string()
+                                                         : qor::Trim(dn.substr(dn.find(',') + 1));
+        words.cause = DirectoryCause();
+        if (last.code != 0)
+            Fail(args.command, CodeText(rc) + " " + Hint(last.code, Situation::kAddRefused, words));
     }
     if (rc != QORLDAP_OK)
-        FailCode(args.command, rc);
+        FailCode(args.command, rc, Hint(rc, Situation::kAddEntry));
     std::printf("added %s\n", dn.c_str());
     return kExitOk;
 }
 
-// Meanings with the entry named, for the directory's codes of modify and delete.
+// The directory's codes of modify and delete, with the entry named.
 [[noreturn]] void FailChange(Args const& args, int rc, std::string const& dn) {
-    if (rc == 32)
-        FailCode(args.command, rc, "no such object: there is no entry " + dn);
-    if (rc == 66) {
-        FailCode(args.command, rc,
-                 "not allowed on non-leaf (" + dn + " has entries below it; delete those first)");
-    }
-    if (rc == 65) {
-        FailCode(args.command, rc,
-                 "object class violation (the class does not allow an attribute, or lacks one "
-                 "it requires)");
-    }
-    FailCode(args.command, rc);
+    FailCode(args.command, rc, Hint(rc, Situation::kChangeEntry, About(dn)));
 }
 
 int RunModify(Args const& args) {

@@ -3,10 +3,14 @@
 #include <cstdio>
 #include <cstring>
 
-#include "cli.h"
-#include "holders.h"
 #include "platform/Crypto.h"
 #include "qorldap/qorldap.h"
+#include "tools/checks/checks.h"
+#include "tools/commands/commands.h"
+#include "tools/output/output.h"
+#include "tools/session/hints.h"
+#include "tools/session/holders.h"
+#include "tools/session/session.h"
 
 namespace qortool {
 
@@ -19,43 +23,28 @@ char const* Pair(Args const& args) {
     return args.Has("--crypt") ? "encryption" : "signing";
 }
 
-std::string NameHint(std::string const& dn) {
-    std::string hint = MissingTemplatesHint();
-    if (!hint.empty())
-        return "the library refused the name: " + hint;
-    return "the library refused the name \"" + dn +
-           "\": a user's DN starts with cn= (such as cn=li lei, ou=sales, o=root)";
-}
-
 // The stored value, empty when the entry holds none.
 std::string ReadKey(Args const& args, CLdap& ldap, KeyGet get, std::string const& dn) {
     KeyBuffer key(ldap);
     int rc = (ldap.*get)(dn.c_str(), key.data, key.length);
-    if (rc == QORLDAP_E_FAILED) {
-        FailCode(args.command, rc, NameHint(dn));
-    }
-    if (rc == QORLDAP_E_KEY_SEARCH) {
-        FailCode(args.command, rc, "the key search failed (is there an entry " + dn + "?)");
-    }
     if (rc != QORLDAP_OK) {
-        FailCode(args.command, rc);
+        HintWords words;
+        words.dn = dn;
+        words.cause = rc == QORLDAP_E_FAILED ? MissingTemplatesHint() : "";
+        FailCode(args.command, rc,
+                 Hint(rc, words.cause.empty() ? Situation::kReadKey : Situation::kReadKeyTemplates,
+                      words));
     }
     if (key.data == nullptr || key.length == 0)
         return "";
     return std::string(reinterpret_cast<char const*>(key.data), key.length);
 }
 
-// Meanings with the entry named, for the directory's codes of writes.
+// The directory's codes of writes, with the entry named.
 [[noreturn]] void FailWrite(Args const& args, int rc, std::string const& dn) {
-    if (rc == 32)
-        FailCode(args.command, rc, "no such object: there is no entry " + dn);
-    if (rc == 65) {
-        FailCode(args.command, rc,
-                 "object class violation (the class of " + dn +
-                     " does not allow this attribute; qorldap-prepare gives an entry the "
-                     "auxiliary class qorKeyHolder)");
-    }
-    FailCode(args.command, rc);
+    HintWords words;
+    words.dn = dn;
+    FailCode(args.command, rc, Hint(rc, Situation::kWriteKey, words));
 }
 
 // The file as DER; a PEM file is decoded and label receives its block's label.

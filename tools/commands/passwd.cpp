@@ -5,11 +5,14 @@
 
 #include <cstdio>
 
-#include "cli.h"
 #include "engine/LinkOptions.h"
-#include "holders.h"
 #include "platform/IniFile.h"
 #include "qorldap/qorldap.h"
+#include "tools/checks/checks.h"
+#include "tools/commands/commands.h"
+#include "tools/session/hints.h"
+#include "tools/session/holders.h"
+#include "tools/session/session.h"
 
 namespace qortool {
 
@@ -50,9 +53,10 @@ int RunPasswd(Args const& args) {
     std::string const name = LibraryDn(args.command, args.positional[0]);
     std::vector<std::string> const parts = DnParts(name);
     std::string const first = parts[0].substr(parts[0].find_first_not_of(" \t"));
-    if (first.compare(0, 3, "cn=") != 0) {
-        FailCode(args.command, QORLDAP_E_FAILED, "the name must start with cn=, such as cn=li lei");
-    }
+    if (first.compare(0, 3, "cn=") != 0)
+        FailCode(args.command, QORLDAP_E_FAILED, Hint(QORLDAP_E_FAILED, Situation::kPasswdName));
+    HintWords words;
+    words.name = first;
     CLdap ldap;
     Connect(ldap);
     LdapInfo info;
@@ -72,9 +76,10 @@ int RunPasswd(Args const& args) {
         dn = parts.size() > 1 ? name : "the one user named " + first;
     } else if (levels.empty() || strcasecmp(levels.back().c_str(), "cn") != 0 ||
                !Walk(ldap, info.basedn, 0, levels.size(), levels.back(), first.substr(3), dn)) {
-        std::string hint = MissingTemplatesHint();
+        std::string const hint = MissingTemplatesHint();
+        words.dn = info.basedn;
         FailCode(args.command, QORLDAP_E_FAILED,
-                 hint.empty() ? "no user " + first + " found below " + info.basedn : hint);
+                 hint.empty() ? Hint(QORLDAP_E_FAILED, Situation::kFindUser, words) : hint);
     }
     if (parts.size() > 1 && DnKey(dn) != DnKey(name)) {
         Fail(args.command, "the library finds users by their cn alone, and " + first +
@@ -88,34 +93,22 @@ int RunPasswd(Args const& args) {
     if (rc == QORLDAP_E_OLD_PASSWORD) {
         // Which of the two: the encryption key is changed first and not changed back. With
         // fast_lookup and a bare name the tool knows no DN to look at.
-        if (link.fastLookup && parts.size() == 1) {
-            FailCode(args.command, rc,
-                     "the old password does not open a stored private key of the user named " +
-                         first + ", or the user lacks one (give the full DN to be told which)");
-        }
+        if (link.fastLookup && parts.size() == 1)
+            FailCode(args.command, rc, Hint(rc, Situation::kFindUserFast, words));
         std::string const who = link.fastLookup ? name : dn;
         KeyBuffer crypt(ldap), sign(ldap);
         ldap.GetCryptPrivateKey(who.c_str(), crypt.data, crypt.length);
         ldap.GetSignPrivateKey(who.c_str(), sign.data, sign.length);
-        std::string state;
-        if (crypt.length == 0) {
-            state = "the user holds no encryption private key; nothing was changed";
-        } else if (OpensWith(crypt.data, crypt.length, newPassword)) {
-            state = std::string(
-                        "the encryption key is now under the new password; the signing "
-                        "key ") +
-                    (sign.length == 0 ? "is missing"
-                                      : "did not open with the old one and is as it was");
-        } else {
-            state = "the old password does not open the encryption key; nothing was changed";
-        }
-        FailCode(args.command, rc, dn + ": " + state);
+        Situation const state = crypt.length == 0 ? Situation::kPasswdNoCryptKey
+                                : !OpensWith(crypt.data, crypt.length, newPassword)
+                                    ? Situation::kPasswdUnchanged
+                                : sign.length == 0 ? Situation::kPasswdCryptNoSign
+                                                   : Situation::kPasswdCryptOnly;
+        words.dn = dn;
+        FailCode(args.command, rc, Hint(rc, state, words));
     }
-    if (rc == QORLDAP_E_FAILED && link.fastLookup) {
-        FailCode(args.command, rc,
-                 "fast_lookup finds no single user named " + first +
-                     " (none, or more than one: give the keys' owner a name of its own)");
-    }
+    if (rc == QORLDAP_E_FAILED && link.fastLookup)
+        FailCode(args.command, rc, Hint(rc, Situation::kFindUserFast, words));
     if (rc != QORLDAP_OK)
         FailCode(args.command, rc);
     std::printf("changed the password of the private keys of %s\n", dn.c_str());

@@ -2,10 +2,16 @@
 #include <cstdio>
 #include <memory>
 
-#include "platform/Trim.h"
-#include "publish.h"
+#include "tools/commands/publish.h"
+
 #include "qorldap/LastResult.h"
 #include "qorldap/qorldap.h"
+#include "tools/checks/bundle.h"
+#include "tools/checks/checks.h"
+#include "tools/commands/commands.h"
+#include "tools/output/output.h"
+#include "tools/session/hints.h"
+#include "tools/session/session.h"
 
 namespace qortool {
 
@@ -154,17 +160,16 @@ std::string PublishBundle(PublishSetup const& setup, std::string const& path,
     };
     int rc = publish();
     // Another bundle of the run may have made the same level a moment before.
-    if (rc == QORLDAP_E_FAILED && LastDirectoryCode() == 68)
+    if (rc == QORLDAP_E_FAILED && LastDirectoryCode() == kAlreadyExists)
         rc = publish();
     if (rc == QORLDAP_E_FAILED) {
         // When the directory refused a level, its own answer says why (a class that needs more
         // than the naming attribute: "object class 'inetOrgPerson' requires attribute 'sn'").
         std::string hint = MissingTemplatesHint();
         if (hint.empty() && DirectoryCause().empty())
-            hint = "is the DN longer than 255 characters?";
+            hint = Hint(rc, Situation::kPublishNoCause);
         FailCode("publish", rc,
-                 "the entries that the certificate's subject names could not be made" +
-                     (hint.empty() ? std::string() : " (" + hint + ")"));
+                 Hint(rc, Situation::kPublish) + (hint.empty() ? "" : " (" + hint + ")"));
     }
     // The entry the library composed from the subject, as it wrote it.
     QorLdapOutcome outcome = {};
@@ -174,14 +179,11 @@ std::string PublishBundle(PublishSetup const& setup, std::string const& path,
         FailCode("publish", rc,
                  std::string(outcome.reason) +
                      (dn.empty() ? "; nothing was written" : "; no key was written to " + dn));
-    if (rc == 65) {
-        FailCode("publish", rc,
-                 "object class violation (" + (dn.empty() ? "the entry the subject names" : dn) +
-                     " does not allow keys; qorldap-prepare gives an entry the auxiliary class "
-                     "qorKeyHolder)");
+    if (rc != QORLDAP_OK) {
+        HintWords words;
+        words.dn = dn.empty() ? "the entry the subject names" : dn;
+        FailCode("publish", rc, Hint(rc, Situation::kPublish, words));
     }
-    if (rc != QORLDAP_OK)
-        FailCode("publish", rc);
     return dn;
 }
 

@@ -11,8 +11,9 @@
 #include <thread>
 
 #include "platform/Trim.h"
-#include "progress.h"
-#include "publish.h"
+#include "tools/commands/publish.h"
+#include "tools/output/output.h"
+#include "tools/output/progress.h"
 
 namespace qortool {
 

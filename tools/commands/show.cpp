@@ -3,10 +3,13 @@
 
 #include <cstdio>
 
-#include "cli.h"
-#include "entry_view.h"
-#include "holders.h"
 #include "platform/Trim.h"
+#include "tools/checks/checks.h"
+#include "tools/commands/commands.h"
+#include "tools/output/entry_view.h"
+#include "tools/output/output.h"
+#include "tools/session/holders.h"
+#include "tools/session/session.h"
 
 namespace qortool {
 

@@ -6,9 +6,12 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "cli.h"
-#include "entry_view.h"
-#include "holders.h"
+#include "tools/checks/checks.h"
+#include "tools/commands/commands.h"
+#include "tools/output/entry_view.h"
+#include "tools/session/hints.h"
+#include "tools/session/holders.h"
+#include "tools/session/session.h"
 
 namespace qortool {
 
@@ -53,7 +56,9 @@ void Draw(Args const& args, CLdap& ldap, Glyphs const& g, std::string const& dn,
     Children children(ldap);
     int rc = ldap.SelectLdap(dn.c_str(), "", children.list, children.count);
     if (rc != QORLDAP_OK) {
-        FailCode(args.command, rc, "the search below " + dn + " failed (is there such an entry?)");
+        HintWords words;
+        words.dn = dn;
+        FailCode(args.command, rc, Hint(rc, Situation::kList, words));
     }
     std::vector<std::string> names;
     for (int i = 0; i < children.count; ++i) {

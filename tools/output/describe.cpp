@@ -9,8 +9,9 @@
 
 #include <ctime>
 
-#include "cli.h"
 #include "platform/OsslPtr.h"
+#include "tools/checks/checks.h"
+#include "tools/output/output.h"
 
 namespace qortool {
 

@@ -1,15 +1,19 @@
 // An entry written as LDIF or as JSON.
 #include <cstdio>
 
-#include "cli.h"
-#include "entry_view.h"
+#include "tools/checks/checks.h"
+#include "tools/output/entry_view.h"
+#include "tools/output/output.h"
 
 namespace qortool {
 
 namespace {
 
-// RFC 2849's SAFE-STRING, as ldapsearch judges it.
-bool SafeText(std::string const& value) {
+size_t const kLdifWidth = 78;
+
+}  // namespace
+
+bool LdifSafe(std::string const& value) {
     if (!value.empty() &&
         (value[0] == ' ' || value[0] == ':' || value[0] == '<' || value.back() == ' ')) {
         return false;
@@ -22,17 +26,16 @@ bool SafeText(std::string const& value) {
     return true;
 }
 
-size_t const kLdifWidth = 78;
-
-void LdifLine(std::string& out, std::string const& name, std::string const& value) {
+std::string LdifLine(std::string const& name, std::string const& value) {
     std::string const line =
-        SafeText(value) ? name + ": " + value : name + ":: " + Base64Encode(value);
-    out += line.substr(0, kLdifWidth) + "\n";
+        LdifSafe(value) ? name + ": " + value : name + ":: " + Base64Encode(value);
+    std::string out = line.substr(0, kLdifWidth) + "\n";
     for (size_t at = kLdifWidth; at < line.size(); at += kLdifWidth - 1)
         out += " " + line.substr(at, kLdifWidth - 1) + "\n";
+    return out;
 }
 
-std::string Quoted(std::string const& text) {
+std::string JsonString(std::string const& text) {
     std::string out = "\"";
     for (char c : text) {
         auto const byte = static_cast<unsigned char>(c);
@@ -50,8 +53,7 @@ std::string Quoted(std::string const& text) {
     return out + "\"";
 }
 
-// Well-formed UTF-8 without control characters.
-bool Utf8Text(std::string const& value) {
+bool JsonText(std::string const& value) {
     for (size_t i = 0; i < value.size();) {
         auto const lead = static_cast<unsigned char>(value[i]);
         size_t const more = lead < 0x80                   ? 0
@@ -71,18 +73,16 @@ bool Utf8Text(std::string const& value) {
 }
 
 std::string JsonValue(std::string const& name, std::string const& value) {
-    bool const binary = name.find(";binary") != std::string::npos || !Utf8Text(value);
-    return binary ? "{\"base64\": " + Quoted(Base64Encode(value)) + "}" : Quoted(value);
+    bool const binary = name.find(";binary") != std::string::npos || !JsonText(value);
+    return binary ? "{\"base64\": " + JsonString(Base64Encode(value)) + "}" : JsonString(value);
 }
-
-}  // namespace
 
 std::string Ldif(EntryView const& entry) {
     std::string out;
-    LdifLine(out, "dn", entry.dn);
+    out += LdifLine("dn", entry.dn);
     for (ShownAttribute const& a : entry.attributes) {
         for (std::string const& value : a.values)
-            LdifLine(out, a.name, value);
+            out += LdifLine(a.name, value);
     }
     for (ShownAttribute const& a : entry.attributes) {
         if (!a.known)
@@ -102,10 +102,10 @@ std::string Ldif(EntryView const& entry) {
 }
 
 std::string Json(EntryView const& entry) {
-    std::string out = "{\n  \"dn\": " + Quoted(entry.dn) + ",\n  \"attributes\": {";
+    std::string out = "{\n  \"dn\": " + JsonString(entry.dn) + ",\n  \"attributes\": {";
     char const* comma = "";
     for (ShownAttribute const& a : entry.attributes) {
-        out += std::string(comma) + "\n    " + Quoted(a.name) + ": ";
+        out += std::string(comma) + "\n    " + JsonString(a.name) + ": ";
         comma = ",";
         if (!a.known) {
             out += "null";
@@ -119,11 +119,11 @@ std::string Json(EntryView const& entry) {
     out += std::string(entry.attributes.empty() ? "" : "\n  ") + "},\n  \"keys\": [";
     comma = "";
     for (ShownKey const& k : entry.keys) {
-        out += std::string(comma) + "\n    {\"attribute\": " + Quoted(k.attribute) +
-               ", \"role\": " + Quoted(k.role) + ", \"bytes\": " + std::to_string(k.der.size());
+        out += std::string(comma) + "\n    {\"attribute\": " + JsonString(k.attribute) +
+               ", \"role\": " + JsonString(k.role) + ", \"bytes\": " + std::to_string(k.der.size());
         comma = ",";
         for (Field const& f : Describe(k.der))
-            out += ", " + Quoted(f.name) + ": " + Quoted(f.value);
+            out += ", " + JsonString(f.name) + ": " + JsonString(f.value);
         out += "}";
     }
     return out + std::string(entry.keys.empty() ? "" : "\n  ") + "]\n}\n";

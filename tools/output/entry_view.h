@@ -1,12 +1,10 @@
 // An entry as show prints it: what the library hands out about it, gathered once and written
 // as text, LDIF or JSON.
-#ifndef QORLDAP_TOOLS_ENTRY_VIEW_H
-#define QORLDAP_TOOLS_ENTRY_VIEW_H
+#ifndef QORLDAP_TOOLS_OUTPUT_ENTRY_VIEW_H
+#define QORLDAP_TOOLS_OUTPUT_ENTRY_VIEW_H
 
 #include <string>
 #include <vector>
-
-class CLdap;
 
 namespace qortool {
 
@@ -30,11 +28,6 @@ struct EntryView {
     std::vector<ShownKey> keys;              // those the entry holds
 };
 
-// The certificates and keys of the user dn, in the order signing certificate, signing key,
-// encryption certificate, encryption key; false when dn is not a user's, whose keys the
-// library does not read.
-bool ReadKeys(CLdap& ldap, std::string const& dn, std::vector<ShownKey>& keys);
-
 // As ldapsearch -LLL writes an entry: "::" and base64 for a value that is not safe text, lines
 // folded at 78 characters. Attributes whose values are not known, and the summary of each key,
 // follow as comments.
@@ -42,6 +35,23 @@ std::string Ldif(EntryView const& entry);
 // One JSON object: dn, attributes (name to a list of values: text as a string, other values
 // as {"base64": "..."}; null when only the name is known) and keys (the summary of each).
 std::string Json(EntryView const& entry);
+
+// The pieces of both (entry_format.cpp).
+
+// Whether value goes into LDIF as it is (RFC 2849's SAFE-STRING, as ldapsearch judges it): no
+// byte outside 0x20-0x7E, no blank at either end, no ":" or "<" first.
+bool LdifSafe(std::string const& value);
+// "name: value", or "name:: base64" when the value is not safe, folded as ldapsearch folds:
+// 78 characters a line, each further line a blank and 77 more. Every line ends with "\n".
+std::string LdifLine(std::string const& name, std::string const& value);
+// text as a JSON string, quotes included: " and \ escaped, control characters as \u00XX, the
+// other bytes as they are.
+std::string JsonString(std::string const& text);
+// Whether value is well-formed UTF-8 without control characters: JSON shows it as text.
+bool JsonText(std::string const& value);
+// A value of the attribute name in JSON: a string, or {"base64": "..."} for a ;binary
+// attribute or a value that is not JsonText.
+std::string JsonValue(std::string const& name, std::string const& value);
 
 }  // namespace qortool
 

@@ -6,7 +6,8 @@
 
 #include <cstring>
 
-#include "cli.h"
+#include "tools/cli.h"
+#include "tools/output/output.h"
 
 namespace qortool {
 

@@ -1,5 +1,5 @@
 // A progress bar, or progress lines: done/total, the rate and the time left.
-#include "progress.h"
+#include "tools/output/progress.h"
 
 #include <unistd.h>
 

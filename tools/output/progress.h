@@ -1,7 +1,7 @@
 // Progress of a long run on standard error: a bar redrawn in place on a terminal, otherwise a
 // plain line now and then. Safe to use from several threads.
-#ifndef QORLDAP_TOOLS_PROGRESS_H
-#define QORLDAP_TOOLS_PROGRESS_H
+#ifndef QORLDAP_TOOLS_OUTPUT_PROGRESS_H
+#define QORLDAP_TOOLS_OUTPUT_PROGRESS_H
 
 #include <chrono>
 #include <cstddef>

@@ -1,9 +1,9 @@
 // Result codes in words, and the one-line failure messages.
 #include <cstdio>
 
-#include "cli.h"
 #include "qorldap/LastResult.h"
 #include "qorldap/result_codes.h"
+#include "tools/cli.h"
 
 namespace qortool {
 

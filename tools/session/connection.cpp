@@ -11,13 +11,15 @@
 #include <functional>
 #include <sstream>
 
-#include "cli.h"
 #include "engine/LinkOptions.h"
 #include "platform/IniFile.h"
 #include "platform/System.h"
 #include "platform/Trim.h"
 #include "qorldap/LastResult.h"
 #include "qorldap/qorldap.h"
+#include "tools/checks/checks.h"
+#include "tools/session/hints.h"
+#include "tools/session/session.h"
 
 namespace qortool {
 
@@ -39,12 +41,12 @@ bool FileReadable(std::string const& path) {
 }
 
 std::string MissingTemplatesHint() {
-    std::string const path = ConfigPath("ldap.ini");
-    if (!FileReadable(path))
-        return "no ldap.ini at " + path + "; use --conf DIR or set QORLDAP_CONF_DIR";
+    HintWords words;
+    words.path = ConfigPath("ldap.ini");
+    if (!FileReadable(words.path))
+        return Hint(QORLDAP_E_FAILED, Situation::kTemplatesMissing, words);
     if (Levels().empty())
-        return "ldap.ini at " + path + " does not read (a level or a key is missing), so the " +
-               "library has no templates";
+        return Hint(QORLDAP_E_FAILED, Situation::kTemplatesUnread, words);
     return "";
 }
 
@@ -136,57 +138,41 @@ std::string NothingAnswers(std::string const& hosts, int port, LinkOptions const
 }  // namespace
 
 void FailConnect(int code, std::string const& host, int port, std::string const& basedn) {
-    std::string const soap = ConfigPath("soap.ini");
-    if (code == QORLDAP_E_FAILED) {
-        if (!FileReadable(soap)) {
-            FailCode("connect", code,
-                     "cannot connect to the directory (no soap.ini at " + soap +
-                         "; use --conf DIR or set QORLDAP_CONF_DIR)");
-        }
-        LinkOptions link;
-        link.Read(IniFile::Load(soap), "ldap");
-        if (!link.Valid()) {
-            FailCode("connect", code,
-                     "no connection attempted: " + link.fault + " in " + soap +
-                         " is not a spelling the library knows (see qorldap config --help)");
-        }
-        QorLdapResult last = {};
-        QorLdapLastResult(&last);
-        // libldap says the same (-1, -11) for a port where nothing listens and for a TLS
-        // handshake that failed; a TCP connection of our own tells them apart.
-        std::string const refused =
-            last.code == LDAP_SERVER_DOWN_CODE || last.code == LDAP_CONNECT_ERROR_CODE
-                ? NothingAnswers(host, port, link)
-                : "";
-        if (!refused.empty()) {
-            FailCode("connect", code,
-                     "cannot connect to the directory: nothing answers at " + refused +
-                         " (the connection is refused; check host and port in " + soap + ")");
-        }
-        std::string where = host.empty() ? "" : " at " + host + " port " + std::to_string(port);
-        std::string const who =
-            (link.bindDn.empty() ? "managerdn" : "bind_dn") +
-            std::string(link.bindPassword.empty() ? " and psw" : " and bind_password");
-        bool const tls =
-            link.tls != LinkOptions::Tls::kNone || host.find("ldaps://") != std::string::npos;
-        if (tls && (last.code == LDAP_CONNECT_ERROR_CODE || last.code == LDAP_SERVER_DOWN_CODE ||
-                    std::string(last.operation) == "starttls")) {
-            FailCode("connect", code,
-                     "cannot set up TLS with the directory" + where +
-                         " (check tls_cacert and that the server's certificate names the host "
-                         "as written in " +
-                         soap + ")");
-        }
-        FailCode("connect", code,
-                 "cannot connect to the directory" + where + " (check host, port, " + who + " in " +
-                     soap + ")");
+    HintWords words;
+    words.soap = ConfigPath("soap.ini");
+    words.dn = basedn;
+    if (code != QORLDAP_E_FAILED)
+        FailCode("connect", code, Hint(code, Situation::kConnect, words));
+    if (!FileReadable(words.soap))
+        FailCode("connect", code, Hint(code, Situation::kConnectNoSettings, words));
+    LinkOptions link;
+    link.Read(IniFile::Load(words.soap), "ldap");
+    if (!link.Valid()) {
+        words.fault = link.fault;
+        FailCode("connect", code, Hint(code, Situation::kConnectBadLink, words));
     }
-    if (code == QORLDAP_E_ROOT) {
-        FailCode("connect", code,
-                 "the base entry " + basedn +
-                     " is missing and cannot be created (check basedn in " + soap + ")");
+    QorLdapResult last = {};
+    QorLdapLastResult(&last);
+    // For the codes that may mean a port where nothing listens, a TCP connection of the tool's
+    // own tells that apart from a TLS handshake that failed.
+    if (HasHint(last.code, Situation::kConnectRefused)) {
+        words.hosts = NothingAnswers(host, port, link);
+        if (!words.hosts.empty())
+            FailCode("connect", code, Hint(last.code, Situation::kConnectRefused, words));
     }
-    FailCode("connect", code);
+    words.where = host.empty() ? "" : " at " + host + " port " + std::to_string(port);
+    words.who = (link.bindDn.empty() ? "managerdn" : "bind_dn") +
+                std::string(link.bindPassword.empty() ? " and psw" : " and bind_password");
+    bool const tls =
+        link.tls != LinkOptions::Tls::kNone || host.find("ldaps://") != std::string::npos;
+    if (tls) {
+        bool const startTls = std::string(last.operation) == "starttls";
+        std::string const hint =
+            Hint(last.code, startTls ? Situation::kStartTls : Situation::kConnectTls, words);
+        if (!hint.empty())
+            FailCode("connect", code, hint);
+    }
+    FailCode("connect", code, Hint(code, Situation::kConnect, words));
 }
 
 void RefuseCutSettings() {
@@ -228,8 +214,7 @@ int ConnectWithFailover(std::function<int()> const& connect) {
     for (int i = 0; rc == QORLDAP_E_FAILED && link.reconnect && i < extra; ++i) {
         QorLdapResult last = {};
         QorLdapLastResult(&last);
-        if (last.code != LDAP_SERVER_DOWN_CODE && last.code != LDAP_TIMEOUT_CODE &&
-            last.code != LDAP_CONNECT_ERROR_CODE)
+        if (!Unreachable(last.code))
             break;
         rc = connect();
     }

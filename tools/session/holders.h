@@ -1,6 +1,6 @@
 // Owners for what the library hands out: each releases it through the CLdap that made it.
-#ifndef QORLDAP_TOOLS_HOLDERS_H
-#define QORLDAP_TOOLS_HOLDERS_H
+#ifndef QORLDAP_TOOLS_SESSION_HOLDERS_H
+#define QORLDAP_TOOLS_SESSION_HOLDERS_H
 
 #include <cstring>
 #include <string>
@@ -55,10 +55,6 @@ class Children {
   private:
     CLdap& ldap_;
 };
-
-struct Args;
-// Selects the entry dn into entry: 0 when it is missing, else its number of attributes.
-int Lookup(Args const& args, CLdap& ldap, std::string const& dn, Entry& entry);
 
 }  // namespace qortool
 

@@ -14,10 +14,10 @@
 #include <cstring>
 #include <string>
 
-#include "cli.h"
 #include "platform/IniFile.h"
 #include "platform/Trim.h"
 #include "qorldap/Settings.h"
+#include "tools/session/session.h"
 
 namespace qortool {
 
