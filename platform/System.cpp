@@ -1,29 +1,23 @@
+// CSystem's documented names, each passed on to the file that does the job; see platform/System.h.
 #include "platform/System.h"
 
 #include "platform/ConfigPath.h"
+#include "platform/DynamicLibrary.h"
 #include "platform/IniFile.h"
 
-#include <dlfcn.h>
-
 void* CSystem::LoadLib(char const* file) {
-    if (file == nullptr || file[0] == '\0') {
-        return nullptr;
-    }
-    return dlopen(file, RTLD_NOW | RTLD_LOCAL);
+    return qor::OpenLibrary(file);
 }
 
 void* CSystem::GetProcAddr(void* handle, char const* name) {
-    if (handle == nullptr || name == nullptr) {
-        return nullptr;
-    }
-    return dlsym(handle, name);
-}
-
-std::string CSystem::ResolveConfigPath(std::string const& file) {
-    return qor::ResolveConfigPath(file);
+    return qor::LibraryFunction(handle, name);
 }
 
 bool CSystem::GetProfileStrValue(std::string const& section, std::string const& key,
                                  std::string const& file, std::string& value) {
     return IniFile::Load(file).Get(section, key, value);
+}
+
+std::string CSystem::ResolveConfigPath(std::string const& file) {
+    return qor::ResolveConfigPath(file);
 }

@@ -1,4 +1,9 @@
-// Dynamic loading and INI reading.
+// CSystem: the platform's calls under the names the platform interface documents. Each passes
+// straight on to the file that does the job, which is where to read (and change) it:
+//   LoadLib, GetProcAddr   platform/DynamicLibrary.h  (dlopen, dlsym)
+//   GetProfileStrValue     platform/IniFile.h         (the INI reading rules)
+//   ResolveConfigPath      platform/ConfigPath.h      (where soap.ini and ldap.ini are looked for)
+// Nothing below depends on this file, so it can include them all without a cycle.
 #ifndef QORLDAP_PLATFORM_SYSTEM_H
 #define QORLDAP_PLATFORM_SYSTEM_H
 
