@@ -109,11 +109,10 @@ bool CLdapOp::GetChild(char const* base, char const* filter, tagDN*& list, int& 
         return false;
     }
     // The list holds names only: with fast_lookup the listing asks for no attributes.
-    char noAttributes[] = LDAP_NO_ATTRS;
-    char* namesOnly[] = {noAttributes, nullptr};
+    NoAttributes namesOnly;
     SearchResult result(binding_, Handle());
-    if (Search(base, LDAP_SCOPE_ONELEVEL, filter, result, link_.fastLookup ? namesOnly : nullptr) !=
-        0) {
+    if (Search(base, LDAP_SCOPE_ONELEVEL, filter, result,
+               link_.fastLookup ? namesOnly.List() : nullptr) != 0) {
         return false;
     }
     if (result.Chain() == nullptr) {

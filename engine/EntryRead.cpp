@@ -3,6 +3,7 @@
 // come out exactly as stored.
 #include "engine/EntryRead.h"
 
+#include "engine/Constants.h"
 #include "engine/LdapOp.h"
 #include "engine/SearchResult.h"
 
@@ -12,7 +13,7 @@ int CLdapOp::ReadEntry(char const* dn, WholeEntry& entry) {
         return QORLDAP_E_FAILED;
     }
     SearchResult result(binding_, Handle());
-    int const rc = Search(dn, LDAP_SCOPE_BASE, "(objectClass=*)", result);
+    int const rc = Search(dn, LDAP_SCOPE_BASE, LDAP_ANY_ENTRY, result);
     if (rc != 0) {
         return rc;
     }

@@ -83,12 +83,11 @@ int CLdapOp::FindUser(char const* value, std::string& dn) {
     LdapInfo const settings = Settings();
     char const* naming = templates_[templateCount_ - 1].namingAtt;
     std::string const filter = "(" + std::string(naming) + "=" + FilterValue(value) + ")";
-    char noAttributes[] = LDAP_NO_ATTRS;
-    char* attributes[] = {noAttributes, nullptr};
+    NoAttributes attributes;
     SearchResult result(binding_, Handle());
     int rc = binding_.LdapSearchExtS(result.Handle(), settings.basedn, LDAP_SCOPE_SUBTREE,
-                                     filter.c_str(), attributes, 0, nullptr, nullptr, nullptr,
-                                     kLookupSizeLimit, result.Out());
+                                     filter.c_str(), attributes.List(), 0, nullptr, nullptr,
+                                     nullptr, kLookupSizeLimit, result.Out());
     if (rc != LDAP_SUCCESS || result.Chain() == nullptr) {
         return QORLDAP_E_FAILED;  // no such base, no answer, or more users than the limit
     }

@@ -203,8 +203,7 @@ class CLdapOp {
     // The attribute of the signing (sign) or encryption public key: the certificate attribute
     // while the certificate flag is set, as it always is, the bare public key otherwise.
     char const* PublicKeyAttribute(bool sign) const {
-        return sign ? (certFlag_ ? LDAP_PERSON_SIGN_PUB_CER : LDAP_PERSON_SIGN_PUB)
-                    : (certFlag_ ? LDAP_PERSON_EN_PUB_CER : LDAP_PERSON_EN_PUB);
+        return ::PublicKeyAttribute(sign, certFlag_);
     }
     // One template's definitions from a schema file already read; see ReadEachConfig.
     bool ReadTemplate(IniFile const& file, std::string const& section, tagAtt& tmpl);

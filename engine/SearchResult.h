@@ -3,6 +3,8 @@
 #ifndef QORLDAP_ENGINE_SEARCHRESULT_H
 #define QORLDAP_ENGINE_SEARCHRESULT_H
 
+#include <cstring>
+
 #include "binding/OpenLdapIF.h"
 
 // The values of one attribute as libldap hands them out, released when the object goes:
@@ -34,6 +36,20 @@ class LdapValues {
 using TextValues = LdapValues<char**, &COpenLdapIF::LdapGetValues, &COpenLdapIF::LdapValueFree>;
 using OctetValues =
     LdapValues<berval**, &COpenLdapIF::LdapGetValuesLen, &COpenLdapIF::LdapValueFreeLen>;
+
+// The attribute list that asks for no attributes at all (libldap's LDAP_NO_ATTRS, "1.1"), in
+// storage of its own: a search takes the list as char**.
+class NoAttributes {
+  public:
+    NoAttributes() { std::memcpy(text_, LDAP_NO_ATTRS, sizeof text_); }
+    NoAttributes(NoAttributes const&) = delete;
+    NoAttributes& operator=(NoAttributes const&) = delete;
+    char** List() { return list_; }
+
+  private:
+    char text_[sizeof LDAP_NO_ATTRS];
+    char* list_[2] = {text_, nullptr};
+};
 
 class SearchResult {
   public:
