@@ -100,12 +100,12 @@ bool CLdapOp::ParseSubject(char const* subject, char const* key, std::string& va
 // to measure against, and every name is refused.
 bool CLdapOp::GetCondition(char const* name, std::string& condition, int& kind) {
     kind = 0;
-    if (name == nullptr || name[0] == '\0' || templateCount_ < 1 || templates_ == nullptr) {
+    if (name == nullptr || name[0] == '\0' || templates_.Empty()) {
         return false;
     }
     char const* comma = std::strchr(name, ',');
     std::string first = comma == nullptr ? std::string(name) : std::string(name, comma);
-    if (!FromCNToName(first.c_str(), LDAP_COMMONNAME, templates_[templateCount_ - 1].namingAtt,
+    if (!FromCNToName(first.c_str(), LDAP_COMMONNAME, templates_[templates_.Count() - 1].namingAtt,
                       condition)) {
         return false;
     }

@@ -81,7 +81,7 @@ std::string Parent(std::string const& dn) {
 // entries are not required to hold ou or cn, as the walk's listings are.
 int CLdapOp::FindUser(char const* value, std::string& dn) {
     LdapInfo const settings = Settings();
-    char const* naming = templates_[templateCount_ - 1].namingAtt;
+    char const* naming = templates_[templates_.Count() - 1].namingAtt;
     std::string const filter = "(" + std::string(naming) + "=" + FilterValue(value) + ")";
     NoAttributes attributes;
     SearchResult result(binding_, Handle());
@@ -91,14 +91,14 @@ int CLdapOp::FindUser(char const* value, std::string& dn) {
     if (rc != LDAP_SUCCESS || result.Chain() == nullptr) {
         return QORLDAP_E_FAILED;  // no such base, no answer, or more users than the limit
     }
-    int const depth = Components(settings.basedn) + templateCount_;
+    int const depth = Components(settings.basedn) + templates_.Count();
     int const entries = binding_.LdapCountEntries(result.Handle(), result.Chain());
     std::string parent;
     int users = 0;
     result.ForEachEntryDn(entries, [&](char const* found, int) {
         if (found != nullptr && Components(found) == depth && NamedBy(found, naming, value)) {
             ++users;
-            parent = templateCount_ == 1 ? std::string(settings.basedn) : Parent(found);
+            parent = templates_.Count() == 1 ? std::string(settings.basedn) : Parent(found);
         }
     });
     // "attr=value, parent", as LDAP_DN_COMPOSE writes it, and no longer than the walk's 512.

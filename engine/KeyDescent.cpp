@@ -9,7 +9,7 @@
 // and each candidate at the last level one more; nothing is cached.
 bool CLdapOp::GetChildKey(char const* base, int depth, char const* value, char const* attribute,
                           unsigned char*& key, unsigned int& length, std::string& foundDn) {
-    if (depth > templateCount_ || templateCount_ < 1 || templates_ == nullptr) {
+    if (depth > templates_.Count() || templates_.Empty()) {
         return false;
     }
     tagDN* children = nullptr;
@@ -19,11 +19,12 @@ bool CLdapOp::GetChildKey(char const* base, int depth, char const* value, char c
     std::memset(&self, 0, sizeof self);
     if (SelectLdap(base, nullptr, children, count) == QORLDAP_OK &&
         SelectLdapAtt(base, self) == QORLDAP_OK) {
-        if (depth + 1 == templateCount_) {
+        if (depth + 1 == templates_.Count()) {
             // A candidate DN longer than the 512 characters the walk composes in is skipped.
             char candidate[513];
-            if (count > 0 && qor::Format(candidate, sizeof candidate, LDAP_DN_COMPOSE,
-                                         templates_[templateCount_ - 1].namingAtt, value, base)) {
+            if (count > 0 &&
+                qor::Format(candidate, sizeof candidate, LDAP_DN_COMPOSE,
+                            templates_[templates_.Count() - 1].namingAtt, value, base)) {
                 if (GetEachKey(candidate, attribute, key, length) == QORLDAP_OK && length != 0) {
                     foundDn = candidate;
                     found = true;

@@ -26,22 +26,18 @@ int ReadPort(std::string const& text) {
 
 }  // namespace
 
-CLdapOp::CLdapOp() : handle_(nullptr), certFlag_(true), templates_(nullptr), templateCount_(0) {
+CLdapOp::CLdapOp() : handle_(nullptr), certFlag_(true) {
     std::memset(&info_, 0, sizeof info_);
     GetConfig(SECTION_LDAP);
     binding_.WatchConnection(link_.reconnect);
     binding_.FailFast(link_.timeout > 0);
     // An engine whose schema file does not load is built all the same, with no templates;
     // the operations that need templates then refuse.
-    ReadConfig();
+    templates_.Load();
 }
 
 // The connection is neither unbound nor closed: a connection lives as long as the process.
-CLdapOp::~CLdapOp() {
-    delete[] templates_;
-    templates_ = nullptr;
-    templateCount_ = 0;
-}
+CLdapOp::~CLdapOp() = default;
 
 // Reads the keys in a fixed order, each on its own. A key that is missing keeps the field as it
 // was. A text longer than its field is cut to the field (255 characters for host and basedn,
@@ -261,4 +257,22 @@ void CLdapOp::FreeAtt(tagAtt* att) {
 
 void CLdapOp::FreeDN(tagDN* list, int /*count*/) {
     delete[] list;
+}
+
+bool CLdapOp::ReadConfig() {
+    return templates_.Load();
+}
+
+bool CLdapOp::ReadEachConfig(std::string const& section, std::string const& file, tagAtt& tmpl) {
+    return TemplateTable::ReadEachConfig(section, file, tmpl);
+}
+
+bool CLdapOp::SeparateData(std::string const& text, std::string& name, std::string& code,
+                           int& role) {
+    return TemplateTable::SeparateData(text, name, code, role);
+}
+
+int CLdapOp::GetLdapOpAtt(char const* name, tagAtt& out) {
+    templates_.Find(name, out);
+    return 1;
 }

@@ -14,6 +14,7 @@
 #include "engine/Constants.h"
 #include "engine/LinkOptions.h"
 #include "engine/SearchResult.h"
+#include "engine/TemplateTable.h"
 #include "platform/IniFile.h"
 #include "qorldap/records.h"
 #include "qorldap/result_codes.h"
@@ -96,8 +97,8 @@ class CLdapOp {
     // Copies the template whose object class is name into out (out untouched when none is);
     // always 1.
     int GetLdapOpAtt(char const* name, tagAtt& out);
-    int TemplateCount() const { return templateCount_; }
-    tagAtt const* Templates() const { return templates_; }
+    int TemplateCount() const { return templates_.Count(); }
+    tagAtt const* Templates() const { return templates_.Data(); }
 
     // --- naming (pure text operations) ---
     static void MakeLower(std::string& text);  // ASCII letters only
@@ -205,8 +206,6 @@ class CLdapOp {
     char const* PublicKeyAttribute(bool sign) const {
         return ::PublicKeyAttribute(sign, certFlag_);
     }
-    // One template's definitions from a schema file already read; see ReadEachConfig.
-    bool ReadTemplate(IniFile const& file, std::string const& section, tagAtt& tmpl);
     // A copy of the settings in force, so that SetLdapAtt from another thread never tears a
     // text that an operation is reading.
     LdapInfo Settings() const {
@@ -255,8 +254,7 @@ class CLdapOp {
     LdapInfo info_;  // read and replaced as a whole under settingsLock_
     mutable std::mutex settingsLock_;
     bool certFlag_;
-    tagAtt* templates_;
-    int templateCount_;
+    TemplateTable templates_;
     std::timed_mutex connectLock_;
     ldap* connecting_ = nullptr;  // written and read only under connectLock_
     LinkOptions link_;

@@ -35,10 +35,10 @@ int CLdapOp::InsertOrganization(char const* subject, std::string& dn) {
     if (!qor::FitCopy(path, Settings().basedn)) {
         return QORLDAP_E_FAILED;
     }
-    if (templateCount_ < 1 || templates_ == nullptr) {
+    if (templates_.Empty()) {
         return QORLDAP_OK;
     }
-    for (int i = 0; i < templateCount_; ++i) {
+    for (int i = 0; i < templates_.Count(); ++i) {
         tagAtt level = templates_[i];
         std::string value;
         bool known = subject != nullptr && ParseSubject(subject, level.namingAtt, value);

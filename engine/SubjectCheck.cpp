@@ -61,7 +61,7 @@ bool CLdapOp::CheckSubject(char const* subject, std::string* fault) const {
         return false;
     }
     std::vector<SubjectLine> const lines = SplitLines(subject);
-    for (int i = 0; i < templateCount_; ++i) {
+    for (int i = 0; i < templates_.Count(); ++i) {
         std::string const key = templates_[i].namingAtt;
         if (key.empty()) {
             continue;  // the path creation refuses such a template on its own

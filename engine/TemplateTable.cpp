@@ -1,10 +1,11 @@
-// Loading "ldap.ini" into the engine's table of entry templates.
+// Loading "ldap.ini" into the table of entry templates.
+#include "engine/TemplateTable.h"
+
 #include <cstdlib>
 #include <cstring>
 
 #include "engine/Bounded.h"
 #include "engine/Constants.h"
-#include "engine/LdapOp.h"
 #include "platform/IniFile.h"
 
 namespace {
@@ -27,7 +28,13 @@ int const kNamingRole = 2;
 
 }  // namespace
 
-bool CLdapOp::ReadConfig() {
+TemplateTable::~TemplateTable() {
+    delete[] table_;
+    table_ = nullptr;
+    count_ = 0;
+}
+
+bool TemplateTable::Load() {
     // One read of the file for every template and definition in it.
     IniFile const schema = IniFile::Load(LDAP_INI);
     std::string text;
@@ -39,9 +46,9 @@ bool CLdapOp::ReadConfig() {
     if (count < 1 || count > 1000) {
         return false;
     }
-    delete[] templates_;
-    templates_ = nullptr;
-    templateCount_ = 0;
+    delete[] table_;
+    table_ = nullptr;
+    count_ = 0;
     tagAtt* table = new tagAtt[count];
     for (long i = 0; i < count; ++i) {
         std::string name;
@@ -58,22 +65,23 @@ bool CLdapOp::ReadConfig() {
         record.templateCount = static_cast<int>(count);
         table[i] = record;
     }
-    templates_ = table;
-    templateCount_ = static_cast<int>(count);
+    table_ = table;
+    count_ = static_cast<int>(count);
     return true;
 }
 
 // A definition that does not split, or a naming attribute longer than 255 characters, makes
 // the template invalid and so the whole file: a schema file with a broken line is refused
 // whole rather than loaded without the attribute that line meant to name.
-bool CLdapOp::ReadEachConfig(std::string const& section, std::string const& file, tagAtt& tmpl) {
+bool TemplateTable::ReadEachConfig(std::string const& section, std::string const& file,
+                                   tagAtt& tmpl) {
     if (section.empty() || file.empty()) {
         return false;
     }
     return ReadTemplate(IniFile::Load(file), section, tmpl);
 }
 
-bool CLdapOp::ReadTemplate(IniFile const& file, std::string const& section, tagAtt& tmpl) {
+bool TemplateTable::ReadTemplate(IniFile const& file, std::string const& section, tagAtt& tmpl) {
     if (section.empty()) {
         return false;
     }
@@ -112,8 +120,8 @@ bool CLdapOp::ReadTemplate(IniFile const& file, std::string const& section, tagA
     return true;
 }
 
-bool CLdapOp::SeparateData(std::string const& text, std::string& name, std::string& code,
-                           int& role) {
+bool TemplateTable::SeparateData(std::string const& text, std::string& name, std::string& code,
+                                 int& role) {
     std::string::size_type first = text.find(ATT_SEPARATE);
     if (text.empty() || first == 0 || (first != std::string::npos && first + 1 == text.size())) {
         return false;
@@ -137,15 +145,14 @@ bool CLdapOp::SeparateData(std::string const& text, std::string& name, std::stri
     return true;
 }
 
-int CLdapOp::GetLdapOpAtt(char const* name, tagAtt& out) {
+void TemplateTable::Find(char const* name, tagAtt& out) const {
     if (name == nullptr) {
-        return 1;
+        return;
     }
-    for (int i = 0; i < templateCount_; ++i) {
-        if (std::strcmp(templates_[i].objectClass, name) == 0) {
-            out = templates_[i];
-            break;
+    for (int i = 0; i < count_; ++i) {
+        if (std::strcmp(table_[i].objectClass, name) == 0) {
+            out = table_[i];
+            return;
         }
     }
-    return 1;
 }
