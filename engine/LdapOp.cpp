@@ -276,3 +276,36 @@ int CLdapOp::GetLdapOpAtt(char const* name, tagAtt& out) {
     templates_.Find(name, out);
     return 1;
 }
+
+void CLdapOp::MakeLower(std::string& text) {
+    Naming::MakeLower(text);
+}
+
+bool CLdapOp::CompareNameSame(char const* a, char const* b) {
+    return Naming::CompareNameSame(a, b);
+}
+
+bool CLdapOp::GetFilter(char const* dn, int index, std::string& value, std::string& type) {
+    return Naming::GetFilter(dn, index, value, type);
+}
+
+bool CLdapOp::GetParentDN(char const* dn, std::string& parent) {
+    return Naming::GetParentDN(dn, parent);
+}
+
+bool CLdapOp::ParseSubject(char const* subject, char const* key, std::string& value) {
+    return Naming::ParseSubject(subject, key, value);
+}
+
+bool CLdapOp::CheckSubject(char const* subject, std::string* fault) const {
+    return naming_.CheckSubject(subject, fault);
+}
+
+bool CLdapOp::GetCondition(char const* name, std::string& condition, int& kind) {
+    return naming_.GetCondition(name, condition, kind);
+}
+
+bool CLdapOp::FromCNToName(char const* component, char const* type, char const* namingAtt,
+                           std::string& value) {
+    return Naming::FromCNToName(component, type, namingAtt, value);
+}

@@ -13,6 +13,7 @@
 #include "binding/OpenLdapIF.h"
 #include "engine/Constants.h"
 #include "engine/LinkOptions.h"
+#include "engine/Naming.h"
 #include "engine/SearchResult.h"
 #include "engine/TemplateTable.h"
 #include "platform/IniFile.h"
@@ -100,28 +101,14 @@ class CLdapOp {
     int TemplateCount() const { return templates_.Count(); }
     tagAtt const* Templates() const { return templates_.Data(); }
 
-    // --- naming (pure text operations) ---
-    static void MakeLower(std::string& text);  // ASCII letters only
-    // false for a null argument, else whether the texts are equal regardless of ASCII case.
+    // --- naming (engine/Naming.h) ---
+    static void MakeLower(std::string& text);
     static bool CompareNameSame(char const* a, char const* b);
-    // Type and value of component index of dn. true and both set; true with both untouched
-    // when dn has fewer components; false (untouched) for null dn, index out of 0..50, or a
-    // component starting with "=".
     static bool GetFilter(char const* dn, int index, std::string& value, std::string& type);
-    // The DN after the first comma (a one-component DN is its own parent); false, parent
-    // untouched, for null or a leading comma.
     static bool GetParentDN(char const* dn, std::string& parent);
-    // The lower-cased value of the last subject line starting with key; false, value
-    // untouched, when no line does or an argument is null.
     static bool ParseSubject(char const* subject, char const* key, std::string& value);
-    // Whether subject names each level of the path plainly (engine/SubjectCheck.cpp); false,
-    // with fault (when not null) saying why for people, when a value would name another entry.
     bool CheckSubject(char const* subject, std::string* fault = nullptr) const;
-    // true with condition the common name and kind 1 for "cn=..." when the last template is
-    // named by cn; false with kind 0 (condition untouched) otherwise or with no templates.
     bool GetCondition(char const* name, std::string& condition, int& kind);
-    // The value of component when its type is exactly type; true only when namingAtt is that
-    // type regardless of case. value may be set also when the result is false.
     static bool FromCNToName(char const* component, char const* type, char const* namingAtt,
                              std::string& value);
 
@@ -255,6 +242,7 @@ class CLdapOp {
     mutable std::mutex settingsLock_;
     bool certFlag_;
     TemplateTable templates_;
+    Naming naming_{templates_};
     std::timed_mutex connectLock_;
     ldap* connecting_ = nullptr;  // written and read only under connectLock_
     LinkOptions link_;
