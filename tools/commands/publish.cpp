@@ -134,7 +134,7 @@ char const kPublishHelp[] =
     "unreadable file or folder each fail with a line of their own; none is waited on.\n"
     "\n"
     "  --from-stdin         read the paths from standard input, as - does\n"
-    "  --jobs N             N bundles at a time (default 1, at most 64). The bundles are\n"
+    "  -j, --jobs N         N bundles at a time (default 1, at most 64). The bundles are\n"
     "                       opened and their keys protected in parallel; the directory\n"
     "                       requests take turns on the one connection of the library\n"
     "  --report FILE        write each failed bundle with its reason to FILE\n"

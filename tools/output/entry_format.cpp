@@ -54,20 +54,41 @@ std::string JsonString(std::string const& text) {
 }
 
 bool JsonText(std::string const& value) {
+    // RFC 3629: the second byte's range rules out overlong forms, surrogates and code points
+    // past U+10FFFF, which a JSON reader would refuse.
+    struct Lead {
+        unsigned char first, last;  // the lead bytes of the row
+        size_t more;                // continuation bytes
+        unsigned char low, high;    // the range of the first of them
+    };
+    static Lead const kLeads[] = {
+        {0xc2, 0xdf, 1, 0x80, 0xbf}, {0xe0, 0xe0, 2, 0xa0, 0xbf}, {0xe1, 0xec, 2, 0x80, 0xbf},
+        {0xed, 0xed, 2, 0x80, 0x9f}, {0xee, 0xef, 2, 0x80, 0xbf}, {0xf0, 0xf0, 3, 0x90, 0xbf},
+        {0xf1, 0xf3, 3, 0x80, 0xbf}, {0xf4, 0xf4, 3, 0x80, 0x8f},
+    };
     for (size_t i = 0; i < value.size();) {
         auto const lead = static_cast<unsigned char>(value[i]);
-        size_t const more = lead < 0x80                   ? 0
-                            : lead >= 0xc2 && lead < 0xe0 ? 1
-                            : lead >= 0xe0 && lead < 0xf0 ? 2
-                            : lead >= 0xf0 && lead < 0xf5 ? 3
-                                                          : 4;
-        if (more == 4 || (more > 0 && i + more >= value.size()) || lead < 0x20 || lead == 0x7f)
+        if (lead < 0x80) {
+            if (lead < 0x20 || lead == 0x7f)
+                return false;
+            ++i;
+            continue;
+        }
+        Lead const* row = nullptr;
+        for (Lead const& l : kLeads) {
+            if (lead >= l.first && lead <= l.last)
+                row = &l;
+        }
+        if (row == nullptr || value.size() - i <= row->more)
             return false;
-        for (size_t k = 1; k <= more; ++k) {
-            if ((static_cast<unsigned char>(value[i + k]) & 0xc0) != 0x80)
+        for (size_t k = 1; k <= row->more; ++k) {
+            auto const next = static_cast<unsigned char>(value[i + k]);
+            unsigned char const low = k == 1 ? row->low : 0x80;
+            unsigned char const high = k == 1 ? row->high : 0xbf;
+            if (next < low || next > high)
                 return false;
         }
-        i += more + 1;
+        i += row->more + 1;
     }
     return true;
 }
