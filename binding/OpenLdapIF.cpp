@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <mutex>
+#include <type_traits>
 
 #include "binding/LastResult.h"
 #include "binding/LdapNames.h"
@@ -50,41 +51,35 @@ void InitialiseGlobalDefaults(void* library) {
     });
 }
 
+// Whether two texts are the same, at compile time.
+constexpr bool SameText(char const* a, char const* b) {
+    while (*a != '\0' && *a == *b) {
+        ++a;
+        ++b;
+    }
+    return *a == *b;
+}
+
 bool MeansLinkFailure(int rc) {
     return rc == LDAP_SERVER_DOWN || rc == LDAP_CONNECT_ERROR || rc == LDAP_TIMEOUT;
 }
 
 }  // namespace
 
-COpenLdapIF::COpenLdapIF()
-    : library_{nullptr},
-      init_(nullptr),
-      setOption_(nullptr),
-      simpleBindS_(nullptr),
-      getLastError_(nullptr),
-      err2String_(nullptr),
-      searchExtS_(nullptr),
-      firstEntry_(nullptr),
-      nextEntry_(nullptr),
-      getDn_(nullptr),
-      countEntries_(nullptr),
-      firstAttribute_(nullptr),
-      nextAttribute_(nullptr),
-      msgFree_(nullptr),
-      getValues_(nullptr),
-      getValuesLen_(nullptr),
-      valueFree_(nullptr),
-      valueFreeLen_(nullptr),
-      memFree_(nullptr),
-      addS_(nullptr),
-      deleteS_(nullptr),
-      modifyS_(nullptr),
-      add_(nullptr),
-      berFree_(nullptr),
-      initialize_(nullptr),
-      startTlsS_(nullptr),
-      unbindExtS_(nullptr),
-      handle_(nullptr) {
+// LdapGetLastError belongs to other makers' client libraries, and libldap has none (the call
+// then answers 0). Declared only so that its row is checked like the others; never called.
+extern "C" int LdapGetLastError();
+
+// Every row of the table: its name spells its function, and its type is the one <ldap.h> gives.
+#define QORLDAP_LDAP_CHECK(slot, Type, name, function, result, parameters)          \
+    static_assert(SameText(name, #function), #slot ": " name " is not " #function); \
+    static_assert(std::is_same<result(*) parameters, decltype(&function)>::value,   \
+                  #slot ": not the type <ldap.h> gives " #function);
+QORLDAP_LDAP_FUNCTIONS(QORLDAP_LDAP_CHECK)
+#undef QORLDAP_LDAP_CHECK
+
+// The function slots start null by their own initialisers (binding/OpenLdapIF.h).
+COpenLdapIF::COpenLdapIF() : library_{nullptr}, handle_(nullptr) {
     pthread_mutex_init(&lock_.mutex, nullptr);
 }
 

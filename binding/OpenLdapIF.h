@@ -14,6 +14,7 @@
 #include <mutex>
 #include <thread>
 
+#include "binding/LdapNames.h"
 #include "binding/ScopeLock.h"
 
 typedef LDAP ldap;
@@ -108,35 +109,11 @@ class COpenLdapIF {
     };
 
   private:
-    typedef LDAP* (*InitFn)(char const*, int);
-    typedef int (*SetOptionFn)(LDAP*, int, void const*);
-    typedef int (*SimpleBindSFn)(LDAP*, char const*, char const*);
-    typedef int (*GetLastErrorFn)();
-    typedef char* (*Err2StringFn)(int);
-    typedef int (*SearchExtSFn)(LDAP*, char const*, int, char const*, char**, int, LDAPControl**,
-                                LDAPControl**, timeval*, int, LDAPMessage**);
-    typedef LDAPMessage* (*FirstEntryFn)(LDAP*, LDAPMessage*);
-    typedef LDAPMessage* (*NextEntryFn)(LDAP*, LDAPMessage*);
-    typedef char* (*GetDnFn)(LDAP*, LDAPMessage*);
-    typedef int (*CountEntriesFn)(LDAP*, LDAPMessage*);
-    typedef char* (*FirstAttributeFn)(LDAP*, LDAPMessage*, BerElement**);
-    typedef char* (*NextAttributeFn)(LDAP*, LDAPMessage*, BerElement*);
-    typedef int (*MsgFreeFn)(LDAPMessage*);
-    typedef char** (*GetValuesFn)(LDAP*, LDAPMessage*, char const*);
-    typedef berval** (*GetValuesLenFn)(LDAP*, LDAPMessage*, char const*);
-    typedef void (*ValueFreeFn)(char**);
-    typedef void (*ValueFreeLenFn)(berval**);
-    typedef void (*MemFreeFn)(void*);
-    typedef int (*AddSFn)(LDAP*, char const*, LDAPMod**);
-    typedef int (*DeleteSFn)(LDAP*, char const*);
-    typedef int (*ModifySFn)(LDAP*, char const*, LDAPMod**);
-    typedef int (*AddFn)(LDAP*, char const*, LDAPMod**);
-    typedef void (*BerFreeFn)(BerElement*, int);
-    typedef int (*InitializeFn)(LDAP**, char const*);
-    typedef int (*StartTlsSFn)(LDAP*, LDAPControl**, LDAPControl**);
-    typedef int (*UnbindExtSFn)(LDAP*, LDAPControl**, LDAPControl**);
-    typedef int (*GetOptionFn)(LDAP*, int, void*);
-    typedef int (*SockbufCtrlFn)(Sockbuf*, int, void*);
+    // One pointer type per bound function, from the table in binding/LdapNames.h.
+#define QORLDAP_LDAP_FN_TYPE(slot, Type, name, function, result, parameters) \
+    typedef result(*Type##Fn) parameters;
+    QORLDAP_LDAP_FUNCTIONS(QORLDAP_LDAP_FN_TYPE)
+#undef QORLDAP_LDAP_FN_TYPE
 
     // Loads the library and resolves one entry point; false when either cannot be had.
     // Called with the lock held. A failure is not remembered, so the next call tries again.
@@ -166,34 +143,10 @@ class COpenLdapIF {
     std::atomic<void*> library_;
     std::mutex loadLock_;   // the library is loaded once, whichever lock a first call holds
     std::mutex localLock_;  // the reads of received results, with fail-fast on
-    InitFn init_;
-    SetOptionFn setOption_;
-    SimpleBindSFn simpleBindS_;
-    GetLastErrorFn getLastError_;
-    Err2StringFn err2String_;
-    SearchExtSFn searchExtS_;
-    FirstEntryFn firstEntry_;
-    NextEntryFn nextEntry_;
-    GetDnFn getDn_;
-    CountEntriesFn countEntries_;
-    FirstAttributeFn firstAttribute_;
-    NextAttributeFn nextAttribute_;
-    MsgFreeFn msgFree_;
-    GetValuesFn getValues_;
-    GetValuesLenFn getValuesLen_;
-    ValueFreeFn valueFree_;
-    ValueFreeLenFn valueFreeLen_;
-    MemFreeFn memFree_;
-    AddSFn addS_;
-    DeleteSFn deleteS_;
-    ModifySFn modifyS_;
-    AddFn add_;
-    BerFreeFn berFree_;
-    InitializeFn initialize_;
-    StartTlsSFn startTlsS_;
-    UnbindExtSFn unbindExtS_;
-    GetOptionFn getOption_ = nullptr;      // bound only when diagnostics are kept
-    SockbufCtrlFn sockbufCtrl_ = nullptr;  // bound only for BoundSockets
+    // One slot per bound function, null until resolved, from the same table.
+#define QORLDAP_LDAP_SLOT(slot, Type, name, function, result, parameters) Type##Fn slot = nullptr;
+    QORLDAP_LDAP_FUNCTIONS(QORLDAP_LDAP_SLOT)
+#undef QORLDAP_LDAP_SLOT
     ldap_conncb connectCallback_{};
     int socketSeconds_ = 0;
     // The socket of the connection libldap has open, -1 when none; written by the connection
