@@ -11,10 +11,14 @@
 #include <string>
 
 #include "binding/OpenLdapIF.h"
+#include "engine/Connection.h"
 #include "engine/Constants.h"
 #include "engine/LinkOptions.h"
+#include "engine/Modification.h"
 #include "engine/Naming.h"
+#include "engine/RootCheck.h"
 #include "engine/SearchResult.h"
+#include "engine/ServerSettings.h"
 #include "engine/TemplateTable.h"
 #include "platform/IniFile.h"
 #include "qorldap/records.h"
@@ -23,22 +27,10 @@
 class WipedBuffer;  // platform/WipedBuffer.h
 struct WholeEntry;  // engine/EntryRead.h
 
-// What the root check reads from the base entry. Nothing reads it back; texts are cut to fit.
-struct DepartementAtt {
-    char name[256];
-    char dn[256];
-    char baseDn[256];
-};
-
 class CLdapOp {
   public:
-    // One prepared text modification. values[0] is the UTF-8 copy (array new) that the
-    // request's sender releases; mod.mod_values points into this same frame, so a filled
-    // frame is never moved or copied.
-    struct AttFrame {
-        char* values[2];
-        LDAPMod mod;
-    };
+    // One prepared text modification (engine/Modification.h).
+    using AttFrame = ::AttFrame;
 
     CLdapOp();
     virtual ~CLdapOp();
@@ -58,18 +50,15 @@ class CLdapOp {
     // while this one waited; 0x16000011 the root check failed.
     int ConnectLdap();
     // True when reconnection is on and the connection was lost: the next ConnectLdap redials.
-    bool NeedsReconnect() const { return link_.reconnect && binding_.ConnectionLost(); }
+    bool NeedsReconnect() const { return connection_.NeedsReconnect(); }
     // Held by the caller for the span of one operation when reconnection is on, so that a lost
     // handle is released only once no operation still uses it. Empty (free) otherwise.
-    std::shared_lock<std::shared_mutex> GuardOperation() {
-        return link_.reconnect ? std::shared_lock<std::shared_mutex>(operations_)
-                               : std::shared_lock<std::shared_mutex>();
-    }
+    std::shared_lock<std::shared_mutex> GuardOperation() { return connection_.GuardOperation(); }
     // Whether the engine holds a connection; checked under GuardOperation, since with
     // reconnection on another thread may have found the connection lost and failed to redial.
-    bool HasConnection() const { return handle_.load(std::memory_order_acquire) != nullptr; }
+    bool HasConnection() const { return connection_.HasConnection(); }
     // Whether callers speak GB18030 in DNs (soap.ini gb18030_dns).
-    bool Gb18030Dns() const { return link_.gb18030Dns; }
+    bool Gb18030Dns() const { return settings_.Link().gb18030Dns; }
     void GetLdapAtt(LdapInfo& info);    // info receives a copy of the settings in force
     void SetLdapAtt(LdapInfo info);     // replaces the settings whole
     void FreeKey(unsigned char*& key);  // array delete; key becomes null (null is ignored)
@@ -188,29 +177,16 @@ class CLdapOp {
                    bool sign, bool publicOnly);
 
   private:
-    // The attribute of the signing (sign) or encryption public key: the certificate attribute
-    // while the certificate flag is set, as it always is, the bare public key otherwise.
+    // The attribute of the signing (sign) or encryption public key, as the certificate flag says.
     char const* PublicKeyAttribute(bool sign) const {
         return ::PublicKeyAttribute(sign, certFlag_);
     }
-    // A copy of the settings in force, so that SetLdapAtt from another thread never tears a
-    // text that an operation is reading.
-    LdapInfo Settings() const {
-        std::lock_guard<std::mutex> guard(settingsLock_);
-        return info_;
-    }
-    // One synchronous search for all attributes, no limits, on result's handle. On a non-zero
-    // code the chain the library may have handed back with it is released and result is empty.
-    // attributes, when given, names the attributes wanted (null: all of them).
+    LdapInfo Settings() const { return settings_.Get(); }
     int Search(char const* base, int scope, char const* filter, SearchResult& result,
-               char** attributes = nullptr);
-    // The connection sequence proper, run under connectLock_: drops a lost handle, then
-    // opens, secures and binds a new one and checks the root. A QORLDAP code.
-    int Dial();
-    // Opens the handle as the link options say; null when none can be had.
-    ldap* OpenHandle(LdapInfo const& settings);
-    // Timeouts and TLS settings, only those configured. false when StartTLS failed.
-    bool SecureHandle(ldap* ld, LdapInfo const& settings);
+               char** attributes = nullptr) {
+        return connection_.Search(base, scope, filter, result, attributes);
+    }
+    ldap* Handle() const { return connection_.Handle(); }
     int ReplaceBinary(char const* dn, char const* attribute, berval** values);
     // One modify request replacing two binary attributes with one value each.
     int ReplacePair(char const* dn, char const* first, unsigned char const* firstValue,
@@ -227,28 +203,16 @@ class CLdapOp {
     // QORLDAP_E_KEY_CONVERT with out empty. See engine/KeyProtect.cpp.
     static int ProtectKey(unsigned char const* key, unsigned int length, char const* psw,
                           WipedBuffer& out);
-    // The handle operations run on: the connected one, or during the connection sequence the
-    // freshly bound one that the root check uses.
-    ldap* Handle() const {
-        ldap* ld = handle_.load(std::memory_order_acquire);
-        return ld != nullptr ? ld : connecting_;
-    }
 
-    COpenLdapIF binding_;
-    // Set only by ConnectLdap. Atomic, and the connection sequence serialised by connectLock_,
-    // so that threads sharing one engine may all connect on demand at once.
-    std::atomic<ldap*> handle_;
-    LdapInfo info_;  // read and replaced as a whole under settingsLock_
-    mutable std::mutex settingsLock_;
-    bool certFlag_;
+    ServerSettings settings_{SECTION_LDAP};
+    LinkOptions const& link_ = settings_.Link();
+    Connection connection_{settings_};
+    COpenLdapIF& binding_ = connection_.Binding();
+    RootCheck root_{connection_, settings_};
+    // Public keys are kept as certificates: set, and never changed.
+    bool certFlag_ = true;
     TemplateTable templates_;
     Naming naming_{templates_};
-    std::timed_mutex connectLock_;
-    ldap* connecting_ = nullptr;  // written and read only under connectLock_
-    LinkOptions link_;
-    std::shared_mutex operations_;
-    std::atomic<unsigned long> failedConnects_{0};
-    unsigned hostShift_ = 0;  // written and read only under connectLock_
 };
 
 #endif

@@ -1,13 +1,14 @@
 // Preparing one text modification: the value goes out as UTF-8.
+#include "engine/Modification.h"
+
 #include <cstring>
 
-#include "engine/LdapOp.h"
 #include "platform/ChineseCode.h"
 
 // A value that cannot be converted is refused like an empty one, so nothing is ever sent from a
 // missing conversion. Converting may also leave an empty text (a value of shift bytes only):
 // refused too, since an add with an empty value is a protocol error.
-bool CLdapOp::GetParaAtt(char const* value, unsigned int op, char const* type, AttFrame& frame) {
+bool PrepareTextValue(char const* value, unsigned int op, char const* type, AttFrame& frame) {
     CChineseCode code;
     char* converted = nullptr;
     if (type == nullptr || value == nullptr || value[0] == '\0') {

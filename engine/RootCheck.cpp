@@ -1,17 +1,20 @@
 // The check, at the end of every connection, that the base entry exists; a base DN naming an
 // organisation ("o=...") that is missing is created.
+#include "engine/RootCheck.h"
+
 #include <cstring>
 
 #include "engine/Bounded.h"
 #include "engine/Constants.h"
-#include "engine/LdapOp.h"
+#include "engine/Modification.h"
+#include "engine/Naming.h"
 #include "platform/ChineseCode.h"
 
-bool CLdapOp::ValidateRootAtt() {
-    LdapInfo const settings = Settings();
+bool RootCheck::ValidateRootAtt() {
+    LdapInfo const settings = settings_.Get();
     std::string value;
     std::string type;
-    if (!GetFilter(settings.basedn, 0, value, type)) {
+    if (!Naming::GetFilter(settings.basedn, 0, value, type)) {
         return false;
     }
     // Only an exact "o" is checked: "O", "o " and dc= bases pass without a search.
@@ -29,18 +32,19 @@ bool CLdapOp::ValidateRootAtt() {
 }
 
 // The record's texts are cut to their 255 characters; nothing reads them back.
-bool CLdapOp::GetRootAtt(char const* dn, char const* filter, DepartementAtt& att) {
+bool RootCheck::GetRootAtt(char const* dn, char const* filter, DepartementAtt& att) {
     std::memset(&att, 0, sizeof att);
     CChineseCode code;
-    SearchResult result(binding_, Handle());
-    if (Search(dn, LDAP_SCOPE_BASE, filter, result) != 0) {
+    COpenLdapIF& binding = connection_.Binding();
+    SearchResult result(binding, connection_.Handle());
+    if (connection_.Search(dn, LDAP_SCOPE_BASE, filter, result) != 0) {
         return false;
     }
     if (result.Chain() == nullptr) {
         return true;
     }
     result.ForEachAttribute([&](char const* name) {
-        TextValues values(binding_, result.Handle(), result.Chain(), name);
+        TextValues values(binding, result.Handle(), result.Chain(), name);
         if (values.get() == nullptr) {
             return;
         }
@@ -56,20 +60,21 @@ bool CLdapOp::GetRootAtt(char const* dn, char const* filter, DepartementAtt& att
     return true;
 }
 
-bool CLdapOp::InsertRootAtt(char const* dn, char const* name) {
+bool RootCheck::InsertRootAtt(char const* dn, char const* name) {
     AttFrame frames[2];
     ldapmod* mods[3] = {nullptr, nullptr, nullptr};
     int used = 0;
     if (name != nullptr && name[0] != '\0' &&
-        GetParaAtt(name, QOR_MOD_ADD, LDAP_ORGANIMZATION, frames[used])) {
+        PrepareTextValue(name, QOR_MOD_ADD, LDAP_ORGANIMZATION, frames[used])) {
         mods[used] = &frames[used].mod;
         ++used;
     }
-    if (GetParaAtt(LDAP_ORGANIMZATION_VALUE, QOR_MOD_ADD, LDAP_DEPART_OR_PER_TYPE, frames[used])) {
+    if (PrepareTextValue(LDAP_ORGANIMZATION_VALUE, QOR_MOD_ADD, LDAP_DEPART_OR_PER_TYPE,
+                         frames[used])) {
         mods[used] = &frames[used].mod;
         ++used;
     }
-    int rc = binding_.LdapAddS(Handle(), dn, mods);
+    int rc = connection_.Binding().LdapAddS(connection_.Handle(), dn, mods);
     for (int i = 0; i < used; ++i) {
         delete[] frames[i].values[0];
         frames[i].values[0] = nullptr;
