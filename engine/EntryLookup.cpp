@@ -1,9 +1,14 @@
-// Selecting one entry and listing the children of an entry.
+// Selecting one entry, listing the children of an entry, and reading one entry whole.
+#include "engine/EntryLookup.h"
+
 #include <cstring>
 
 #include "engine/Bounded.h"
 #include "engine/Constants.h"
-#include "engine/LdapOp.h"
+#include "engine/EntryRead.h"
+#include "engine/Naming.h"
+#include "engine/SearchResult.h"
+#include "qorldap/result_codes.h"
 
 namespace {
 
@@ -15,13 +20,13 @@ bool FitsNameField(char const* dn) {
 
 }  // namespace
 
-int CLdapOp::SelectLdapAtt(char const* dn, tagAtt& att) {
+int EntryLookup::SelectLdapAtt(char const* dn, tagAtt& att) {
     if (dn == nullptr || !FitsNameField(dn)) {
         return QORLDAP_E_FAILED;
     }
     std::string value;
     std::string type;
-    if (!GetFilter(dn, 0, value, type) || type.empty()) {
+    if (!Naming::GetFilter(dn, 0, value, type) || type.empty()) {
         return QORLDAP_E_FAILED;
     }
     // The filter buffer holds 32 bytes: a type of more than 27 characters is refused.
@@ -34,11 +39,12 @@ int CLdapOp::SelectLdapAtt(char const* dn, tagAtt& att) {
     return QORLDAP_OK;
 }
 
-int CLdapOp::GetAtt(char const* dn, char const* filter, tagAtt& att) {
+int EntryLookup::GetAtt(char const* dn, char const* filter, tagAtt& att) {
     att.dn[0] = '\0';
     att.parentDn[0] = '\0';
-    SearchResult result(binding_, Handle());
-    if (Search(dn, LDAP_SCOPE_BASE, filter, result) != 0) {
+    COpenLdapIF& binding = connection_.Binding();
+    SearchResult result(binding, connection_.Handle());
+    if (connection_.Search(dn, LDAP_SCOPE_BASE, filter, result) != 0) {
         return 0;
     }
     std::memset(&att, 0, sizeof att);
@@ -50,10 +56,10 @@ int CLdapOp::GetAtt(char const* dn, char const* filter, tagAtt& att) {
     int count = 0;
     bool hasClass = false;
     result.ForEachAttribute([&](char const* name) {
-        TextValues values(binding_, result.Handle(), result.Chain(), name);
+        TextValues values(binding, result.Handle(), result.Chain(), name);
         if (values.get() != nullptr && std::strcmp(name, LDAP_DEPART_OR_PER_TYPE) == 0) {
             for (char** v = values.get(); *v != nullptr; ++v) {
-                GetLdapOpAtt(*v, att);
+                templates_.Find(*v, att);
                 hasClass = true;
             }
         }
@@ -73,14 +79,14 @@ int CLdapOp::GetAtt(char const* dn, char const* filter, tagAtt& att) {
         if (k == count) {
             return;
         }
-        TextValues values(binding_, result.Handle(), result.Chain(), name);
+        TextValues values(binding, result.Handle(), result.Chain(), name);
         if (values.get() != nullptr) {
             qor::FitCopy(att.items[k].type, name);
         } else {
             // libldap hands out no text values for a value holding a zero byte, as every DER
             // key and certificate does; asked for them as octets, it shows they are there, so
             // a key attribute is named like any other.
-            OctetValues octets(binding_, result.Handle(), result.Chain(), name);
+            OctetValues octets(binding, result.Handle(), result.Chain(), name);
             if (octets.get() != nullptr) {
                 qor::FitCopy(att.items[k].type, name);
             }
@@ -88,14 +94,14 @@ int CLdapOp::GetAtt(char const* dn, char const* filter, tagAtt& att) {
         ++k;
     });
     std::string parent;
-    if (GetParentDN(dn, parent)) {
+    if (Naming::GetParentDN(dn, parent)) {
         qor::FitCopy(att.parentDn, parent.c_str());
     }
     qor::FitCopy(att.dn, dn);
     return 1;
 }
 
-int CLdapOp::SelectLdap(char const* dn, char const* /*condition*/, tagDN*& list, int& count) {
+int EntryLookup::SelectLdap(char const* dn, char const* /*condition*/, tagDN*& list, int& count) {
     if (dn == nullptr || dn[0] == '\0' || !FitsNameField(dn)) {
         return QORLDAP_E_FAILED;
     }
@@ -104,22 +110,23 @@ int CLdapOp::SelectLdap(char const* dn, char const* /*condition*/, tagDN*& list,
     return GetChild(dn, filter, list, count) ? QORLDAP_OK : QORLDAP_E_FAILED;
 }
 
-bool CLdapOp::GetChild(char const* base, char const* filter, tagDN*& list, int& count) {
+bool EntryLookup::GetChild(char const* base, char const* filter, tagDN*& list, int& count) {
     if (filter == nullptr || base == nullptr) {
         return false;
     }
     // The list holds names only: with fast_lookup the listing asks for no attributes.
     NoAttributes namesOnly;
-    SearchResult result(binding_, Handle());
-    if (Search(base, LDAP_SCOPE_ONELEVEL, filter, result,
-               link_.fastLookup ? namesOnly.List() : nullptr) != 0) {
+    COpenLdapIF& binding = connection_.Binding();
+    SearchResult result(binding, connection_.Handle());
+    if (connection_.Search(base, LDAP_SCOPE_ONELEVEL, filter, result,
+                           link_.fastLookup ? namesOnly.List() : nullptr) != 0) {
         return false;
     }
     if (result.Chain() == nullptr) {
         count = 0;
         return true;
     }
-    int entries = binding_.LdapCountEntries(result.Handle(), result.Chain());
+    int entries = binding.LdapCountEntries(result.Handle(), result.Chain());
     count = entries;
     if (entries <= 0) {
         return true;
@@ -135,4 +142,37 @@ bool CLdapOp::GetChild(char const* base, char const* filter, tagDN*& list, int& 
         qor::FitCopy(names[i].baseDn, base);
     });
     return true;
+}
+
+// One base search for every user attribute, each value taken as octets, so that binary values
+// and values holding zero bytes come out exactly as stored.
+int EntryLookup::ReadEntry(char const* dn, WholeEntry& entry) {
+    entry = WholeEntry();
+    if (dn == nullptr || dn[0] == '\0') {
+        return QORLDAP_E_FAILED;
+    }
+    COpenLdapIF& binding = connection_.Binding();
+    SearchResult result(binding, connection_.Handle());
+    int const rc = connection_.Search(dn, LDAP_SCOPE_BASE, LDAP_ANY_ENTRY, result);
+    if (rc != 0) {
+        return rc;
+    }
+    ldapmsg* const first = binding.LdapFirstEnry(result.Handle(), result.Chain());
+    if (first == nullptr) {
+        return LDAP_NO_SUCH_OBJECT;  // no entry came back (the server hid it)
+    }
+    char* name = binding.LdapGetDN(result.Handle(), first);
+    if (name != nullptr) {
+        entry.dn = name;
+        binding.LdapMemFree(name);
+    }
+    result.ForEachAttribute([&](char const* attribute) {
+        OctetValues values(binding, result.Handle(), result.Chain(), attribute);
+        std::vector<std::string> copies;
+        for (berval** v = values.get(); v != nullptr && *v != nullptr; ++v) {
+            copies.emplace_back((*v)->bv_val, (*v)->bv_len);
+        }
+        entry.attributes.emplace_back(attribute, std::move(copies));
+    });
+    return QORLDAP_OK;
 }

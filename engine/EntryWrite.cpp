@@ -1,9 +1,12 @@
 // Inserting, modifying and deleting whole entries.
+#include "engine/EntryWrite.h"
+
 #include <memory>
 
 #include "engine/Bounded.h"
 #include "engine/Constants.h"
-#include "engine/LdapOp.h"
+#include "engine/Modification.h"
+#include "qorldap/result_codes.h"
 
 namespace {
 
@@ -12,8 +15,7 @@ namespace {
 class Request {
   public:
     Request(int textSlots, int extraSlots)
-        : frames_(new CLdapOp::AttFrame[textSlots]),
-          list_(new ldapmod*[textSlots + extraSlots]()) {}
+        : frames_(new AttFrame[textSlots]), list_(new ldapmod*[textSlots + extraSlots]()) {}
     ~Request() {
         for (int i = 0; i < filled_; ++i) {
             delete[] frames_[i].values[0];
@@ -25,7 +27,7 @@ class Request {
 
     // Offers one text value; a refused value takes no slot and its frame is offered the next.
     void OfferText(char const* value, unsigned int op, char const* type) {
-        if (CLdapOp::GetParaAtt(value, op, type, frames_[filled_])) {
+        if (PrepareTextValue(value, op, type, frames_[filled_])) {
             list_[used_++] = &frames_[filled_].mod;
             ++filled_;
         }
@@ -34,7 +36,7 @@ class Request {
     ldapmod** List() { return list_.get(); }  // null-terminated: the list starts zero-filled
 
   private:
-    std::unique_ptr<CLdapOp::AttFrame[]> frames_;
+    std::unique_ptr<AttFrame[]> frames_;
     std::unique_ptr<ldapmod*[]> list_;
     int filled_ = 0;
     int used_ = 0;
@@ -83,10 +85,10 @@ void OfferRecord(Request& request, tagAtt const& att) {
 
 }  // namespace
 
-int CLdapOp::InsertLdap(char const* dn, tagAtt const& att, bool crypt, unsigned char* password,
-                        unsigned int passwordLength, unsigned char* publicKey,
-                        unsigned int publicKeyLength, unsigned char* privateKey,
-                        unsigned int privateKeyLength) {
+int EntryWriter::InsertLdap(char const* dn, tagAtt const& att, bool crypt, unsigned char* password,
+                            unsigned int passwordLength, unsigned char* publicKey,
+                            unsigned int publicKeyLength, unsigned char* privateKey,
+                            unsigned int privateKeyLength) {
     // A missing DN is a missing argument; the directory library would refuse it anyway.
     if (dn == nullptr) {
         return QORLDAP_E_FAILED;
@@ -97,7 +99,7 @@ int CLdapOp::InsertLdap(char const* dn, tagAtt const& att, bool crypt, unsigned 
     // binary-values flag of its records.
     OfferRecord(request, att);
     char const* privateName = crypt ? LDAP_PERSON_EN_PRI : LDAP_PERSON_SIGN_PRI;
-    char const* publicName = PublicKeyAttribute(!crypt);
+    char const* publicName = PublicKeyAttribute(!crypt, certificates_);
     BinaryValue bins[3];
     if (PrepareBinary(bins[0], privateName, privateKey, privateKeyLength)) {
         request.AddBinary(&bins[0].mod);
@@ -108,23 +110,23 @@ int CLdapOp::InsertLdap(char const* dn, tagAtt const& att, bool crypt, unsigned 
     if (PrepareBinary(bins[2], publicName, publicKey, publicKeyLength)) {
         request.AddBinary(&bins[2].mod);
     }
-    int rc = binding_.LdapAddS(Handle(), dn, request.List());
+    int rc = connection_.Binding().LdapAddS(connection_.Handle(), dn, request.List());
     return rc == 0 ? QORLDAP_OK : QORLDAP_E_FAILED;
 }
 
-int CLdapOp::ModifyLdap(char const* dn, tagAtt const& att) {
+int EntryWriter::ModifyLdap(char const* dn, tagAtt const& att) {
     if (dn == nullptr) {
         return QORLDAP_E_FAILED;
     }
     Request request(ItemCount(att) + 1, 1);
     OfferRecord(request, att);
     // Sent even when no value was accepted; the directory's answer is the result.
-    return binding_.LdapModifyS(Handle(), dn, request.List());
+    return connection_.Binding().LdapModifyS(connection_.Handle(), dn, request.List());
 }
 
-int CLdapOp::DeleteLdap(char const* dn) {
+int EntryWriter::DeleteLdap(char const* dn) {
     if (dn == nullptr) {
         return QORLDAP_E_FAILED;
     }
-    return binding_.LdapDeleteS(Handle(), dn);
+    return connection_.Binding().LdapDeleteS(connection_.Handle(), dn);
 }

@@ -114,3 +114,39 @@ bool CLdapOp::FromCNToName(char const* component, char const* type, char const* 
                            std::string& value) {
     return Naming::FromCNToName(component, type, namingAtt, value);
 }
+
+int CLdapOp::InsertLdap(char const* dn, tagAtt const& att, bool crypt, unsigned char* password,
+                        unsigned int passwordLength, unsigned char* publicKey,
+                        unsigned int publicKeyLength, unsigned char* privateKey,
+                        unsigned int privateKeyLength) {
+    return writer_.InsertLdap(dn, att, crypt, password, passwordLength, publicKey, publicKeyLength,
+                              privateKey, privateKeyLength);
+}
+
+int CLdapOp::ModifyLdap(char const* dn, tagAtt const& att) {
+    return writer_.ModifyLdap(dn, att);
+}
+
+int CLdapOp::DeleteLdap(char const* dn) {
+    return writer_.DeleteLdap(dn);
+}
+
+int CLdapOp::SelectLdapAtt(char const* dn, tagAtt& att) {
+    return lookup_.SelectLdapAtt(dn, att);
+}
+
+int CLdapOp::GetAtt(char const* dn, char const* filter, tagAtt& att) {
+    return lookup_.GetAtt(dn, filter, att);
+}
+
+int CLdapOp::SelectLdap(char const* dn, char const* condition, tagDN*& list, int& count) {
+    return lookup_.SelectLdap(dn, condition, list, count);
+}
+
+bool CLdapOp::GetChild(char const* base, char const* filter, tagDN*& list, int& count) {
+    return lookup_.GetChild(base, filter, list, count);
+}
+
+int CLdapOp::ReadEntry(char const* dn, WholeEntry& entry) {
+    return lookup_.ReadEntry(dn, entry);
+}

@@ -13,6 +13,8 @@
 #include "binding/OpenLdapIF.h"
 #include "engine/Connection.h"
 #include "engine/Constants.h"
+#include "engine/EntryLookup.h"
+#include "engine/EntryWrite.h"
 #include "engine/LinkOptions.h"
 #include "engine/Modification.h"
 #include "engine/Naming.h"
@@ -213,6 +215,8 @@ class CLdapOp {
     bool certFlag_ = true;
     TemplateTable templates_;
     Naming naming_{templates_};
+    EntryWriter writer_{connection_, certFlag_};
+    EntryLookup lookup_{connection_, templates_, settings_.Link()};
 };
 
 #endif
