@@ -150,3 +150,58 @@ bool CLdapOp::GetChild(char const* base, char const* filter, tagDN*& list, int& 
 int CLdapOp::ReadEntry(char const* dn, WholeEntry& entry) {
     return lookup_.ReadEntry(dn, entry);
 }
+
+int CLdapOp::ModifyKey(char const* dn, char const* attribute, unsigned char const* value,
+                       unsigned int length) {
+    return keys_.ModifyKey(dn, attribute, value, length);
+}
+
+int CLdapOp::ModifySignPrivateKey(char const* dn, unsigned char const* key, unsigned int length) {
+    return keys_.ModifySignPrivateKey(dn, key, length);
+}
+
+int CLdapOp::ModifySignPublicKey(char const* dn, unsigned char const* key, unsigned int length) {
+    return keys_.ModifySignPublicKey(dn, key, length);
+}
+
+int CLdapOp::ModifyCryptPrivateKey(char const* dn, unsigned char const* key, unsigned int length) {
+    return keys_.ModifyCryptPrivateKey(dn, key, length);
+}
+
+int CLdapOp::ModifyCryptPublicKey(char const* dn, unsigned char const* key, unsigned int length) {
+    return keys_.ModifyCryptPublicKey(dn, key, length);
+}
+
+int CLdapOp::DeleteSignPrivateKey(char const* dn) {
+    return keys_.DeleteSignPrivateKey(dn);
+}
+
+int CLdapOp::DeleteCryptPrivateKey(char const* dn) {
+    return keys_.DeleteCryptPrivateKey(dn);
+}
+
+int CLdapOp::GetSignPrivateKey(char const* dn, unsigned char*& key, unsigned int& length) {
+    return keys_.GetSignPrivateKey(dn, key, length);
+}
+
+int CLdapOp::GetSignPublicKey(char const* dn, unsigned char*& key, unsigned int& length) {
+    return keys_.GetSignPublicKey(dn, key, length);
+}
+
+int CLdapOp::GetCryptPrivateKey(char const* dn, unsigned char*& key, unsigned int& length) {
+    return keys_.GetCryptPrivateKey(dn, key, length);
+}
+
+int CLdapOp::GetCryptPublicKey(char const* dn, unsigned char*& key, unsigned int& length) {
+    return keys_.GetCryptPublicKey(dn, key, length);
+}
+
+int CLdapOp::GetKeyOP(char const* name, char const* attribute, unsigned char*& value,
+                      unsigned int& length) {
+    return keys_.GetKeyOP(name, attribute, value, length);
+}
+
+int CLdapOp::GetEachKey(char const* dn, char const* attribute, unsigned char*& value,
+                        unsigned int& length) {
+    return keys_.GetEachKey(dn, attribute, value, length);
+}

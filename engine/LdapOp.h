@@ -15,6 +15,7 @@
 #include "engine/Constants.h"
 #include "engine/EntryLookup.h"
 #include "engine/EntryWrite.h"
+#include "engine/KeyStore.h"
 #include "engine/LinkOptions.h"
 #include "engine/Modification.h"
 #include "engine/Naming.h"
@@ -189,13 +190,12 @@ class CLdapOp {
         return connection_.Search(base, scope, filter, result, attributes);
     }
     ldap* Handle() const { return connection_.Handle(); }
-    int ReplaceBinary(char const* dn, char const* attribute, berval** values);
-    // One modify request replacing two binary attributes with one value each.
     int ReplacePair(char const* dn, char const* first, unsigned char const* firstValue,
                     unsigned int firstLength, char const* second, unsigned char const* secondValue,
-                    unsigned int secondLength);
-    // Removes a private-key attribute: a replace with no values.
-    int RemoveKey(char const* dn, char const* attribute);
+                    unsigned int secondLength) {
+        return keys_.ReplacePair(dn, first, firstValue, firstLength, second, secondValue,
+                                 secondLength);
+    }
     // Re-protects one stored private key; see ModifyPriKeyPsw.
     template <typename Get, typename Put>
     int ReprotectKey(std::string const& dn, char const* oldPsw, char const* newPsw, Get get,
@@ -217,6 +217,7 @@ class CLdapOp {
     Naming naming_{templates_};
     EntryWriter writer_{connection_, certFlag_};
     EntryLookup lookup_{connection_, templates_, settings_.Link()};
+    KeyStore keys_{connection_, naming_, certFlag_};
 };
 
 #endif

@@ -1,13 +1,16 @@
 // The key and certificate attributes of a user's entry: one replace per write, one base search
 // per read. Values are opaque octets.
+#include "engine/KeyStore.h"
+
 #include <cstring>
 
 #include "engine/Bounded.h"
 #include "engine/Constants.h"
-#include "engine/LdapOp.h"
+#include "engine/SearchResult.h"
+#include "qorldap/result_codes.h"
 
-int CLdapOp::ModifyKey(char const* dn, char const* attribute, unsigned char const* value,
-                       unsigned int length) {
+int KeyStore::ModifyKey(char const* dn, char const* attribute, unsigned char const* value,
+                        unsigned int length) {
     if (length == 0 || value == nullptr || dn == nullptr || attribute == nullptr) {
         return QORLDAP_E_FAILED;
     }
@@ -22,7 +25,7 @@ int CLdapOp::ModifyKey(char const* dn, char const* attribute, unsigned char cons
 // A replace that carries no values removes the attribute, and the directory accepts it also
 // when the attribute is already absent: 0 means the key is gone either way. A missing entry
 // gives the directory's code (32).
-int CLdapOp::RemoveKey(char const* dn, char const* attribute) {
+int KeyStore::RemoveKey(char const* dn, char const* attribute) {
     if (dn == nullptr) {
         return QORLDAP_E_FAILED;
     }
@@ -32,19 +35,19 @@ int CLdapOp::RemoveKey(char const* dn, char const* attribute) {
 }
 
 // One modify request with one binary replace, all in local storage for the synchronous call.
-int CLdapOp::ReplaceBinary(char const* dn, char const* attribute, berval** values) {
+int KeyStore::ReplaceBinary(char const* dn, char const* attribute, berval** values) {
     LDAPMod mod;
     mod.mod_op = QOR_MOD_BINARY_REPLACE;
     mod.mod_type = const_cast<char*>(attribute);
     mod.mod_bvalues = values;
     ldapmod* mods[2] = {&mod, nullptr};
-    return binding_.LdapModifyS(Handle(), dn, mods);
+    return connection_.Binding().LdapModifyS(connection_.Handle(), dn, mods);
 }
 
 // Both replaces in one request: the directory applies a modify request whole or not at all.
-int CLdapOp::ReplacePair(char const* dn, char const* first, unsigned char const* firstValue,
-                         unsigned int firstLength, char const* second,
-                         unsigned char const* secondValue, unsigned int secondLength) {
+int KeyStore::ReplacePair(char const* dn, char const* first, unsigned char const* firstValue,
+                          unsigned int firstLength, char const* second,
+                          unsigned char const* secondValue, unsigned int secondLength) {
     if (dn == nullptr || firstValue == nullptr || firstLength == 0 || secondValue == nullptr ||
         secondLength == 0) {
         return QORLDAP_E_FAILED;
@@ -65,56 +68,56 @@ int CLdapOp::ReplacePair(char const* dn, char const* first, unsigned char const*
     mods[1].mod_type = const_cast<char*>(second);
     mods[1].mod_bvalues = secondValues;
     ldapmod* list[3] = {&mods[0], &mods[1], nullptr};
-    return binding_.LdapModifyS(Handle(), dn, list);
+    return connection_.Binding().LdapModifyS(connection_.Handle(), dn, list);
 }
 
-int CLdapOp::ModifySignPrivateKey(char const* dn, unsigned char const* key, unsigned int length) {
+int KeyStore::ModifySignPrivateKey(char const* dn, unsigned char const* key, unsigned int length) {
     return ModifyKey(dn, LDAP_PERSON_SIGN_PRI, key, length);
 }
 
-int CLdapOp::ModifySignPublicKey(char const* dn, unsigned char const* key, unsigned int length) {
+int KeyStore::ModifySignPublicKey(char const* dn, unsigned char const* key, unsigned int length) {
     return ModifyKey(dn, PublicKeyAttribute(true), key, length);
 }
 
-int CLdapOp::ModifyCryptPrivateKey(char const* dn, unsigned char const* key, unsigned int length) {
+int KeyStore::ModifyCryptPrivateKey(char const* dn, unsigned char const* key, unsigned int length) {
     return ModifyKey(dn, LDAP_PERSON_EN_PRI, key, length);
 }
 
-int CLdapOp::ModifyCryptPublicKey(char const* dn, unsigned char const* key, unsigned int length) {
+int KeyStore::ModifyCryptPublicKey(char const* dn, unsigned char const* key, unsigned int length) {
     return ModifyKey(dn, PublicKeyAttribute(false), key, length);
 }
 
-int CLdapOp::DeleteSignPrivateKey(char const* dn) {
+int KeyStore::DeleteSignPrivateKey(char const* dn) {
     return RemoveKey(dn, LDAP_PERSON_SIGN_PRI);
 }
 
-int CLdapOp::DeleteCryptPrivateKey(char const* dn) {
+int KeyStore::DeleteCryptPrivateKey(char const* dn) {
     return RemoveKey(dn, LDAP_PERSON_EN_PRI);
 }
 
-int CLdapOp::GetSignPrivateKey(char const* dn, unsigned char*& key, unsigned int& length) {
+int KeyStore::GetSignPrivateKey(char const* dn, unsigned char*& key, unsigned int& length) {
     return GetKeyOP(dn, LDAP_PERSON_SIGN_PRI, key, length);
 }
 
-int CLdapOp::GetSignPublicKey(char const* dn, unsigned char*& key, unsigned int& length) {
+int KeyStore::GetSignPublicKey(char const* dn, unsigned char*& key, unsigned int& length) {
     return GetKeyOP(dn, PublicKeyAttribute(true), key, length);
 }
 
-int CLdapOp::GetCryptPrivateKey(char const* dn, unsigned char*& key, unsigned int& length) {
+int KeyStore::GetCryptPrivateKey(char const* dn, unsigned char*& key, unsigned int& length) {
     return GetKeyOP(dn, LDAP_PERSON_EN_PRI, key, length);
 }
 
-int CLdapOp::GetCryptPublicKey(char const* dn, unsigned char*& key, unsigned int& length) {
+int KeyStore::GetCryptPublicKey(char const* dn, unsigned char*& key, unsigned int& length) {
     return GetKeyOP(dn, PublicKeyAttribute(false), key, length);
 }
 
-int CLdapOp::GetKeyOP(char const* name, char const* attribute, unsigned char*& value,
-                      unsigned int& length) {
+int KeyStore::GetKeyOP(char const* name, char const* attribute, unsigned char*& value,
+                       unsigned int& length) {
     value = nullptr;
     length = 0;
     std::string condition;
     int kind = 0;
-    if (!GetCondition(name, condition, kind)) {
+    if (!naming_.GetCondition(name, condition, kind)) {
         return QORLDAP_E_FAILED;
     }
     if (GetEachKey(name, attribute, value, length) != QORLDAP_OK) {
@@ -123,8 +126,8 @@ int CLdapOp::GetKeyOP(char const* name, char const* attribute, unsigned char*& v
     return QORLDAP_OK;
 }
 
-int CLdapOp::GetEachKey(char const* dn, char const* attribute, unsigned char*& value,
-                        unsigned int& length) {
+int KeyStore::GetEachKey(char const* dn, char const* attribute, unsigned char*& value,
+                         unsigned int& length) {
     value = nullptr;
     length = 0;
     if (dn == nullptr || attribute == nullptr) {
@@ -135,15 +138,16 @@ int CLdapOp::GetEachKey(char const* dn, char const* attribute, unsigned char*& v
     if (!qor::Format(filter, sizeof filter, LDAP_KEY_CONDITION, attribute, LDAP_E, LDAP_ALL)) {
         return QORLDAP_E_FAILED;
     }
-    SearchResult result(binding_, Handle());
-    if (Search(dn, LDAP_SCOPE_BASE, filter, result) != 0) {
+    COpenLdapIF& binding = connection_.Binding();
+    SearchResult result(binding, connection_.Handle());
+    if (connection_.Search(dn, LDAP_SCOPE_BASE, filter, result) != 0) {
         return QORLDAP_E_FAILED;
     }
     if (result.Chain() == nullptr) {
         return QORLDAP_OK;
     }
     result.ForEachAttribute([&](char const* name) {
-        OctetValues values(binding_, result.Handle(), result.Chain(), name);
+        OctetValues values(binding, result.Handle(), result.Chain(), name);
         berval const* first = values.First();
         if (first == nullptr || std::strcmp(name, attribute) != 0) {
             return;
