@@ -55,8 +55,7 @@ int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pf
         return QORLDAP_E_PKCS12;
     }
     if (!GetCertInfo(cert.get(), static_cast<int>(certLength), *info)) {
-        outcome.Refuse(QORLDAP_REFUSED_SUBJECT,
-                       "the certificate's subject holds a control character or is too long");
+        outcome.Refuse(QORLDAP_REFUSED_SUBJECT, LastCertInfoFault());
         return QORLDAP_E_PKCS12;
     }
     // Refusals come before anything is written: a subject that would name some other entry
@@ -66,11 +65,12 @@ int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pf
         outcome.Refuse(QORLDAP_REFUSED_SUBJECT, fault);
         return QORLDAP_E_PKCS12;
     }
-    if (link_.refuseWeakKeys && IsWeakKey(key.Data(), keyLength)) {
-        outcome.Refuse(QORLDAP_REFUSED_WEAK_KEY,
-                       "the key gives less than 112-bit security, or lies on an explicitly "
-                       "given curve");
-        return QORLDAP_E_PKCS12;
+    if (link_.refuseWeakKeys) {
+        std::string const weak = WeakKeyReason(key.Data(), keyLength);
+        if (!weak.empty()) {
+            outcome.Refuse(QORLDAP_REFUSED_WEAK_KEY, weak);
+            return QORLDAP_E_PKCS12;
+        }
     }
     int rc = InsertOrganization(info->subject, dn);
     if (rc != QORLDAP_OK) {

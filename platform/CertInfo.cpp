@@ -3,12 +3,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
 
 #include <openssl/asn1.h>
 #include <openssl/objects.h>
 #include <openssl/x509.h>
 
 #include "platform/CryptoContext.h"
+#include "platform/NameText.h"
 #include "platform/OsslPtr.h"
 
 namespace {
@@ -23,10 +25,20 @@ bool Append(char* buf, size_t cap, size_t& used, char const* text, size_t len) {
     return true;
 }
 
+std::string& Fault() {
+    thread_local std::string fault;
+    return fault;
+}
+
 }  // namespace
+
+std::string LastCertInfoFault() {
+    return Fault();
+}
 
 bool GetCertInfo(unsigned char const* cert, int certLen, tagCERT& info) {
     std::memset(&info, 0, sizeof info);
+    Fault() = "the certificate does not parse";
     if (cert == nullptr || certLen <= 0)
         return false;
     OSSL_LIB_CTX* ctx = qor::FullCryptoContext();
@@ -70,15 +82,28 @@ bool GetCertInfo(unsigned char const* cert, int certLen, tagCERT& info) {
         // lines of its own choosing (and so name another user's entry), a carriage return or
         // a tab would end up inside a name, a NUL would cut the value short. A subject with
         // any control character in any value is refused.
-        ok = valueLen >= 0 &&
-             std::none_of(value.get(), value.get() + valueLen,
-                          [](unsigned char c) { return c < 0x20 || c == 0x7F; }) &&
-             (i == 0 || Append(out, cap, used, "\n", 1)) &&
+        unsigned char const* const control =
+            valueLen < 0 ? nullptr
+                         : std::find_if(value.get(), value.get() + valueLen,
+                                        [](unsigned char c) { return c < 0x20 || c == 0x7F; });
+        if (valueLen >= 0 && control != value.get() + valueLen) {
+            std::string const text(reinterpret_cast<char const*>(value.get()),
+                                   static_cast<size_t>(valueLen));
+            Fault() = std::string("subject attribute ") + type + " holds " +
+                      qor::DescribeNameFault(text, qor::NameFault::kControl,
+                                             static_cast<size_t>(control - value.get()));
+            ok = false;
+            break;
+        }
+        Fault() = "the certificate's subject is longer than " + std::to_string(cap - 1) + " bytes";
+        ok = valueLen >= 0 && (i == 0 || Append(out, cap, used, "\n", 1)) &&
              Append(out, cap, used, type, std::strlen(type)) && Append(out, cap, used, "=", 1) &&
              Append(out, cap, used, reinterpret_cast<char const*>(value.get()),
                     static_cast<size_t>(valueLen));
     }
     if (!ok)
         std::memset(&info, 0, sizeof info);
+    else
+        Fault().clear();
     return ok;
 }

@@ -7,6 +7,7 @@
 #define QORLDAP_PLATFORM_CERTINFO_H
 
 #include <cstddef>
+#include <string>
 
 // Certificate description. Only the subject text is filled and read; the record keeps the
 // width and the subject's place of the record this layer stands in for.
@@ -21,5 +22,8 @@ static_assert(offsetof(tagCERT, subject) == 608, "subject starts 608 bytes in");
 // value in encoding order, "type=value" with OpenSSL's short type names, values as UTF-8.
 // info is zeroed first. false when the certificate does not parse or the subject does not fit.
 bool GetCertInfo(unsigned char const* cert, int certLen, tagCERT& info);
+// Why the calling thread's last GetCertInfo refused, for people ("subject attribute O holds a
+// line feed (0x0A)"); empty after a success.
+std::string LastCertInfoFault();
 
 #endif

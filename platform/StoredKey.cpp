@@ -3,6 +3,7 @@
 
 #include <climits>
 #include <cstring>
+#include <string>
 
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
@@ -51,31 +52,45 @@ bool IsProtectedKey(unsigned char const* der, unsigned int len) {
            ASN1_STRING_length(encrypted) > 0;
 }
 
-bool IsWeakKey(unsigned char const* key, unsigned int keyLen) {
+std::string WeakKeyReason(unsigned char const* key, unsigned int keyLen) {
     if (key == nullptr || keyLen == 0 || keyLen > INT_MAX)
-        return true;
+        return "no key";
     OSSL_LIB_CTX* ctx = qor::FullCryptoContext();
     if (ctx == nullptr)
-        return true;
+        return "a key that cannot be examined";
     qor::ErrorScope errors;
     unsigned char const* p = key;
     Pkcs8Ptr const p8(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &p, static_cast<long>(keyLen)));
     EvpPkeyPtr const pkey(p8 == nullptr ? nullptr : EVP_PKCS82PKEY_ex(p8.get(), ctx, nullptr));
     if (pkey == nullptr)
-        return true;
+        return "a key that does not parse";
     // 112 bits: RSA and DSA of 2048 bits, curves of 224 bits. A curve given by explicit
     // parameters rather than by name is refused whatever its size: its parameters could be
     // anything, and named curves are all any CA issues.
-    if (EVP_PKEY_get_security_bits(pkey.get()) < 112)
-        return true;
-    if (EVP_PKEY_is_a(pkey.get(), "EC")) {
+    std::string kind = EVP_PKEY_get0_type_name(pkey.get()) != nullptr
+                           ? EVP_PKEY_get0_type_name(pkey.get())
+                           : "a key";
+    bool const ec = EVP_PKEY_is_a(pkey.get(), "EC");
+    char group[80] = {0};
+    if (ec) {
         char encoding[32] = {0};
         if (!EVP_PKEY_get_utf8_string_param(pkey.get(), OSSL_PKEY_PARAM_EC_ENCODING, encoding,
                                             sizeof encoding, nullptr) ||
             std::strcmp(encoding, OSSL_PKEY_EC_ENCODING_GROUP) != 0)
-            return true;
+            return "an EC key with explicit parameters (only named curves are taken)";
+        if (EVP_PKEY_get_group_name(pkey.get(), group, sizeof group, nullptr) == 1)
+            kind += std::string(" ") + group;
     }
-    return false;
+    int const bits = EVP_PKEY_get_security_bits(pkey.get());
+    if (bits >= 112)
+        return "";
+    if (!ec)
+        kind += " " + std::to_string(EVP_PKEY_get_bits(pkey.get())) + " bits";
+    return kind + ", " + std::to_string(bits) + "-bit security (at least 112 needed)";
+}
+
+bool IsWeakKey(unsigned char const* key, unsigned int keyLen) {
+    return !WeakKeyReason(key, keyLen).empty();
 }
 
 bool Convert2Key(unsigned char const* key, unsigned int keyLen, char const* psw, unsigned char* out,

@@ -8,9 +8,15 @@
 #ifndef QORLDAP_PLATFORM_STOREDKEY_H
 #define QORLDAP_PLATFORM_STOREDKEY_H
 
+#include <string>
+
 // Whether an unencrypted PKCS#8 DER private key gives less than 112-bit security (RSA or DSA
 // below 2048 bits, curves below 224 bits) or is an EC key over explicit parameters. A key that
 // does not parse counts as weak.
+// Why an unencrypted PKCS#8 DER private key is too weak to keep, for people ("RSA 1024 bits,
+// 80-bit security (at least 112 needed)", "EC prime192v1, 80-bit security ...", "an EC key
+// with explicit parameters ..."); empty when it is not weak.
+std::string WeakKeyReason(unsigned char const* key, unsigned int keyLen);
 bool IsWeakKey(unsigned char const* key, unsigned int keyLen);
 
 // Protects an unencrypted PKCS#8 DER private key under psw as DER EncryptedPrivateKeyInfo
