@@ -1,6 +1,8 @@
 // The engine façade: each member hands its call to the part that owns the operation.
 #include "engine/LdapOp.h"
 
+#include "engine/Records.h"
+
 CLdapOp::CLdapOp() {
     // An engine whose schema file does not load is built all the same, with no templates;
     // the operations that need templates then refuse.
@@ -43,25 +45,15 @@ void CLdapOp::SetLdapAtt(LdapInfo info) {
 }
 
 void CLdapOp::FreeKey(unsigned char*& key) {
-    if (key != nullptr) {
-        delete[] key;
-        key = nullptr;
-    }
+    qor::FreeKey(key);
 }
 
 void CLdapOp::FreeAtt(tagAtt* att) {
-    if (att == nullptr) {
-        return;
-    }
-    if (att->items != nullptr) {
-        delete[] att->items;
-        att->items = nullptr;
-    }
-    att->itemCount = 0;
+    qor::FreeAtt(att);
 }
 
 void CLdapOp::FreeDN(tagDN* list, int /*count*/) {
-    delete[] list;
+    qor::FreeDN(list);
 }
 
 bool CLdapOp::ReadConfig() {
@@ -204,4 +196,21 @@ int CLdapOp::GetKeyOP(char const* name, char const* attribute, unsigned char*& v
 int CLdapOp::GetEachKey(char const* dn, char const* attribute, unsigned char*& value,
                         unsigned int& length) {
     return keys_.GetEachKey(dn, attribute, value, length);
+}
+
+bool CLdapOp::GetChildKey(char const* base, int depth, char const* value, char const* attribute,
+                          unsigned char*& key, unsigned int& length, std::string& foundDn) {
+    return users_.GetChildKey(base, depth, value, attribute, key, length, foundDn);
+}
+
+int CLdapOp::GetFullDN(char const* name, std::string& dn) {
+    return users_.GetFullDN(name, dn);
+}
+
+int CLdapOp::FindUser(char const* value, std::string& dn) {
+    return users_.FindUser(value, dn);
+}
+
+int CLdapOp::ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw) {
+    return password_.ModifyPriKeyPsw(name, oldPsw, newPsw);
 }

@@ -15,14 +15,17 @@
 #include "engine/Constants.h"
 #include "engine/EntryLookup.h"
 #include "engine/EntryWrite.h"
+#include "engine/KeyProtect.h"
 #include "engine/KeyStore.h"
 #include "engine/LinkOptions.h"
 #include "engine/Modification.h"
 #include "engine/Naming.h"
+#include "engine/PasswordChange.h"
 #include "engine/RootCheck.h"
 #include "engine/SearchResult.h"
 #include "engine/ServerSettings.h"
 #include "engine/TemplateTable.h"
+#include "engine/UserLookup.h"
 #include "platform/IniFile.h"
 #include "qorldap/records.h"
 #include "qorldap/result_codes.h"
@@ -196,15 +199,10 @@ class CLdapOp {
         return keys_.ReplacePair(dn, first, firstValue, firstLength, second, secondValue,
                                  secondLength);
     }
-    // Re-protects one stored private key; see ModifyPriKeyPsw.
-    template <typename Get, typename Put>
-    int ReprotectKey(std::string const& dn, char const* oldPsw, char const* newPsw, Get get,
-                     Put put);
-    // Protects an unencrypted PKCS#8 key of length bytes under psw for storing (Convert2Key,
-    // asked for the size, then run). QORLDAP_OK with out holding the protected key, or
-    // QORLDAP_E_KEY_CONVERT with out empty. See engine/KeyProtect.cpp.
     static int ProtectKey(unsigned char const* key, unsigned int length, char const* psw,
-                          WipedBuffer& out);
+                          WipedBuffer& out) {
+        return qor::ProtectKey(key, length, psw, out);
+    }
 
     ServerSettings settings_{SECTION_LDAP};
     LinkOptions const& link_ = settings_.Link();
@@ -218,6 +216,8 @@ class CLdapOp {
     EntryWriter writer_{connection_, certFlag_};
     EntryLookup lookup_{connection_, templates_, settings_.Link()};
     KeyStore keys_{connection_, naming_, certFlag_};
+    UserLookup users_{settings_, connection_, templates_, naming_, lookup_, keys_};
+    PasswordChange password_{users_, keys_};
 };
 
 #endif

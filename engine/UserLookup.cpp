@@ -1,11 +1,16 @@
-// The opt-in lookup of a user by name ("fast_lookup = yes" in soap.ini): one indexed search
-// instead of the walk down the tree, and child listings that ask for names only.
+// Finding a user's entry from the common name: the walk down the tree from the base DN, and
+// the opt-in lookup ("fast_lookup = yes" in soap.ini), one indexed search instead of the walk.
+#include "engine/UserLookup.h"
+
 #include <cstring>
 #include <utility>
 
+#include "engine/Bounded.h"
 #include "engine/Constants.h"
-#include "engine/LdapOp.h"
+#include "engine/Records.h"
+#include "engine/SearchResult.h"
 #include "platform/Trim.h"
+#include "qorldap/result_codes.h"
 
 namespace {
 
@@ -71,6 +76,71 @@ std::string Parent(std::string const& dn) {
 
 }  // namespace
 
+// Depth first, first match wins. Each visited DN costs two searches (its children and itself)
+// and each candidate at the last level one more; nothing is cached.
+bool UserLookup::GetChildKey(char const* base, int depth, char const* value, char const* attribute,
+                             unsigned char*& key, unsigned int& length, std::string& foundDn) {
+    if (depth > templates_.Count() || templates_.Empty()) {
+        return false;
+    }
+    tagDN* children = nullptr;
+    int count = 0;
+    bool found = false;
+    tagAtt self;
+    std::memset(&self, 0, sizeof self);
+    if (entries_.SelectLdap(base, nullptr, children, count) == QORLDAP_OK &&
+        entries_.SelectLdapAtt(base, self) == QORLDAP_OK) {
+        if (depth + 1 == templates_.Count()) {
+            // A candidate DN longer than the 512 characters the walk composes in is skipped.
+            char candidate[513];
+            if (count > 0 &&
+                qor::Format(candidate, sizeof candidate, LDAP_DN_COMPOSE,
+                            templates_[templates_.Count() - 1].namingAtt, value, base)) {
+                if (keys_.GetEachKey(candidate, attribute, key, length) == QORLDAP_OK &&
+                    length != 0) {
+                    foundDn = candidate;
+                    found = true;
+                } else {
+                    qor::FreeKey(key);
+                    length = 0;
+                }
+            }
+        } else {
+            for (int i = 0; i < count; ++i) {
+                qor::FreeKey(key);
+                GetChildKey(children[i].dn, depth + 1, value, attribute, key, length, foundDn);
+                if (key != nullptr && length != 0) {
+                    break;
+                }
+            }
+            found = key != nullptr && length != 0;
+        }
+    }
+    qor::FreeDN(children);
+    qor::FreeAtt(&self);
+    return found;
+}
+
+int UserLookup::GetFullDN(char const* name, std::string& dn) {
+    std::string condition;
+    int kind = 0;
+    if (!naming_.GetCondition(name, condition, kind)) {
+        return QORLDAP_E_FAILED;
+    }
+    if (link_.fastLookup) {
+        return FindUser(condition.c_str(), dn);
+    }
+    unsigned char* key = nullptr;
+    unsigned int length = 0;
+    LdapInfo const settings = settings_.Get();
+    if (!GetChildKey(settings.basedn, 0, condition.c_str(), LDAP_PERSON_CN, key, length, dn)) {
+        qor::FreeKey(key);
+        return QORLDAP_E_FAILED;
+    }
+    qor::FreeKey(key);
+    return QORLDAP_OK;
+}
+
 // The walk finds users exactly as many levels below the base as there are templates, and names
 // them "<naming attribute>=<value as given>, <parent>", the parent as the server listed it (the
 // base as set for the first level). The search keeps to the same: entries at other depths are
@@ -79,20 +149,21 @@ std::string Parent(std::string const& dn) {
 // walk takes the first of two users of one name in the server's listing order, the lookup
 // refuses: a password change must not reach a user the caller may not have meant. Intermediate
 // entries are not required to hold ou or cn, as the walk's listings are.
-int CLdapOp::FindUser(char const* value, std::string& dn) {
-    LdapInfo const settings = Settings();
+int UserLookup::FindUser(char const* value, std::string& dn) {
+    LdapInfo const settings = settings_.Get();
     char const* naming = templates_[templates_.Count() - 1].namingAtt;
     std::string const filter = "(" + std::string(naming) + "=" + FilterValue(value) + ")";
     NoAttributes attributes;
-    SearchResult result(binding_, Handle());
-    int rc = binding_.LdapSearchExtS(result.Handle(), settings.basedn, LDAP_SCOPE_SUBTREE,
-                                     filter.c_str(), attributes.List(), 0, nullptr, nullptr,
-                                     nullptr, kLookupSizeLimit, result.Out());
+    COpenLdapIF& binding = connection_.Binding();
+    SearchResult result(binding, connection_.Handle());
+    int rc = binding.LdapSearchExtS(result.Handle(), settings.basedn, LDAP_SCOPE_SUBTREE,
+                                    filter.c_str(), attributes.List(), 0, nullptr, nullptr, nullptr,
+                                    kLookupSizeLimit, result.Out());
     if (rc != LDAP_SUCCESS || result.Chain() == nullptr) {
         return QORLDAP_E_FAILED;  // no such base, no answer, or more users than the limit
     }
     int const depth = Components(settings.basedn) + templates_.Count();
-    int const entries = binding_.LdapCountEntries(result.Handle(), result.Chain());
+    int const entries = binding.LdapCountEntries(result.Handle(), result.Chain());
     std::string parent;
     int users = 0;
     result.ForEachEntryDn(entries, [&](char const* found, int) {
