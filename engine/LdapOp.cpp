@@ -214,3 +214,12 @@ int CLdapOp::FindUser(char const* value, std::string& dn) {
 int CLdapOp::ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw) {
     return password_.ModifyPriKeyPsw(name, oldPsw, newPsw);
 }
+
+int CLdapOp::InsertOrganization(char const* subject, std::string& dn) {
+    return paths_.InsertOrganization(subject, dn);
+}
+
+int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pfxPsw,
+                        char const* keyPsw, bool sign, bool publicOnly) {
+    return publisher_.PublishP12(pfx, pfxLength, pfxPsw, keyPsw, sign, publicOnly);
+}

@@ -20,7 +20,9 @@
 #include "engine/LinkOptions.h"
 #include "engine/Modification.h"
 #include "engine/Naming.h"
+#include "engine/OrgPath.h"
 #include "engine/PasswordChange.h"
+#include "engine/Pkcs12Publish.h"
 #include "engine/RootCheck.h"
 #include "engine/SearchResult.h"
 #include "engine/ServerSettings.h"
@@ -183,31 +185,8 @@ class CLdapOp {
                    bool sign, bool publicOnly);
 
   private:
-    // The attribute of the signing (sign) or encryption public key, as the certificate flag says.
-    char const* PublicKeyAttribute(bool sign) const {
-        return ::PublicKeyAttribute(sign, certFlag_);
-    }
-    LdapInfo Settings() const { return settings_.Get(); }
-    int Search(char const* base, int scope, char const* filter, SearchResult& result,
-               char** attributes = nullptr) {
-        return connection_.Search(base, scope, filter, result, attributes);
-    }
-    ldap* Handle() const { return connection_.Handle(); }
-    int ReplacePair(char const* dn, char const* first, unsigned char const* firstValue,
-                    unsigned int firstLength, char const* second, unsigned char const* secondValue,
-                    unsigned int secondLength) {
-        return keys_.ReplacePair(dn, first, firstValue, firstLength, second, secondValue,
-                                 secondLength);
-    }
-    static int ProtectKey(unsigned char const* key, unsigned int length, char const* psw,
-                          WipedBuffer& out) {
-        return qor::ProtectKey(key, length, psw, out);
-    }
-
     ServerSettings settings_{SECTION_LDAP};
-    LinkOptions const& link_ = settings_.Link();
     Connection connection_{settings_};
-    COpenLdapIF& binding_ = connection_.Binding();
     RootCheck root_{connection_, settings_};
     // Public keys are kept as certificates: set, and never changed.
     bool certFlag_ = true;
@@ -218,6 +197,8 @@ class CLdapOp {
     KeyStore keys_{connection_, naming_, certFlag_};
     UserLookup users_{settings_, connection_, templates_, naming_, lookup_, keys_};
     PasswordChange password_{users_, keys_};
+    PathBuilder paths_{settings_, templates_, lookup_, writer_};
+    Publisher publisher_{settings_.Link(), naming_, paths_, keys_};
 };
 
 #endif

@@ -1,11 +1,15 @@
 // Creating, level by level, the organisational path that a certificate subject names.
+#include "engine/OrgPath.h"
+
 #include <algorithm>
 #include <cstring>
 
 #include "engine/Bounded.h"
 #include "engine/Constants.h"
-#include "engine/LdapOp.h"
+#include "engine/Naming.h"
+#include "engine/Records.h"
 #include "platform/ChineseCode.h"
+#include "qorldap/result_codes.h"
 
 namespace {
 
@@ -30,9 +34,9 @@ bool ToInterfaceText(std::string& text) {
 // Each level puts "attr=value, " in front of the path so far, values unescaped. A path that
 // would not fit the 255 characters of a record's dn field is refused with 0x16000010: it is
 // never cut, since a cut path would name some other entry.
-int CLdapOp::InsertOrganization(char const* subject, std::string& dn) {
+int PathBuilder::InsertOrganization(char const* subject, std::string& dn) {
     char path[512];
-    if (!qor::FitCopy(path, Settings().basedn)) {
+    if (!qor::FitCopy(path, settings_.Get().basedn)) {
         return QORLDAP_E_FAILED;
     }
     if (templates_.Empty()) {
@@ -41,7 +45,7 @@ int CLdapOp::InsertOrganization(char const* subject, std::string& dn) {
     for (int i = 0; i < templates_.Count(); ++i) {
         tagAtt level = templates_[i];
         std::string value;
-        bool known = subject != nullptr && ParseSubject(subject, level.namingAtt, value);
+        bool known = subject != nullptr && Naming::ParseSubject(subject, level.namingAtt, value);
         char composed[512];
         if (!qor::Format(composed, sizeof composed, LDAP_DN_COMPOSE, level.namingAtt,
                          known ? value.c_str() : LDAP_OTHER_DEPARTMENT, path) ||
@@ -51,12 +55,12 @@ int CLdapOp::InsertOrganization(char const* subject, std::string& dn) {
         std::memcpy(path, composed, sizeof path);
         level.items = nullptr;
         level.itemCount = 0;
-        int rc = SelectLdapAtt(path, level);
+        int rc = entries_.SelectLdapAtt(path, level);
         if (rc != QORLDAP_OK) {
             return rc;
         }
         if (level.itemCount > 0) {
-            FreeAtt(&level);
+            qor::FreeAtt(&level);
             dn = path;
             continue;
         }
@@ -83,8 +87,8 @@ int CLdapOp::InsertOrganization(char const* subject, std::string& dn) {
         item->valueKnown = known ? 1 : 0;
         created.items = item;
         created.itemCount = 1;
-        rc = InsertLdap(path, created, true, nullptr, 0, nullptr, 0, nullptr, 0);
-        FreeAtt(&created);
+        rc = writer_.InsertLdap(path, created, true, nullptr, 0, nullptr, 0, nullptr, 0);
+        qor::FreeAtt(&created);
         if (rc != QORLDAP_OK) {
             return rc;
         }

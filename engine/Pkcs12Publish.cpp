@@ -1,14 +1,17 @@
 // Publishing a PKCS#12 bundle: the path its certificate subject names, then the certificate and
 // the password-protected private key in the deepest entry.
+#include "engine/Pkcs12Publish.h"
+
 #include <climits>
 #include <cstring>
 #include <memory>
 
 #include "engine/Constants.h"
-#include "engine/LdapOp.h"
+#include "engine/KeyProtect.h"
 #include "engine/Outcome.h"
 #include "platform/Crypto.h"
 #include "platform/WipedBuffer.h"
+#include "qorldap/result_codes.h"
 
 namespace {
 
@@ -23,8 +26,8 @@ struct ForgetBundleOnReturn {
 
 }  // namespace
 
-int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pfxPsw,
-                        char const* keyPsw, bool sign, bool publicOnly) {
+int Publisher::PublishP12(char const* pfx, unsigned long pfxLength, char const* pfxPsw,
+                          char const* keyPsw, bool sign, bool publicOnly) {
     std::unique_ptr<tagCERT> info(new tagCERT());
     std::string dn;
     qor::Outcome& outcome = qor::Outcome::OfThread();
@@ -61,7 +64,7 @@ int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pf
     // Refusals come before anything is written: a subject that would name some other entry
     // than the one it spells, and (when asked for) a key too weak to be worth keeping.
     std::string fault;
-    if (!CheckSubject(info->subject, &fault)) {
+    if (!naming_.CheckSubject(info->subject, &fault)) {
         outcome.Refuse(QORLDAP_REFUSED_SUBJECT, fault);
         return QORLDAP_E_PKCS12;
     }
@@ -72,31 +75,31 @@ int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pf
             return QORLDAP_E_PKCS12;
         }
     }
-    int rc = InsertOrganization(info->subject, dn);
+    int rc = paths_.InsertOrganization(info->subject, dn);
     if (rc != QORLDAP_OK) {
         return rc;
     }
     outcome.dn = dn;
     WipedBuffer stored;
     if (!publicOnly) {
-        rc = ProtectKey(key.Data(), keyLength, keyPsw, stored);
+        rc = qor::ProtectKey(key.Data(), keyLength, keyPsw, stored);
         if (rc != QORLDAP_OK) {
             outcome.Refuse(QORLDAP_REFUSED_EMPTY_PASSWORD, "the key password is missing or empty");
             return rc;
         }
     }
     if (link_.atomicPublish && !publicOnly) {
-        return ReplacePair(dn.c_str(), PublicKeyAttribute(sign), cert.get(), certLength,
-                           sign ? LDAP_PERSON_SIGN_PRI : LDAP_PERSON_EN_PRI, stored.Data(),
-                           static_cast<unsigned int>(stored.Size()));
+        return keys_.ReplacePair(dn.c_str(), keys_.PublicKeyAttribute(sign), cert.get(), certLength,
+                                 sign ? LDAP_PERSON_SIGN_PRI : LDAP_PERSON_EN_PRI, stored.Data(),
+                                 static_cast<unsigned int>(stored.Size()));
     }
     // The certificate before the private key; a failed key store leaves the certificate.
-    rc = sign ? ModifySignPublicKey(dn.c_str(), cert.get(), certLength)
-              : ModifyCryptPublicKey(dn.c_str(), cert.get(), certLength);
+    rc = sign ? keys_.ModifySignPublicKey(dn.c_str(), cert.get(), certLength)
+              : keys_.ModifyCryptPublicKey(dn.c_str(), cert.get(), certLength);
     if (rc != QORLDAP_OK || publicOnly) {
         return rc;
     }
     auto const storedLength = static_cast<unsigned int>(stored.Size());
-    return sign ? ModifySignPrivateKey(dn.c_str(), stored.Data(), storedLength)
-                : ModifyCryptPrivateKey(dn.c_str(), stored.Data(), storedLength);
+    return sign ? keys_.ModifySignPrivateKey(dn.c_str(), stored.Data(), storedLength)
+                : keys_.ModifyCryptPrivateKey(dn.c_str(), stored.Data(), storedLength);
 }
