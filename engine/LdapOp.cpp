@@ -1,4 +1,5 @@
-// The engine façade: each member hands its call to the part that owns the operation.
+// The engine façade: each member hands its call to the part that owns the operation (the map
+// is at the top of engine/LdapOp.h).
 #include "engine/LdapOp.h"
 
 #include "engine/Records.h"
@@ -20,6 +21,14 @@ int CLdapOp::ConnectLdap() {
     return connection_.Connect(root_);
 }
 
+void CLdapOp::GetLdapAtt(LdapInfo& info) {
+    info = settings_.Get();
+}
+
+void CLdapOp::SetLdapAtt(LdapInfo info) {
+    settings_.Set(info);
+}
+
 bool CLdapOp::ValidateRootAtt() {
     return root_.ValidateRootAtt();
 }
@@ -30,18 +39,6 @@ bool CLdapOp::GetRootAtt(char const* dn, char const* filter, DepartementAtt& att
 
 bool CLdapOp::InsertRootAtt(char const* dn, char const* name) {
     return root_.InsertRootAtt(dn, name);
-}
-
-bool CLdapOp::GetParaAtt(char const* value, unsigned int op, char const* type, AttFrame& frame) {
-    return PrepareTextValue(value, op, type, frame);
-}
-
-void CLdapOp::GetLdapAtt(LdapInfo& info) {
-    info = settings_.Get();
-}
-
-void CLdapOp::SetLdapAtt(LdapInfo info) {
-    settings_.Set(info);
 }
 
 void CLdapOp::FreeKey(unsigned char*& key) {
@@ -107,6 +104,10 @@ bool CLdapOp::FromCNToName(char const* component, char const* type, char const* 
     return Naming::FromCNToName(component, type, namingAtt, value);
 }
 
+bool CLdapOp::GetParaAtt(char const* value, unsigned int op, char const* type, AttFrame& frame) {
+    return PrepareTextValue(value, op, type, frame);
+}
+
 int CLdapOp::InsertLdap(char const* dn, tagAtt const& att, bool crypt, unsigned char* password,
                         unsigned int passwordLength, unsigned char* publicKey,
                         unsigned int publicKeyLength, unsigned char* privateKey,
@@ -141,6 +142,10 @@ bool CLdapOp::GetChild(char const* base, char const* filter, tagDN*& list, int& 
 
 int CLdapOp::ReadEntry(char const* dn, WholeEntry& entry) {
     return lookup_.ReadEntry(dn, entry);
+}
+
+int CLdapOp::InsertOrganization(char const* subject, std::string& dn) {
+    return paths_.InsertOrganization(subject, dn);
 }
 
 int CLdapOp::ModifyKey(char const* dn, char const* attribute, unsigned char const* value,
@@ -213,10 +218,6 @@ int CLdapOp::FindUser(char const* value, std::string& dn) {
 
 int CLdapOp::ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw) {
     return password_.ModifyPriKeyPsw(name, oldPsw, newPsw);
-}
-
-int CLdapOp::InsertOrganization(char const* subject, std::string& dn) {
-    return paths_.InsertOrganization(subject, dn);
 }
 
 int CLdapOp::PublishP12(char const* pfx, unsigned long pfxLength, char const* pfxPsw,
