@@ -272,7 +272,7 @@ expect_ok "show describes a user" "dn: $li" "parent: ou=sales, o=root" \
     "encryption private key, " "PBES2 (PBKDF2, hmacWithSHA256, 100000 iterations; aes-256-cbc)"
 run show "cn=li lei,ou=sales,o=root" --ldif
 ldapsearch -x -D "$LDAP_BINDDN" -w "$LDAP_BINDPW" -LLL -H "$LDAP_URI" -b "cn=li lei,ou=sales,o=root" -s base >li.ldif 2>&1
-check "show --ldif writes what ldapsearch -LLL writes" test "$(grep -v '^#' <<<"$out" | grep . | sort)" = "$(grep . li.ldif | sort)"
+check "show --ldif writes what ldapsearch -LLL writes, byte for byte" same_file "$tmp/out" li.ldif
 ok "show --json: the fingerprint as openssl gives it" "\"sha256\": \"$(openssl x509 -in li.pem -noout -fingerprint -sha256 | cut -d= -f2)\"" show "$li" --json
 LC_ALL=C ok "tree, in ASCII" $'o=root\n|-- ou=sales\n|   |-- cn=li lei  [sign cert, sign key, crypt cert, crypt key]' tree
 LC_ALL=C.UTF-8 ok "tree --depth 1, with box drawing" $'o=root\n├── ou=sales\n├── ou=research\n└── ou=' tree --depth 1
@@ -375,6 +375,22 @@ expect_fail "passwd through the one indexed search" 1 "private key of the user n
 group "a subject outside ASCII"
 ok "a subject outside ASCII" "published zhang.p12" publish zhang.p12
 check "its names are stored once each, as UTF-8" test "$(stored_value "cn=张伟,ou=销售,o=root" cn)" = "张伟"
+# show --ldif against ldapsearch -LLL as the rootdn, which reads everything: the tool binds as
+# the key service, and the access rules let it read every attribute of the entries it made
+# (the keys, objectClass, cn, sn, mail, description), so both see the same entry. Values
+# that must go as base64 (a trailing blank, a colon first, the keys, the Chinese cn and DN)
+# and one long enough to fold as text, added by the rootdn.
+zhang="cn=张伟,ou=销售,o=root"
+printf 'dn: %s\nchangetype: modify\nadd: description\ndescription:: %s\ndescription:: %s\n-\nadd: sn\nsn: %s\n' \
+    "$zhang" "$(printf 'ends in a blank ' | base64)" "$(printf ':first' | base64)" "$(printf 'Zhang %.0s' {1..20})Wei" |
+    ldapmodify -x -D "$LDAP_BINDDN" -w "$LDAP_BINDPW" -H "$LDAP_URI" >/dev/null 2>&1
+run show "$zhang" --ldif
+ldapsearch -x -D "$LDAP_BINDDN" -w "$LDAP_BINDPW" -LLL -H "$LDAP_URI" -b "$zhang" -s base >zhang.ldif 2>&1
+check "show --ldif: a key, a Chinese cn, a trailing blank, byte for byte as ldapsearch -LLL" \
+    test -n "$(grep -F 'description:: ZW5kcyBpbiBhIGJsYW5rIA==' zhang.ldif)" -a -n "$(grep '^signPrikey;binary:: ' zhang.ldif)" -a -n "$(grep '^ ' zhang.ldif)"
+check "  and the same bytes" same_file "$tmp/out" zhang.ldif
+ok "show --json gives every attribute, text as text and keys as base64" '"description": ["ends in a blank ", ":first"]' show "$zhang" --json
+check "  the Chinese cn as text, the key as base64" test -n "$(grep -F '"cn": ["张伟"]' "$tmp/out")" -a -n "$(grep -F '"signPubcer;binary": [{"base64": "MI' "$tmp/out")"
 # A name the directory would fold into another's (fullwidth letters read as "li lei"): the
 # library refuses it, and the tool passes on its reason.
 make_user wide "/C=CN/O=Acme/OU=Sales/CN=ｌｉ lei" -algorithm EC -pkeyopt ec_paramgen_curve:P-256 >/dev/null 2>&1

@@ -33,9 +33,19 @@ TEST(ToolLdif, AValueIsWrittenAsItIsOnlyWhenItIsASafeString) {
     for (Case const& c : cases)
         EXPECT_EQ(c.safe, LdifSafe(c.value)) << c.value;
     EXPECT_FALSE(LdifSafe(std::string("a\0b", 3)));
+    // Values of ;binary attributes and of userPassword go as base64 whatever they hold, and an
+    // empty value as the bare name, as ldapsearch writes them.
     Check({{"cn: li lei\n", LdifLine("cn", "li lei")},
            {"cn:: w6k=\n", LdifLine("cn", "\xc3\xa9")},
-           {"description:: IGxlYWQ=\n", LdifLine("description", " lead")}});
+           {"description:: IGxlYWQ=\n", LdifLine("description", " lead")},
+           {"description:: dHJhaWwg\n", LdifLine("description", "trail ")},
+           {"signPubcer;binary:: YWJj\n", LdifLine("signPubcer;binary", "abc")},
+           {"userPassword:: YWJj\n", LdifLine("userPassword", "abc")},
+           {"USERPASSWORD:: YWJj\n", LdifLine("USERPASSWORD", "abc")},
+           {"2.5.4.35:: YWJj\n", LdifLine("2.5.4.35", "abc")},
+           {"description: a;binary\n", LdifLine("description", "a;binary")},
+           {"signPrikey;binary:\n", LdifLine("signPrikey;binary", "")},
+           {"description:\n", LdifLine("description", "")}});
 }
 
 TEST(ToolLdif, LinesAreFoldedAt78AsLdapsearchFoldsThem) {
@@ -47,6 +57,9 @@ TEST(ToolLdif, LinesAreFoldedAt78AsLdapsearchFoldsThem) {
            {"dn: " + a74 + "\n a\n", line(75)},
            {"dn: " + a74 + "\n " + a77 + "\n", line(74 + 77)},
            {"dn: " + a74 + "\n " + a77 + "\n a\n", line(74 + 78)}});
+    // A name and its colons stay whole on the first line, however long; the value follows.
+    std::string const name = "description;lang-" + std::string(75, 'x');
+    Check({{name + ": \n abc\n", LdifLine(name, "abc")}});
     // Long binary values: every line within 78, continuation lines one blank first, and the
     // lines joined again give "name:: " and the whole base64.
     std::string binary;

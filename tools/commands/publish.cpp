@@ -73,12 +73,7 @@ int RunPublish(Args const& args) {
         many ? BundlePaths(args) : std::vector<BundleFile>{{args.positional[0], ""}};
     std::string const& path = bundles[0].path;
     std::string const bundle = many ? "" : ReadRegularFile(args.command, path, kMaxInput);
-    RefuseCutSettings();
-    int rc = ConnectWithFailover([] { return ConnectLdap(); });
-    LdapInfo info;
-    GetLdapAtt(info);
-    if (rc != QORLDAP_OK)
-        FailConnect(rc, info.host, info.port, info.basedn);
+    ConnectShared();
 
     PublishSetup setup;
     setup.crypt = args.Has("--crypt");

@@ -1,13 +1,14 @@
 // The show command: an entry, and a summary of each certificate and key it holds.
-#include <strings.h>
-
 #include <cstdio>
+#include <memory>
 
 #include "platform/Trim.h"
+#include "qorldap/Entry.h"
 #include "tools/checks/checks.h"
 #include "tools/commands/commands.h"
 #include "tools/output/entry_view.h"
 #include "tools/output/output.h"
+#include "tools/session/hints.h"
 #include "tools/session/holders.h"
 #include "tools/session/session.h"
 
@@ -29,22 +30,33 @@ KeySlot const kSlots[] = {
     {&CLdap::GetCryptPrivateKey, "cryptPrikey;binary", "encryption private key"},
 };
 
-// The values the tool can tell: the naming value from the DN, the class from the template,
-// the keys from their reads. The library hands out the names of the other attributes only.
-void Fill(ShownAttribute& a, tagAtt const& att, std::string const& dn,
-          std::vector<ShownKey> const& keys) {
-    std::string const first = qor::Trim(DnParts(dn)[0]);
-    std::string const namingType = first.substr(0, first.find('='));
-    if (strcasecmp(a.name.c_str(), namingType.c_str()) == 0) {
-        a.values.push_back(first.substr(first.find('=') + 1));
-    } else if (strcasecmp(a.name.c_str(), "objectClass") == 0 && att.objectClass[0] != '\0') {
-        a.values.push_back(att.objectClass);
+// The entry whole, as the library reads it in one search on its shared connection.
+EntryView ReadWhole(Args const& args, std::string const& dn) {
+    ConnectShared();
+    QorLdapEntry* read = nullptr;
+    int const rc = QorLdapReadEntry(dn.c_str(), &read);
+    std::unique_ptr<QorLdapEntry, void (*)(QorLdapEntry*)> const entry(read, QorLdapFreeEntry);
+    if (rc == kNoSuchObject)
+        Fail(args.command, "no such entry: " + dn);
+    if (rc != QORLDAP_OK) {
+        HintWords words;
+        words.dn = dn;
+        FailCode(args.command, rc, Hint(rc, Situation::kReadEntry, words));
     }
-    for (ShownKey const& k : keys) {
-        if (strcasecmp(a.name.c_str(), k.attribute.c_str()) == 0)
-            a.values.push_back(k.der);
+    EntryView view;
+    view.dn = entry->dn;
+    for (int i = 0; i < entry->attributeCount; ++i) {
+        QorLdapAttribute const& a = entry->attributes[i];
+        ShownAttribute shown;
+        shown.name = a.name;
+        for (int k = 0; k < a.valueCount; ++k) {
+            shown.values.emplace_back(reinterpret_cast<char const*>(a.values[k].bytes),
+                                      a.values[k].length);
+        }
+        view.attributes.push_back(std::move(shown));
     }
-    a.known = !a.values.empty();
+    view.keys = KeysAmong(view.attributes);
+    return view;
 }
 
 void PrintText(EntryView const& view, tagAtt const& att, bool user) {
@@ -79,6 +91,11 @@ int RunShow(Args const& args) {
     std::string const dn = CheckedDn(args);
     if (args.Has("--ldif") && args.Has("--json"))
         Usage(args.command, "--ldif and --json exclude each other");
+    if (args.Has("--ldif") || args.Has("--json")) {
+        EntryView const view = ReadWhole(args, dn);
+        std::fputs((args.Has("--ldif") ? Ldif(view) : Json(view)).c_str(), stdout);
+        return kExitOk;
+    }
     CLdap ldap;
     Connect(ldap);
     Entry entry(ldap);
@@ -94,18 +111,9 @@ int RunShow(Args const& args) {
             ++view.unnamed;
             continue;
         }
-        ShownAttribute a;
-        a.name = att.items[i].type;
-        Fill(a, att, dn, view.keys);
-        view.attributes.push_back(a);
+        view.attributes.push_back({att.items[i].type, {}});
     }
-    if (args.Has("--ldif")) {
-        std::fputs(Ldif(view).c_str(), stdout);
-    } else if (args.Has("--json")) {
-        std::fputs(Json(view).c_str(), stdout);
-    } else {
-        PrintText(view, att, user);
-    }
+    PrintText(view, att, user);
     return kExitOk;
 }
 
@@ -118,13 +126,13 @@ char const kShowHelp[] =
     "fingerprint; how a private key is encrypted; a public key's type and size. Exit\n"
     "status 1 when there is no such entry.\n"
     "\n"
-    "  --ldif  the entry as ldapsearch -LLL writes it (\"::\" and base64 for values that\n"
-    "          are not plain text, lines folded at 78 characters), the summary as comments\n"
-    "  --json  one JSON object: dn, attributes (binary values as {\"base64\": ...}), keys\n"
+    "  --ldif  every attribute and value of the entry, byte for byte what ldapsearch\n"
+    "          -LLL writes (\"::\" and base64 for values that are not plain text, lines\n"
+    "          folded at 78 characters as its default folds them)\n"
+    "  --json  one JSON object: dn, every attribute with its values (binary values as\n"
+    "          {\"base64\": ...}), and the summary of each key\n"
     "\n"
-    "libqorldap hands out an entry's attribute names but only some values: the key\n"
-    "attributes, the naming value (from the DN) and the class of the template. The other\n"
-    "attributes are listed as LDIF comments, or with the value null in JSON.\n";
+    "--ldif and --json show what the library's identity (managerdn or bind_dn) may read.\n";
 
 }  // namespace
 

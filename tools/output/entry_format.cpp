@@ -1,4 +1,6 @@
 // An entry written as LDIF or as JSON.
+#include <strings.h>
+
 #include <cstdio>
 
 #include "tools/checks/checks.h"
@@ -9,6 +11,7 @@ namespace qortool {
 
 namespace {
 
+// ldapsearch's lines without -o ldif-wrap: 78 characters (with ldif-wrap=76, 76).
 size_t const kLdifWidth = 78;
 
 }  // namespace
@@ -27,12 +30,26 @@ bool LdifSafe(std::string const& value) {
 }
 
 std::string LdifLine(std::string const& name, std::string const& value) {
-    std::string const line =
-        LdifSafe(value) ? name + ": " + value : name + ":: " + Base64Encode(value);
-    std::string out = line.substr(0, kLdifWidth) + "\n";
-    for (size_t at = kLdifWidth; at < line.size(); at += kLdifWidth - 1)
-        out += " " + line.substr(at, kLdifWidth - 1) + "\n";
-    return out;
+    if (value.empty())
+        return name + ":\n";
+    // As ldapsearch decides: the option ";binary" as written, userPassword in any case.
+    bool const hidden = name.find(";binary") != std::string::npos ||
+                        strcasecmp(name.c_str(), "userPassword") == 0 || name == "2.5.4.35";
+    bool const plain = !hidden && LdifSafe(value);
+    std::string const prefix = name + (plain ? ": " : ":: ");
+    std::string const text = plain ? value : Base64Encode(value);
+    // The name and its colons stay whole on the first line, however long.
+    std::string out = prefix;
+    size_t column = prefix.size();
+    for (char c : text) {
+        if (column >= kLdifWidth) {
+            out += "\n ";
+            column = 1;
+        }
+        out += c;
+        ++column;
+    }
+    return out + "\n";
 }
 
 std::string JsonString(std::string const& text) {
@@ -98,26 +115,34 @@ std::string JsonValue(std::string const& name, std::string const& value) {
     return binary ? "{\"base64\": " + JsonString(Base64Encode(value)) + "}" : JsonString(value);
 }
 
+std::vector<ShownKey> KeysAmong(std::vector<ShownAttribute> const& attributes) {
+    struct Slot {
+        char const* name;
+        char const* role;
+    };
+    static Slot const kSlots[] = {
+        {"signPubcer", "signing certificate"},    {"signPubkey", "signing public key"},
+        {"signPrikey", "signing private key"},    {"cryptPubcer", "encryption certificate"},
+        {"cryptPubkey", "encryption public key"}, {"cryptPrikey", "encryption private key"},
+    };
+    std::vector<ShownKey> keys;
+    for (Slot const& slot : kSlots) {
+        for (ShownAttribute const& a : attributes) {
+            std::string const base = a.name.substr(0, a.name.find(';'));
+            if (strcasecmp(base.c_str(), slot.name) != 0)
+                continue;
+            for (std::string const& value : a.values)
+                keys.push_back({a.name, slot.role, value});
+        }
+    }
+    return keys;
+}
+
 std::string Ldif(EntryView const& entry) {
-    std::string out;
-    out += LdifLine("dn", entry.dn);
+    std::string out = LdifLine("dn", entry.dn);
     for (ShownAttribute const& a : entry.attributes) {
         for (std::string const& value : a.values)
             out += LdifLine(a.name, value);
-    }
-    for (ShownAttribute const& a : entry.attributes) {
-        if (!a.known)
-            out += "# " + a.name + ": (values not handed out by libqorldap)\n";
-    }
-    if (entry.unnamed > 0) {
-        out += "# and " + std::to_string(entry.unnamed) +
-               " more attributes whose names do not fit the library's record\n";
-    }
-    for (ShownKey const& k : entry.keys) {
-        out +=
-            "# " + k.role + " (" + k.attribute + "), " + std::to_string(k.der.size()) + " bytes\n";
-        for (Field const& f : Describe(k.der))
-            out += "#   " + f.name + ": " + f.value + "\n";
     }
     return out + "\n";
 }
@@ -126,13 +151,8 @@ std::string Json(EntryView const& entry) {
     std::string out = "{\n  \"dn\": " + JsonString(entry.dn) + ",\n  \"attributes\": {";
     char const* comma = "";
     for (ShownAttribute const& a : entry.attributes) {
-        out += std::string(comma) + "\n    " + JsonString(a.name) + ": ";
+        out += std::string(comma) + "\n    " + JsonString(a.name) + ": [";
         comma = ",";
-        if (!a.known) {
-            out += "null";
-            continue;
-        }
-        out += "[";
         for (size_t i = 0; i < a.values.size(); ++i)
             out += (i > 0 ? ", " : "") + JsonValue(a.name, a.values[i]);
         out += "]";

@@ -9,10 +9,8 @@
 namespace qortool {
 
 struct ShownAttribute {
-    std::string name;
-    // The values the tool knows; known is false when the library gave the name alone.
-    std::vector<std::string> values;
-    bool known = false;
+    std::string name;                 // as the directory returns it, options included
+    std::vector<std::string> values;  // every value, byte for byte
 };
 
 struct ShownKey {
@@ -28,21 +26,25 @@ struct EntryView {
     std::vector<ShownKey> keys;              // those the entry holds
 };
 
-// As ldapsearch -LLL writes an entry: "::" and base64 for a value that is not safe text, lines
-// folded at 78 characters. Attributes whose values are not known, and the summary of each key,
-// follow as comments.
+// The keys and certificates among attributes (signPubcer, signPubkey, signPrikey and their
+// crypt twins, with any options), each value with its role.
+std::vector<ShownKey> KeysAmong(std::vector<ShownAttribute> const& attributes);
+// Exactly what ldapsearch -LLL writes for the entry with its default folding: "dn: ", each
+// value of each attribute on a line of its own, a blank line after the entry.
 std::string Ldif(EntryView const& entry);
 // One JSON object: dn, attributes (name to a list of values: text as a string, other values
-// as {"base64": "..."}; null when only the name is known) and keys (the summary of each).
+// as {"base64": "..."}) and keys (the summary of each).
 std::string Json(EntryView const& entry);
 
 // The pieces of both (entry_format.cpp).
 
-// Whether value goes into LDIF as it is (RFC 2849's SAFE-STRING, as ldapsearch judges it): no
-// byte outside 0x20-0x7E, no blank at either end, no ":" or "<" first.
+// Whether value goes into LDIF as it is, as ldapsearch judges it: no byte outside 0x20-0x7E,
+// no blank at either end, no ":" or "<" first.
 bool LdifSafe(std::string const& value);
-// "name: value", or "name:: base64" when the value is not safe, folded as ldapsearch folds:
-// 78 characters a line, each further line a blank and 77 more. Every line ends with "\n".
+// One value as ldapsearch writes it: "name:" for an empty value; "name: value" for a safe one;
+// "name:: base64" for any other, and for every value of a ;binary attribute and of
+// userPassword. Folded as ldapsearch folds by default: a line is cut before a character of the
+// value once it holds 78, each further line a blank and 77 more. Every line ends with "\n".
 std::string LdifLine(std::string const& name, std::string const& value);
 // text as a JSON string, quotes included: " and \ escaped, control characters as \u00XX, the
 // other bytes as they are.

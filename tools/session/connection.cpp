@@ -231,4 +231,14 @@ void Connect(CLdap& ldap) {
     }
 }
 
+void ConnectShared() {
+    RefuseCutSettings();
+    int rc = ConnectWithFailover([] { return ConnectLdap(); });
+    if (rc != QORLDAP_OK) {
+        LdapInfo info;
+        GetLdapAtt(info);
+        FailConnect(rc, info.host, info.port, info.basedn);
+    }
+}
+
 }  // namespace qortool

@@ -42,6 +42,8 @@ void RefuseCutSettings();
 int ConnectWithFailover(std::function<int()> const& connect);
 // Connects ldap, or Fail("connect", ...), after RefuseCutSettings.
 void Connect(CLdap& ldap);
+// The same for the free functions' engine, which publish and the whole-entry read use.
+void ConnectShared();
 // A hint for a refused name or a failed build of entries: where ldap.ini was looked for when it
 // is missing, else empty.
 std::string MissingTemplatesHint();
