@@ -24,7 +24,7 @@ struct LinkOptions {
     std::string bindDn;
     std::string bindPassword;
     // "fast_lookup": yes finds a user by name with one indexed search below the base DN
-    // instead of walking the tree, and lists children by name only (engine/FastLookup.cpp).
+    // instead of walking the tree, and lists children by name only (engine/UserLookup.cpp).
     bool fastLookup = false;
     // "atomic_publish": yes makes a publication write the certificate and the protected private
     // key in one modify request, so that the directory applies both or neither: a crash, a
