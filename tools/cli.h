@@ -1,7 +1,7 @@
 // qorldap, the command-line tool over libqorldap: what every part of it shares (the command
 // line, the failure messages). The parts, each a folder with a header of its own:
 //   commands/  one file per command (or family of commands) and the table of them all
-//   checks/    what the tool refuses before the library sees it: DNs, PEM and DER, bundles,
+//   checks/    what the tool refuses before the library sees it: DNs, PEM and DER,
 //              passwords, the options of the command line
 //   output/    files read and written, LDIF, JSON, descriptions of keys, progress
 //   session/   the settings handed to the library, connecting, result codes and their hints

@@ -125,27 +125,6 @@ TEST(ToolDnValues, ADnMustFitTheLibrarysRecordWhole) {
            {"usage: show: the DN is empty (see qorldap show --help)", checked("")}});
 }
 
-TEST(ToolSubject, TheLineTheLibraryTakesForAType) {
-    auto value = [](std::string const& subject, std::string const& type) {
-        size_t line = 99;
-        std::string const v = qortool::SubjectValue(subject, type, line);
-        return v + "@" + (line == 99 ? "none" : std::to_string(line));
-    };
-    std::string const subject = "C=CN\nO=Acme\nOU=Sales\nCN=Li Lei";
-    Check({
-        {"Sales@12", value(subject, "ou")},
-        {"Sales@12", value(subject, "OU")},
-        {"Li Lei@21", value(subject, "cn")},
-        // A line is matched by its beginning, and a later line wins over the first: "c" takes
-        // the CN line, as the library does.
-        {"Li Lei@21", value(subject, "c")},
-        {"CN@0", value("C=CN\nO=Acme", "c")},
-        {"@none", value(subject, "l")},
-        {"B@5", value("OU=A\nOU=B", "ou")},  // a later line wins over the first
-        {"OU@0", value("OU", "ou")},         // a line without "=" is its own value
-    });
-}
-
 // One command line read against a table of options: the words left, the values, the flags.
 std::string Read(std::vector<std::string> const& words, bool untilWord = false) {
     static std::vector<Option> const kOptions = {{"--crypt", nullptr, false},

@@ -1,5 +1,5 @@
-// What the tool checks before the library sees it: names, PEM and DER, ldap.ini's levels and
-// certificate subjects, passwords, text.
+// What the tool checks before the library sees it: names, PEM and DER, ldap.ini's levels,
+// passwords, text.
 #ifndef QORLDAP_TOOLS_CHECKS_CHECKS_H
 #define QORLDAP_TOOLS_CHECKS_CHECKS_H
 
@@ -36,16 +36,13 @@ std::vector<std::string> DnParts(std::string const& dn);
 // dn folded for comparison: blanks around the parts dropped, ASCII letters in lower case.
 std::string DnKey(std::string const& dn);
 
-// --- ldap.ini's levels and certificate subjects (levels.cpp) ---
+// --- ldap.ini's levels (levels.cpp) ---
 
 // The naming attribute of each level of ldap.ini, from the top down; empty when the file does
 // not read.
 std::vector<std::string> NamingAttributes();
 // Each level's class (the template's name) and naming attribute, from the top down.
 std::vector<std::pair<std::string, std::string>> Levels();
-// The value of a certificate subject ("type=value" lines) that the library takes for type;
-// line receives where that line starts. Empty, line untouched, when no line matches.
-std::string SubjectValue(std::string const& subject, std::string const& type, size_t& line);
 
 // --- PEM and base64 (pem.cpp) ---
 

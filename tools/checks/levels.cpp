@@ -45,24 +45,4 @@ std::vector<std::pair<std::string, std::string>> Levels() {
     return levels;
 }
 
-std::string SubjectValue(std::string const& subject, std::string const& type, size_t& line) {
-    // The library matches the beginning of a line, and a later line wins over the first.
-    std::string const text = qor::Folded(subject);
-    std::string const key = qor::Folded(type);
-    size_t at = text.find("\n" + key);
-    if (at != std::string::npos) {
-        ++at;
-    } else if (text.compare(0, key.size(), key) == 0) {
-        at = 0;
-    } else {
-        return std::string();
-    }
-    line = at;
-    size_t const eq = subject.find('=', at);
-    size_t const end = subject.find('\n', at);
-    if (eq == std::string::npos || eq > end)
-        return subject.substr(at, end == std::string::npos ? end : end - at);
-    return subject.substr(eq + 1, end == std::string::npos ? end : end - eq - 1);
-}
-
 }  // namespace qortool

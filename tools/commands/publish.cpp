@@ -6,7 +6,6 @@
 
 #include "qorldap/LastResult.h"
 #include "qorldap/qorldap.h"
-#include "tools/checks/bundle.h"
 #include "tools/checks/checks.h"
 #include "tools/commands/commands.h"
 #include "tools/output/output.h"
@@ -16,48 +15,6 @@
 namespace qortool {
 
 namespace {
-
-// Refuses, before anything is written, a key below 112-bit security (unless --allow-weak-key)
-// and a subject the library would misread: a value holding a
-// control character in any attribute (the library reads the subject as "type=value" lines, so
-// a line feed would add lines of its choosing and name another entry), and a value it puts
-// into a DN unescaped where the directory would read another name. Returns the subject as the
-// library reads it; empty when the bundle does not open, which is left to the library.
-std::string CheckBundle(PublishSetup const& setup, std::string const& path,
-                        std::string const& bundle) {
-    OpenedBundle opened;
-    if (!OpenBundle(bundle, setup.bundlePassword, opened))
-        return "";
-    auto refuse = [&](std::string const& type, std::string const& fault, std::string const& value,
-                      char const* why) {
-        Fail("publish", path + ": subject attribute " + type + " " + fault + ": \"" +
-                            Printable(value) + "\" " + why + "; nothing was written");
-    };
-    for (auto const& attribute : opened.attributes) {
-        std::string const control = ControlIn(attribute.second);
-        if (!control.empty()) {
-            refuse(attribute.first, "holds " + control, attribute.second,
-                   "would not read as written (the subject is read as lines)");
-        }
-    }
-    std::string const& subject = opened.subject;
-    for (auto const& level : setup.levels) {
-        size_t line = std::string::npos;
-        std::string const value = SubjectValue(subject, level.second, line);
-        if (line == std::string::npos)
-            continue;
-        std::string const unsafe = UnsafeInValue(value);
-        if (!unsafe.empty()) {
-            size_t const eq = subject.find('=', line);
-            refuse(subject.substr(line, eq - line), unsafe, value, "cannot name an entry");
-        }
-    }
-    std::string const weak = setup.allowWeakKey ? "" : WeakKey(opened, setup.publicOnly);
-    if (!weak.empty())
-        Fail("publish", path + ": " + weak + "; --allow-weak-key publishes it all the same; " +
-                            "nothing was written");
-    return subject;
-}
 
 int LastDirectoryCode() {
     QorLdapResult last = {};
@@ -78,7 +35,6 @@ int RunPublish(Args const& args) {
     PublishSetup setup;
     setup.crypt = args.Has("--crypt");
     setup.publicOnly = args.Has("--public-only");
-    setup.allowWeakKey = args.Has("--allow-weak-key");
     std::string const prompt = many ? "Password of the bundles: " : "Password of " + path + ": ";
     setup.bundlePassword =
         GetPassword(args, {"--p12-pass-file", "QORLDAP_P12_PASSWORD", prompt, false, true});
@@ -87,7 +43,6 @@ int RunPublish(Args const& args) {
             GetPassword(args, {"--key-pass-file", "QORLDAP_KEY_PASSWORD",
                                "New password for the stored private key: ", true, false});
     }
-    setup.levels = Levels();
     if (many)
         return PublishMany(args, setup, bundles);
     std::string const dn = PublishBundle(setup, path, bundle);
@@ -147,7 +102,6 @@ std::string PublishedWhat(PublishSetup const& setup) {
 
 std::string PublishBundle(PublishSetup const& setup, std::string const& path,
                           std::string const& bundle) {
-    CheckBundle(setup, path, bundle);
     auto publish = [&] {
         return PublishP12(bundle.data(), bundle.size(), setup.bundlePassword.c_str(),
                           setup.publicOnly ? nullptr : setup.keyPassword.c_str(), !setup.crypt,
@@ -166,14 +120,20 @@ std::string PublishBundle(PublishSetup const& setup, std::string const& path,
         FailCode("publish", rc,
                  Hint(rc, Situation::kPublish) + (hint.empty() ? "" : " (" + hint + ")"));
     }
-    // The entry the library composed from the subject, as it wrote it.
+    // The entry the library composed from the subject, as it wrote it; or why it refused the
+    // bundle (a subject it would misread, a weak key, a wrong password), in its own words.
     QorLdapOutcome outcome = {};
     QorLdapLastOutcome(&outcome);
     std::string const dn = outcome.dn;
-    if (outcome.refusal != QORLDAP_REFUSED_NONE)
-        FailCode("publish", rc,
-                 std::string(outcome.reason) +
-                     (dn.empty() ? "; nothing was written" : "; no key was written to " + dn));
+    if (outcome.refusal != QORLDAP_REFUSED_NONE) {
+        std::string const reason = outcome.refusal == QORLDAP_REFUSED_WEAK_KEY
+                                       ? std::string("the bundle's key is ") + outcome.reason +
+                                             "; --allow-weak-key publishes it all the same"
+                                       : outcome.reason;
+        Fail("publish",
+             path + ": " + CodeText(rc) + " " + reason +
+                 (dn.empty() ? "; nothing was written" : "; no key was written to " + dn));
+    }
     if (rc != QORLDAP_OK) {
         HintWords words;
         words.dn = dn.empty() ? "the entry the subject names" : dn;

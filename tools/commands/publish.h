@@ -3,7 +3,6 @@
 #define QORLDAP_TOOLS_COMMANDS_PUBLISH_H
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tools/cli.h"
@@ -14,11 +13,8 @@ namespace qortool {
 struct PublishSetup {
     bool crypt = false;
     bool publicOnly = false;
-    bool allowWeakKey = false;  // keys below 112-bit security are published too
     std::string bundlePassword;
     std::string keyPassword;
-    // ldap.ini's levels (class, naming attribute), from the top down, read once per run.
-    std::vector<std::pair<std::string, std::string>> levels;
 };
 
 // Publishes bundle, the contents of path, through the library's free functions; a failure

@@ -14,16 +14,18 @@ namespace qortool {
 // --- the settings the library reads (settings.cpp) ---
 
 struct Settings {
-    std::string folder;         // the user's folder of soap.ini and ldap.ini, absolute
-    std::string origin;         // "option" (--conf), "environment" (QORLDAP_CONF_DIR) or "current"
-    bool copied = false;        // the tool gave the library atomic_publish = yes
-    bool timeoutAdded = false;  // and the timeout below
+    std::string folder;   // the user's folder of soap.ini and ldap.ini, absolute
+    std::string origin;   // "option" (--conf), "environment" (QORLDAP_CONF_DIR) or "current"
+    bool copied = false;  // the tool gave the library atomic_publish = yes
+    bool weakKeysRefused = false;  // and refuse_weak_keys = yes (no --allow-weak-key)
+    bool timeoutAdded = false;     // and the timeout below
     bool timeoutFromOption = false;
     int timeout = 0;
 };
 // Chooses the folder (--conf, else QORLDAP_CONF_DIR, else the current directory) and gives the
-// library, through qorldap/Settings.h, that folder, atomic_publish = yes and a timeout (10 s
-// unless --timeout says otherwise) when soap.ini sets none or --timeout is given. Before any
+// library, through qorldap/Settings.h, that folder, atomic_publish = yes, refuse_weak_keys =
+// yes unless --allow-weak-key, and a timeout (10 s unless --timeout says otherwise) when
+// soap.ini sets none or --timeout is given. Before any
 // command runs, in this process: nothing is copied, nothing started again.
 void PrepareSettings(Args const& args, char** argv);
 Settings const& CurrentSettings();

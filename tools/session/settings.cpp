@@ -81,6 +81,11 @@ void PrepareSettings(Args const& args, char** /*argv*/) {
     // directory keeps both or neither: never a key beside a certificate it does not belong to.
     Give("atomic_publish", "yes");
     gSettings.copied = true;
+    // A bundle whose key gives less than 112-bit security is refused by the library itself,
+    // before anything is written, naming the key; --allow-weak-key leaves soap.ini's choice.
+    gSettings.weakKeysRefused = !args.Has("--allow-weak-key");
+    if (gSettings.weakKeysRefused)
+        Give("refuse_weak_keys", "yes");
     bool const option = args.HasValue("--timeout");
     gSettings.timeoutAdded = option || !fileSets;
     gSettings.timeoutFromOption = option;
