@@ -49,6 +49,7 @@ C QorLdapCodeText(int);
 struct QorLdapEntry;
 int QorLdapReadEntry(C, QorLdapEntry**);
 void QorLdapFreeEntry(QorLdapEntry*);
+int QorLdapSetting(C, C*), QorLdapCheckStoredKey(B, unsigned);
 }
 
 class CLdap {
@@ -72,8 +73,17 @@ class CLdap {
 };
 
 int main() {
+    unsigned char const b0[2] = {0x30, 0x00};
     // Settings before the free functions' engine is built reach it (0), later ones do not (1).
     bool ok = QorLdapSet("timeout", "1") == 0 && QorLdapSet("no_such_key", "1") == 0x16000010;
+    // A setting in force as the library reads it: given (0), unread (2, its text as written),
+    // unknown (the general failure, no text). Nothing here is a stored key.
+    C timeout = nullptr, reconnect = nullptr, unknown = "x";
+    ok = ok && QorLdapSetting("timeout", &timeout) == 0 && !std::strcmp(timeout, "1") &&
+         QorLdapSet("reconnect", "maybe") == 0 && QorLdapSetting("Reconnect", &reconnect) == 2 &&
+         !std::strcmp(reconnect, "maybe") && QorLdapSet("reconnect", nullptr) == 0 &&
+         QorLdapSetting("no_such_key", &unknown) == 0x16000010 && unknown == nullptr &&
+         QorLdapCheckStoredKey(b0, 2) == 0x16000010 && QorLdapCheckStoredKey(nullptr, 0) != 0;
     // Settings cross by value and by reference in this caller's own layout; with nothing
     // listening on port 1, every call that needs the server gives the general failure.
     LdapInfo info = {"127.0.0.1", 1, "o=abi", "cn=admin,o=abi", "secret"}, back;

@@ -75,6 +75,11 @@ std::string GetPassword(Args const& args, PasswordSource const& source);
 
 // --- text (text.cpp) ---
 
+// text without the blanks (space, tab, carriage return) at either end.
+std::string Trimmed(std::string const& text);
+// text with the ASCII letters A-Z in lower case; other bytes stay as they are.
+std::string Lower(std::string text);
+
 // UTF-8 (what the command line holds) into the GB18030 text the library expects for values.
 std::string ToLibraryText(std::string const& what, std::string const& utf8);
 

@@ -4,7 +4,6 @@
 #include <openssl/pkcs12.h>
 #include <openssl/x509.h>
 
-#include "platform/OsslPtr.h"
 #include "tools/checks/checks.h"
 
 namespace qortool {

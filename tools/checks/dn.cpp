@@ -3,7 +3,6 @@
 #include <cctype>
 #include <cstdio>
 
-#include "platform/Trim.h"
 #include "qorldap/records.h"
 #include "tools/checks/checks.h"
 
@@ -112,7 +111,7 @@ std::string LibraryDn(std::string const& what, std::string const& dn) {
         size_t const lead = part.find_first_not_of(" \t");
         size_t const eq = part.find('=');
         if (lead == std::string::npos || eq == std::string::npos || eq < lead) {
-            Usage(what, "\"" + qor::Trim(part) + "\" in \"" + dn +
+            Usage(what, "\"" + Trimmed(part) + "\" in \"" + dn +
                             "\" is not attr=value (a comma always separates: a value cannot "
                             "hold one)");
         }
@@ -128,7 +127,7 @@ std::string LibraryDn(std::string const& what, std::string const& dn) {
         }
         // A blank before the first part would be taken as part of its type.
         out += out.empty() ? "" : "," + part.substr(0, lead);
-        out += qor::Folded(type) + "=" + value;
+        out += Lower(type) + "=" + value;
     }
     return out;
 }
@@ -148,7 +147,7 @@ std::string CheckedDn(Args const& args) {
 std::string DnKey(std::string const& dn) {
     std::string key;
     for (std::string const& part : DnParts(dn))
-        key += (key.empty() ? "" : ",") + qor::Folded(qor::Trim(part));
+        key += (key.empty() ? "" : ",") + Lower(Trimmed(part));
     return key;
 }
 

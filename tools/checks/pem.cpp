@@ -6,14 +6,12 @@
 
 #include <new>
 
-#include "platform/OsslPtr.h"
 #include "tools/checks/checks.h"
+#include "tools/ossl.h"
 
 namespace qortool {
 
 namespace {
-
-using BioPtr = std::unique_ptr<BIO, Deleter<BIO_free>>;
 
 void FreeText(char* text) {
     OPENSSL_free(text);

@@ -3,9 +3,6 @@
 
 #include <cstdio>
 
-#include "engine/LinkOptions.h"
-#include "platform/IniFile.h"
-#include "platform/System.h"
 #include "qorldap/qorldap.h"
 #include "tools/commands/commands.h"
 #include "tools/session/session.h"
@@ -51,14 +48,12 @@ int RunConfig(Args const& args) {
     std::printf("  basedn     %s\n", Shown(info.basedn).c_str());
     std::printf("  managerdn  %s\n", Shown(info.managerdn).c_str());
     std::printf("  psw        %s\n", info.psw[0] == '\0' ? "(not set)" : "********");
-    LinkOptions link;
-    link.Read(IniFile::Load(ConfigPath("soap.ini")), "ldap");
+    Link const link = CurrentLink();
     if (!link.Valid()) {
         // Every connection is refused until the key is fixed; the other link lines would only
         // show defaults that are not in force.
         std::printf("  link keys  %s: every connection is refused\n", link.Describe().c_str());
-    } else if (link.tls == LinkOptions::Tls::kNone &&
-               std::string(info.host).find("ldaps://") != std::string::npos) {
+    } else if (link.tls == "none" && std::string(info.host).find("ldaps://") != std::string::npos) {
         std::printf("  tls        ldaps (an ldaps:// host), server certificate %s%s\n",
                     link.verify ? "verified" : "NOT verified",
                     link.caCert.empty() ? " (system CAs)" : (" against " + link.caCert).c_str());
@@ -89,6 +84,11 @@ int RunConfig(Args const& args) {
                     ? "yes (a certificate and its private key go in one request; qorldap always "
                       "asks for it)"
                     : "no (the certificate first, then the private key)");
+    std::printf("  refuse_weak_keys %s\n",
+                settings.weakKeysRefused || Setting("refuse_weak_keys") == "yes"
+                    ? "yes (publish refuses a key under 112-bit security; qorldap asks for it "
+                      "unless --allow-weak-key)"
+                    : "no");
     std::printf("  fast_lookup %s\n", link.fastLookup
                                           ? "yes (one indexed search per lookup by name)"
                                           : "no (the lookup by name walks the tree)");

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <vector>
 
-#include "platform/Trim.h"
 #include "qorldap/LastResult.h"
 #include "qorldap/qorldap.h"
 #include "tools/checks/checks.h"
@@ -114,17 +113,17 @@ int RunAdd(Args const& args) {
     // from the DN when not given.
     std::string const first = dn.substr(0, dn.find(','));
     size_t eq = first.find('=');
-    if (eq == std::string::npos || qor::Trim(first.substr(0, eq)).empty()) {
+    if (eq == std::string::npos || Trimmed(first.substr(0, eq)).empty()) {
         Usage(args.command, "\"" + dn + "\" does not start with attr=value");
     }
-    std::string const namingType = qor::Trim(first.substr(0, eq));
+    std::string const namingType = Trimmed(first.substr(0, eq));
     bool given = false;
     for (tagAttItem const& item : items) {
         if (strcasecmp(item.type, namingType.c_str()) == 0)
             given = true;
     }
     if (!given) {
-        std::string const value = ToLibraryText(args.command, qor::Trim(first.substr(eq + 1)));
+        std::string const value = ToLibraryText(args.command, Trimmed(first.substr(eq + 1)));
         if (value.empty())
             Usage(args.command, "\"" + dn + "\" names its entry with an empty value");
         tagAttItem item;
@@ -152,7 +151,7 @@ int RunAdd(Args const& args) {
         QorLdapLastResult(&last);
         HintWords words = About(dn);
         words.parent = dn.find(',') == std::string::npos ? std::string()
-                                                         : qor::Trim(dn.substr(dn.find(',') + 1));
+                                                         : Trimmed(dn.substr(dn.find(',') + 1));
         words.cause = DirectoryCause();
         if (last.code != 0)
             Fail(args.command, CodeText(rc) + " " + Hint(last.code, Situation::kAddRefused, words));

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "platform/Crypto.h"
+#include "qorldap/Inspect.h"
 #include "qorldap/qorldap.h"
 #include "tools/checks/checks.h"
 #include "tools/commands/commands.h"
@@ -168,8 +168,8 @@ int RunPutKey(Args const& args) {
             break;
     }
     // Only a key the library would open is stored.
-    if (!IsProtectedKey(reinterpret_cast<unsigned char const*>(der.data()),
-                        static_cast<unsigned int>(der.size()))) {
+    if (QorLdapCheckStoredKey(reinterpret_cast<unsigned char const*>(der.data()),
+                              static_cast<unsigned int>(der.size())) != QORLDAP_OK) {
         Fail(args.command, path +
                                " is not an encrypted PKCS#8 private key (PBES2 with PBKDF2, or a "
                                "PKCS#5 or PKCS#12 password-based scheme), in DER or PEM form");

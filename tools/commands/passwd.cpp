@@ -5,8 +5,6 @@
 
 #include <cstdio>
 
-#include "engine/LinkOptions.h"
-#include "platform/IniFile.h"
 #include "qorldap/qorldap.h"
 #include "tools/checks/checks.h"
 #include "tools/commands/commands.h"
@@ -63,8 +61,7 @@ int RunPasswd(Args const& args) {
     ldap.GetLdapAtt(info);
     std::vector<std::string> const levels = NamingAttributes();
     std::string dn;
-    LinkOptions link;
-    link.Read(IniFile::Load(ConfigPath("soap.ini")), "ldap");
+    Link const link = CurrentLink();
     if (link.fastLookup) {
         // The library's one search accepts a name only when exactly one user holds it, so a
         // full DN that exists is that user; the walk here would cost what fast_lookup saves.

@@ -10,7 +10,7 @@
 #include <new>
 #include <thread>
 
-#include "platform/Trim.h"
+#include "tools/checks/checks.h"
 #include "tools/commands/publish.h"
 #include "tools/output/output.h"
 #include "tools/output/progress.h"
@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 int const kMaxJobs = 64;
 
 bool IsBundleName(fs::path const& path) {
-    std::string const ext = qor::Folded(path.extension().string());
+    std::string const ext = Lower(path.extension().string());
     return ext == ".p12" || ext == ".pfx";
 }
 

@@ -2,7 +2,6 @@
 #include <cstdio>
 #include <memory>
 
-#include "platform/Trim.h"
 #include "qorldap/Entry.h"
 #include "tools/checks/checks.h"
 #include "tools/commands/commands.h"
@@ -60,11 +59,11 @@ EntryView ReadWhole(Args const& args, std::string const& dn) {
 }
 
 void PrintText(EntryView const& view, tagAtt const& att, bool user) {
-    std::string const parent = qor::Trim(att.parentDn);
+    std::string const parent = Trimmed(att.parentDn);
     std::printf("dn: %s\n", view.dn.c_str());
     // The library names a DN of one part its own parent.
     std::printf("parent: %s\n",
-                parent == qor::Trim(att.dn) ? "(none, top of the tree)" : parent.c_str());
+                parent == Trimmed(att.dn) ? "(none, top of the tree)" : parent.c_str());
     if (att.objectClass[0] != '\0') {
         std::printf("template: %s (naming attribute %s, level %d of %d)\n", att.objectClass,
                     att.namingAtt, att.templateIndex + 1, att.templateCount);

@@ -9,15 +9,14 @@
 
 #include <ctime>
 
-#include "platform/OsslPtr.h"
 #include "tools/checks/checks.h"
+#include "tools/ossl.h"
 #include "tools/output/output.h"
 
 namespace qortool {
 
 namespace {
 
-using BioPtr = std::unique_ptr<BIO, Deleter<BIO_free>>;
 using BignumPtr = std::unique_ptr<BIGNUM, Deleter<BN_free>>;
 using Pkcs8InfoPtr = std::unique_ptr<PKCS8_PRIV_KEY_INFO, Deleter<PKCS8_PRIV_KEY_INFO_free>>;
 

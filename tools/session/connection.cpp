@@ -11,10 +11,6 @@
 #include <functional>
 #include <sstream>
 
-#include "engine/LinkOptions.h"
-#include "platform/IniFile.h"
-#include "platform/System.h"
-#include "platform/Trim.h"
 #include "qorldap/LastResult.h"
 #include "qorldap/qorldap.h"
 #include "tools/checks/checks.h"
@@ -23,16 +19,14 @@
 
 namespace qortool {
 
-// Where the library looks for file, made absolute so that messages say exactly which file.
+// Where the library looks for file, made absolute so that messages say exactly which file: the
+// folder the tool named to the library before any command ran.
 std::string ConfigPath(std::string const& file) {
-    if (!CurrentSettings().folder.empty())
-        return CurrentSettings().folder + "/" + file;
-    std::string path = CSystem::ResolveConfigPath(file);
+    std::string folder = CurrentSettings().folder;
     char cwd[4096];
-    if (path[0] != '/' && ::getcwd(cwd, sizeof cwd) != nullptr) {
-        path = std::string(cwd) + "/" + path;
-    }
-    return path;
+    if (folder.empty() && ::getcwd(cwd, sizeof cwd) != nullptr)
+        folder = cwd;
+    return folder + "/" + file;
 }
 
 bool FileReadable(std::string const& path) {
@@ -108,12 +102,12 @@ void SplitHost(std::string const& word, int defaultPort, std::string& host, std:
 // "127.0.0.1:1, ldap2:389" when every host of the list refuses a TCP connection: nothing
 // listens there, whatever libldap's code for it suggests (TLS included). Empty when any host
 // answers or cannot be told: no host (libldap's default), an ldapi:// socket, a timeout.
-std::string NothingAnswers(std::string const& hosts, int port, LinkOptions const& link) {
+std::string NothingAnswers(std::string const& hosts, int port, Link const& link) {
     std::istringstream words(hosts);
     std::string where;
     for (std::string word; words >> word;) {
-        std::string const folded = qor::Folded(word);
-        bool ldaps = link.tls == LinkOptions::Tls::kLdaps;
+        std::string const folded = Lower(word);
+        bool ldaps = link.tls == "ldaps";
         int defaultPort = port;
         size_t const scheme = folded.find("://");
         if (scheme != std::string::npos) {
@@ -145,8 +139,7 @@ void FailConnect(int code, std::string const& host, int port, std::string const&
         FailCode("connect", code, Hint(code, Situation::kConnect, words));
     if (!FileReadable(words.soap))
         FailCode("connect", code, Hint(code, Situation::kConnectNoSettings, words));
-    LinkOptions link;
-    link.Read(IniFile::Load(words.soap), "ldap");
+    Link const link = CurrentLink();
     if (!link.Valid()) {
         words.fault = link.fault;
         FailCode("connect", code, Hint(code, Situation::kConnectBadLink, words));
@@ -163,8 +156,7 @@ void FailConnect(int code, std::string const& host, int port, std::string const&
     words.where = host.empty() ? "" : " at " + host + " port " + std::to_string(port);
     words.who = (link.bindDn.empty() ? "managerdn" : "bind_dn") +
                 std::string(link.bindPassword.empty() ? " and psw" : " and bind_password");
-    bool const tls =
-        link.tls != LinkOptions::Tls::kNone || host.find("ldaps://") != std::string::npos;
+    bool const tls = link.tls != "none" || host.find("ldaps://") != std::string::npos;
     if (tls) {
         bool const startTls = std::string(last.operation) == "starttls";
         std::string const hint =
@@ -177,7 +169,6 @@ void FailConnect(int code, std::string const& host, int port, std::string const&
 
 void RefuseCutSettings() {
     std::string const soap = ConfigPath("soap.ini");
-    IniFile const ini = IniFile::Load(soap);
     struct Field {
         char const* key;
         size_t room;
@@ -185,11 +176,10 @@ void RefuseCutSettings() {
     };
     for (Field const& f : {Field{"managerdn", sizeof(LdapInfo::managerdn) - 1, "bind_dn"},
                            Field{"psw", sizeof(LdapInfo::psw) - 1, "bind_password"}}) {
-        std::string value;
-        std::string instead;
-        if (ini.Get("ldap", f.instead, instead) && !instead.empty())
+        if (!Setting(f.instead).empty())
             continue;  // the record's field is not used for binding
-        if (ini.Get("ldap", f.key, value) && value.size() > f.room) {
+        std::string const value = Setting(f.key);
+        if (value.size() > f.room) {
             Fail("config",
                  std::string(f.key) + " in " + soap + " has " + std::to_string(value.size()) +
                      " characters; the library keeps " + std::to_string(f.room) +
@@ -203,8 +193,7 @@ void RefuseCutSettings() {
 // further host, rather than fail on the first.
 int ConnectWithFailover(std::function<int()> const& connect) {
     int rc = connect();
-    LinkOptions link;
-    link.Read(IniFile::Load(ConfigPath("soap.ini")), "ldap");
+    Link const link = CurrentLink();
     LdapInfo info;
     GetLdapAtt(info);
     std::istringstream hosts(info.host);

@@ -30,6 +30,29 @@ struct Settings {
 void PrepareSettings(Args const& args, char** argv);
 Settings const& CurrentSettings();
 
+// The value of a soap.ini key in force, as the library reads it (qorldap/Inspect.h): the
+// tool's own settings over the file's. state, when given, receives QORLDAP_SETTING_*.
+std::string Setting(char const* key, int* state = nullptr);
+
+// The link as the library reads it.
+struct Link {
+    std::string tls = "none";  // none, starttls, ldaps
+    bool verify = true;
+    std::string caCert;
+    int timeout = 0;
+    bool reconnect = false;
+    bool fastLookup = false;
+    bool atomicPublish = false;
+    std::string bindDn;
+    std::string bindPassword;
+    std::string fault;  // "tls=yes": the first key the library cannot read; empty when none
+
+    bool Valid() const { return fault.empty(); }
+    // For people: "starttls, server certificate verified (system CAs)".
+    std::string Describe() const;
+};
+Link CurrentLink();
+
 // --- the library (connection.cpp) ---
 
 // The user's file NAME in the folder of the settings, absolute, for messages and for the

@@ -14,8 +14,7 @@
 #include <cstring>
 #include <string>
 
-#include "platform/IniFile.h"
-#include "platform/Trim.h"
+#include "qorldap/Inspect.h"
 #include "qorldap/Settings.h"
 #include "tools/session/session.h"
 
@@ -57,6 +56,47 @@ Settings const& CurrentSettings() {
     return gSettings;
 }
 
+std::string Setting(char const* key, int* state) {
+    char const* value = nullptr;
+    int const rc = QorLdapSetting(key, &value);
+    if (state != nullptr)
+        *state = rc;
+    return value != nullptr ? value : "";
+}
+
+Link CurrentLink() {
+    Link link;
+    // In the order the library reads them, so that the fault named is the one it names.
+    for (char const* key : {"tls", "tls_verify", "timeout", "fast_lookup", "atomic_publish",
+                            "refuse_weak_keys", "gb18030_dns", "reconnect"}) {
+        int state = QORLDAP_SETTING_DEFAULT;
+        std::string const value = Setting(key, &state);
+        if (state == QORLDAP_SETTING_UNREAD && link.fault.empty())
+            link.fault = std::string(key) + "=" + value;
+    }
+    if (!link.Valid())
+        return link;
+    link.tls = Setting("tls");
+    link.verify = Setting("tls_verify") == "yes";
+    link.caCert = Setting("tls_cacert");
+    link.timeout = std::atoi(Setting("timeout").c_str());
+    link.reconnect = Setting("reconnect") == "yes";
+    link.fastLookup = Setting("fast_lookup") == "yes";
+    link.atomicPublish = Setting("atomic_publish") == "yes";
+    link.bindDn = Setting("bind_dn");
+    link.bindPassword = Setting("bind_password");
+    return link;
+}
+
+std::string Link::Describe() const {
+    if (!Valid())
+        return "refused: " + fault + " is not a spelling the library knows";
+    if (tls == "none")
+        return "none (clear text)";
+    return tls + (verify ? ", server certificate verified" : ", server certificate NOT verified") +
+           (caCert.empty() ? " (system CAs)" : " against " + caCert);
+}
+
 void PrepareSettings(Args const& args, char** /*argv*/) {
     char const* libraryDir = std::getenv("QORLDAP_CONF_DIR");
     if (args.HasValue("--conf")) {
@@ -73,10 +113,9 @@ void PrepareSettings(Args const& args, char** /*argv*/) {
         gSettings.origin = "current";
     }
     Give("conf_dir", gSettings.folder);
-    IniFile const ini = IniFile::Load(gSettings.folder + "/soap.ini");
-    std::string fileTimeout;
-    bool const fileSets =
-        ini.Get("ldap", "timeout", fileTimeout) && !qor::Trim(fileTimeout).empty();
+    int fileTimeout = QORLDAP_SETTING_DEFAULT;
+    Setting("timeout", &fileTimeout);
+    bool const fileSets = fileTimeout != QORLDAP_SETTING_DEFAULT;
     // Every publication writes a certificate and its protected key in one request, so that the
     // directory keeps both or neither: never a key beside a certificate it does not belong to.
     Give("atomic_publish", "yes");
