@@ -7,19 +7,22 @@
 //   ServerSettings  GetConfig, GetLdapAtt, SetLdapAtt: the soap.ini record
 //   LinkOptions     the soap.ini link keys (TLS, timeout, reconnect, fast_lookup, ...)
 //   Connection      ConnectLdap, NeedsReconnect, GuardOperation, HasConnection: dial, bind,
-//                   TLS, reconnect, host rotation; the search every read uses
+//                   TLS, reconnect, host rotation; the search every read uses. A lost
+//                   connection is noticed by the binding (binding/OpenLdapIF, WatchConnection)
 //   RootCheck       ValidateRootAtt, GetRootAtt, InsertRootAtt (DepartementAtt)
 //   TemplateTable   ReadConfig, ReadEachConfig, SeparateData, GetLdapOpAtt, TemplateCount,
 //                   Templates: the templates of ldap.ini
 //   Naming          MakeLower, CompareNameSame, GetFilter, GetParentDN, ParseSubject,
-//                   FromCNToName, GetCondition, CheckSubject
+//                   FromCNToName, GetCondition (Naming.cpp); CheckSubject, the refusal of a
+//                   subject that would name another entry (SubjectCheck.cpp)
 //   Modification    GetParaAtt, AttFrame: one text value of a write
 //   EntryWrite      InsertLdap, ModifyLdap, DeleteLdap
 //   EntryLookup     SelectLdapAtt, GetAtt, SelectLdap, GetChild, ReadEntry
 //   EntryRead.h     WholeEntry, the record ReadEntry fills
 //   OrgPath         InsertOrganization: the path a certificate subject names
 //   KeyStore        ModifyKey, ReplacePair, GetKeyOP, GetEachKey, and the per-key
-//                   Modify..., Get... and Delete... members
+//                   Modify..., Get... and Delete... members: every key write and read (a
+//                   publication's certificate and key go through ReplacePair when atomic)
 //   UserLookup      GetChildKey (the descent walk), FindUser (fast_lookup), GetFullDN
 //   PasswordChange  ModifyPriKeyPsw
 //   Pkcs12Publish   PublishP12
