@@ -38,9 +38,6 @@ std::string DnKey(std::string const& dn);
 
 // --- ldap.ini's levels (levels.cpp) ---
 
-// The naming attribute of each level of ldap.ini, from the top down; empty when the file does
-// not read.
-std::vector<std::string> NamingAttributes();
 // Each level's class (the template's name) and naming attribute, from the top down.
 std::vector<std::pair<std::string, std::string>> Levels();
 

@@ -50,13 +50,6 @@ class Ini {
 
 }  // namespace
 
-std::vector<std::string> NamingAttributes() {
-    std::vector<std::string> names;
-    for (auto const& level : Levels())
-        names.push_back(level.second);
-    return names;
-}
-
 std::vector<std::pair<std::string, std::string>> Levels() {
     Ini const ini(ConfigPath("ldap.ini"));
     std::string text;

@@ -89,9 +89,6 @@ Row const kRows[] = {
     {QORLDAP_E_FAILED, Situation::kFindUserFast,
      "fast_lookup finds no single user named {name} (none, or more than one: give the keys' "
      "owner a name of its own)"},
-    {QORLDAP_E_OLD_PASSWORD, Situation::kFindUserFast,
-     "the old password does not open a stored private key of the user named {name}, or the "
-     "user lacks one (give the full DN to be told which)"},
     {QORLDAP_E_OLD_PASSWORD, Situation::kPasswdNoCryptKey,
      "{dn}: the user holds no encryption private key; nothing was changed"},
     {QORLDAP_E_OLD_PASSWORD, Situation::kPasswdCryptOnly,
