@@ -396,6 +396,36 @@ TEST_F(Server, RefusalsSayWhyAndCallsSayWhereTheyWent) {
     EXPECT_STREQ("Invalid credentials", QorLdapCodeText(49));
 }
 
+// A password change without passwords only resolves the name: it names the user it reached
+// and reads and writes nothing (qorldap passwd asks this first, so that it refuses a full DN
+// the lookup would take to another user before any key changes).
+TEST_F(Server, APasswordChangeWithoutPasswordsOnlyResolvesTheName) {
+    std::string const unit = "resolve" + std::to_string(getpid());
+    std::string const dn = "cn=" + unit + ", ou=" + unit + ", " + dir_.Base();
+    auto const good = qortest::CraftBundle({{"OU", unit}, {"CN", unit}}, kP12Pw);
+    ASSERT_EQ(0, Publish(good.bundle, "key", false));
+    ASSERT_EQ(0, Publish(good.bundle, "key", true));
+    auto stored = [&] {
+        unsigned char* key = nullptr;
+        unsigned int length = 0;
+        EXPECT_EQ(0, GetCryptPrivateKey(dn.c_str(), key, length));
+        std::string const bytes(reinterpret_cast<char const*>(key), length);
+        FreeKey(key);
+        return bytes;
+    };
+    std::string const before = stored();
+    ASSERT_FALSE(before.empty());
+    EXPECT_EQ(QORLDAP_E_FAILED, ModifyPriKeyPsw(("cn=" + unit).c_str(), nullptr, nullptr));
+    QorLdapOutcome outcome = {};
+    QorLdapLastOutcome(&outcome);
+    EXPECT_EQ(QORLDAP_REFUSED_NONE, outcome.refusal);
+    EXPECT_EQ("cn=" + unit + ", ou=" + unit + "," + dir_.Base(), outcome.dn);
+    EXPECT_EQ(before, stored());
+    EXPECT_EQ(QORLDAP_E_FAILED, ModifyPriKeyPsw(("cn=nobody" + unit).c_str(), nullptr, nullptr));
+    QorLdapLastOutcome(&outcome);
+    EXPECT_STREQ("", outcome.dn);
+}
+
 // With gb18030_dns, callers name entries in GB18030 and get GB18030 names back: a Chinese path
 // published from a UTF-8 subject is reached, listed and changed by its GB18030 DN through both
 // families. The free functions' engine takes its settings once, so that family runs in a child
