@@ -399,6 +399,26 @@ check "  the Chinese cn as text, the key as base64" test -n "$(grep -F '"cn": ["
 make_user wide "/C=CN/O=Acme/OU=Sales/CN=ｌｉ lei" -algorithm EC -pkeyopt ec_paramgen_curve:P-256 >/dev/null 2>&1
 QORLDAP_P12_PASSWORD=bundle-pw QORLDAP_KEY_PASSWORD=x run_bare --conf "$conf" publish wide.p12
 expect_fail "a fullwidth name, refused with the library's reason" 1 "0x16000014 subject attribute CN holds the character U+FF4C (the directory reads it as another); nothing was written"
+group "Ctrl-C during a bulk run"
+# The bundles in flight finish, no new one starts, and the summary and the report still come:
+# the report then lists what was not attempted, so that it is the list of what is left to do.
+mkdir many && for i in $(seq -w 1 60); do cp zhao.p12 "many/b$i.p12"; done
+QORLDAP_P12_PASSWORD=bundle-pw QORLDAP_KEY_PASSWORD=key-pw "$tool" --conf "$conf" publish many \
+    --report interrupted.txt >"$tmp/out" 2>"$tmp/err" </dev/null &
+pid=$!
+sleep 0.7
+kill -INT "$pid"
+wait "$pid"
+status=$?
+summary=$(tail -n1 "$tmp/out")
+read -r done_ _ failed_ _ skipped_ _ <<<"$summary"
+check "exit status 130 and a summary of the three counts: $summary" \
+    test "$status" = 130 -a -n "$(grep 'not attempted (interrupted)' <<<"$summary")"
+check "  the counts add up to the 60 bundles, some published and some left" \
+    test "$((done_ + failed_ + skipped_))" = 60 -a "$done_" -gt 0 -a "$skipped_" -gt 0
+check "  the report lists each bundle left, and nothing else" \
+    test "$(grep -c 'not attempted (the run was interrupted)' interrupted.txt)" = "$skipped_" -a \
+    "$(wc -l <interrupted.txt)" = "$((skipped_ + failed_))"
 echo
 echo "$passed passed, $failed failed"
 [ "$failed" = 0 ]

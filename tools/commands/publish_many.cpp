@@ -1,4 +1,6 @@
 // Publishing many bundles: the list, the worker threads, progress, summary and report.
+#include <signal.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -22,6 +24,39 @@ namespace {
 namespace fs = std::filesystem;
 
 int const kMaxJobs = 64;
+
+// Set by the first Ctrl-C (or SIGTERM) of a run: the bundles in flight finish, no new one is
+// started, and the summary and the report still come. A second one ends the program at once
+// (the handler is reset when it first runs).
+std::atomic<bool> gInterrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "set from a signal handler");
+
+extern "C" void Interrupted(int) {
+    gInterrupted.store(true);
+}
+
+// The handler for the span of a run, the previous ones back after it.
+class InterruptScope {
+  public:
+    InterruptScope() {
+        struct sigaction action = {};
+        action.sa_handler = Interrupted;
+        action.sa_flags = SA_RESETHAND;
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGINT, &action, &int_);
+        sigaction(SIGTERM, &action, &term_);
+    }
+    ~InterruptScope() {
+        sigaction(SIGINT, &int_, nullptr);
+        sigaction(SIGTERM, &term_, nullptr);
+    }
+    InterruptScope(InterruptScope const&) = delete;
+    InterruptScope& operator=(InterruptScope const&) = delete;
+
+  private:
+    struct sigaction int_ = {};
+    struct sigaction term_ = {};
+};
 
 bool IsBundleName(fs::path const& path) {
     std::string const ext = Lower(path.extension().string());
@@ -120,11 +155,14 @@ int PublishMany(Args const& args, PublishSetup const& setup,
     }
     int const jobs = std::min(Jobs(args), static_cast<int>(bundles.size()));
     std::vector<std::string> failures(bundles.size());
+    std::vector<char> attempted(bundles.size(), 0);  // each written by the worker that takes it
     std::atomic<size_t> next(0);
     std::atomic<size_t> failed(0);
     Progress progress("qorldap: publish: ", bundles.size());
+    InterruptScope interrupts;
     auto work = [&] {
-        for (size_t i = next++; i < bundles.size(); i = next++) {
+        for (size_t i = next++; i < bundles.size() && !gInterrupted.load(); i = next++) {
+            attempted[i] = 1;
             std::string const& path = bundles[i].path;
             try {
                 if (!bundles[i].refusal.empty())
@@ -149,7 +187,16 @@ int PublishMany(Args const& args, PublishSetup const& setup,
     for (std::thread& t : workers)
         t.join();
     progress.Finish();
-
+    // What an interruption left out is listed in the report like a failure, so that the report
+    // is the list of what is still to do.
+    bool const interrupted = gInterrupted.load();
+    size_t skipped = 0;
+    for (size_t i = 0; i < bundles.size(); ++i) {
+        if (!attempted[i]) {
+            failures[i] = bundles[i].path + ": not attempted (the run was interrupted)";
+            ++skipped;
+        }
+    }
     if (args.HasValue("--report")) {
         std::string report;
         for (std::string const& f : failures) {
@@ -158,7 +205,13 @@ int PublishMany(Args const& args, PublishSetup const& setup,
         }
         WriteOutput(args.command, report, args.Value("--report"), false, false);
     }
-    std::printf("%zu published, %zu failed in %.1f s\n", bundles.size() - failed, failed.load(),
+    size_t const published = bundles.size() - failed - skipped;
+    if (interrupted) {
+        std::printf("%zu published, %zu failed, %zu not attempted (interrupted) in %.1f s\n",
+                    published, failed.load(), skipped, progress.Seconds());
+        return 128 + SIGINT;
+    }
+    std::printf("%zu published, %zu failed in %.1f s\n", published, failed.load(),
                 progress.Seconds());
     return failed > 0 ? kExitFailed : kExitOk;
 }
