@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # directory_test.sh -- the throwaway directories of scripts/directory and qorldap-prepare, from
 # outside: who may read and bind what a directory leaves in DIR, whether stop and status find
-# the layout that runs there (one slapd, two providers, 389), and what qorldap-prepare counts
-# and says when the server dies under it.
+# the layout that runs there (one slapd, two providers, 389), that no start takes a DIR from
+# under a running server, that every option does something or is refused, what --keep brings
+# back, and what qorldap-prepare counts and says when the server dies under it.
 set -uo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/harness.sh" "$0"
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 prepare=$project/scripts/qorldap-prepare
-trap '"$directory" stop --dir "$tmp/dir" >/dev/null 2>&1; "$directory" stop --dir "$tmp/pair" >/dev/null 2>&1
-      "$directory" stop --dir "$tmp/d389" >/dev/null 2>&1; rm -rf "$tmp"' EXIT
+trap 'for d in dir pair d389 none keep; do "$directory" stop --dir "$tmp/$d" >/dev/null 2>&1; done
+      rm -rf "$tmp"' EXIT
 # The folder above each DIR lets everybody through, so only DIR's own modes protect it.
 chmod 755 "$tmp"
 mode() { stat -c %a "$1"; }
@@ -16,8 +17,12 @@ modes() { local f out=""; for f in "$@"; do out+="$(mode "$f") "; done; printf '
 # says STATUS TEXT COMMAND...: the command exits with STATUS and says TEXT (on either stream).
 says() { local want=$1 text=$2 out rc; shift 2; out=$("$@" 2>&1); rc=$?; [ "$rc" = "$want" ] && [[ $out == *"$text"* ]]; }
 pid_in() { head -n1 "$1" 2>/dev/null | tr -dc '0-9'; }
+# var DIR NAME: a variable of DIR/env.
+var() { sed -n "s/^$2=//p" "$1/env"; }
 as_nobody=0
 [ "$(id -u)" = 0 ] && command -v runuser >/dev/null 2>&1 && as_nobody=1
+have_389=0
+[ "$(id -u)" = 0 ] && command -v ns-slapd >/dev/null 2>&1 && have_389=1
 
 group "one slapd: modes, the socket, stop and status from DIR"
 start_directory --nosync
@@ -34,6 +39,56 @@ check "the owner binds over the socket" eval 'ldapwhoami -Q -Y EXTERNAL -H "$LDA
 check "status --server 389ds is refused: slapd runs there" \
     says 1 "holds slapd" "$directory" status --server 389ds --dir "$d"
 check "status says it runs" says 0 "running on $LDAP_URI" "$directory" status --dir "$d"
+pid=$(pid_in "$d/slapd.pid")
+layouts=("--providers 2")
+[ "$have_389" = 1 ] && layouts+=("--server 389ds")
+for layout in "${layouts[@]}"; do
+    # shellcheck disable=SC2086 # the layout's option and its value
+    check "start $layout over it is refused" \
+        says 1 "a slapd still runs from $d" "$directory" start $layout --dir "$d" --nosync
+done
+check "and it runs on with its files" \
+    eval '"$directory" status --dir "$d" >/dev/null && test "$(pid_in "$d/slapd.pid")" = "$pid" -a -r "$d/env"'
+
+group "every option does something or is refused"
+rows=("stop --nosync|only start takes --nosync" "status --port 389|only start takes --port"
+    "env --base o=x|only start takes --base" "status --server 389ds --nosync|only start takes --nosync"
+    "start --keep --nosync|no other start option goes with it"
+    "start --server-id 1|--server-id and --peer go together"
+    "start --peer ldap://127.0.0.1:1|--server-id and --peer go together"
+    "start --base o=a&b|must not hold double quotes, |, & or newlines"
+    "start --providers 3|only 2 is supported" "stop --providers 3|only 2 is supported"
+    "start --server 1 --nosync|--nosync goes with start --providers 2 only"
+    "status --server 3|unknown --server: 3"
+    "start --server 389ds --providers 2|--server 389ds and --providers name different layouts"
+    "populate --server 389ds --users 1 --units 1|--server 389ds and populate name different layouts"
+    "populate --users --units 1|--users needs a value")
+for row in "${rows[@]}"; do
+    read -ra words <<<"${row%%|*}"
+    check "${row%%|*}: ${row#*|}" says 1 "${row#*|}" "$directory" "${words[@]}" --dir "$tmp/none"
+done
+
+group "--keep starts DIR again as it was: its ldaps listener, a schema loaded into cn=config"
+k=$tmp/keep
+# started OPTIONS...: DIR k started afresh; again: stopped and started with --keep. Each fails
+# the group's checks when it does not work.
+started() { "$directory" start --dir "$k" "$@" >"$tmp/out" 2>&1 || { fail "start $*" "$(tail -n 5 "$tmp/out")"; false; }; }
+again() {
+    "$directory" stop --dir "$k" >/dev/null && "$directory" start --dir "$k" --keep >"$tmp/out" 2>&1 ||
+        { fail "start --keep" "$(tail -n 5 "$tmp/out")"; false; }
+}
+# LDAPNOINIT would keep LDAPTLS_CACERT away too.
+started --nosync --tls && again &&
+    check "the ldaps port answers again" eval 'env -u LDAPNOINIT LDAPTLS_CACERT="$k/tls/ca.crt" LDAPTLS_REQCERT=demand \
+        ldapwhoami -x -H "$(var "$k" LDAPS_URI)" -D "$(var "$k" LDAP_BINDDN)" -w "$(var "$k" LDAP_BINDPW)" >/dev/null 2>&1'
+"$directory" stop --dir "$k" >/dev/null
+if started --nosync --bare; then
+    ldapi=$(var "$k" LDAP_LDAPI_URI)
+    ldapadd -Q -Y EXTERNAL -H "$ldapi" -f "$project/schema/qorldap.ldif" >/dev/null 2>&1 &&
+        again && check "the schema loaded online is still there" eval 'ldapsearch -Q -LLL -Y EXTERNAL -H "$ldapi" \
+            -b cn=schema,cn=config "(cn=*qorldap)" dn 2>/dev/null | grep -q "^dn:"'
+fi
+"$directory" stop --dir "$k" >/dev/null
 
 group "qorldap-prepare: the password stays off the command line, DNs print as text"
 people=ou=People,$LDAP_BASEDN
