@@ -36,6 +36,11 @@ if [ "$as_nobody" = 1 ]; then
         eval '! runuser -u nobody -- ldapwhoami -Q -Y EXTERNAL -H "$LDAP_LDAPI_URI" >/dev/null 2>&1'
 fi
 check "the owner binds over the socket" eval 'ldapwhoami -Q -Y EXTERNAL -H "$LDAP_LDAPI_URI" >/dev/null 2>&1'
+# The throwaway directory runs the shipped rules with add-content checks on: the key service
+# (whose identity the library binds as in every test) cannot add an account of its choosing.
+check "the key service cannot add a uid 0 account with a password (50)" eval '
+    printf "dn: cn=root0,%s\nobjectClass: qorPerson\nobjectClass: posixAccount\ncn: root0\nuid: root0\nuidNumber: 0\ngidNumber: 0\nhomeDirectory: /root\nuserPassword: x\n" "$LDAP_BASEDN" |
+        ldapadd -x -H "$LDAP_URI" -D "$QORLDAP_SERVICE_DN" -w "$QORLDAP_SERVICE_PW" >/dev/null 2>&1; test $? = 50'
 check "status --server 389ds is refused: slapd runs there" \
     says 1 "holds slapd" "$directory" status --server 389ds --dir "$d"
 check "status says it runs" says 0 "running on $LDAP_URI" "$directory" status --dir "$d"
