@@ -53,12 +53,6 @@ no "a missing argument" 2 "get-cert: missing argument" get-cert
 no "an unknown option" 2 "get-cert: unknown option --bogus" get-cert "$li" --bogus
 no "a value given to a flag" 2 "get-cert: --pem takes no value" get-cert "$li" --pem=yes
 for c in publish get-cert get-key put-cert put-key rm-key passwd show tree ls add modify delete config; do ok "$c --help" "usage: qorldap $c" "$c" --help; done
-ok "publish --help names --allow-weak-key" "--allow-weak-key" publish --help
-docs=${directory%/scripts/directory}  # the project, from harness.sh
-check "the manual and the completion know every command" test -z "$(run_bare --help; sed -n 's/^  \([a-z][a-z-]*\) .*/\1/p' <<<"$out" |
-    while read -r c; do grep -qF ".SS \"${c//-/\\-} " "$docs/man/qorldap.1" && grep -qw -- "$c" "$docs/completion/qorldap.bash" || echo "$c"; done)"
-check "the manual knows --allow-weak-key" grep -qF -- '\-\-allow\-weak\-key' "$docs/man/qorldap.1"
-check "the completion knows --allow-weak-key" grep -qw -- --allow-weak-key "$docs/completion/qorldap.bash"
 
 group "config and connection failures"
 run config

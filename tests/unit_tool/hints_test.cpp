@@ -54,55 +54,6 @@ HintWords Words(std::string const& dn) {
     return words;
 }
 
-TEST(ToolHints, EachCodeReadsTheSameWhereverItComesBack) {
-    HintWords const w = Words("cn=x,ou=y");
-    struct Case {
-        int code;
-        Situation situation;
-        char const* hint;
-    };
-    Case const cases[] = {
-        {32, Situation::kWriteKey, "no such object: there is no entry cn=x,ou=y"},
-        {32, Situation::kChangeEntry, "no such object: there is no entry cn=x,ou=y"},
-        {32, Situation::kAddRefused,
-         "the directory refused the entry: its parent ou=x,o=root does not exist"},
-        {65, Situation::kWriteKey,
-         "object class violation (the class of cn=x,ou=y does not allow this attribute; "
-         "qorldap-prepare gives an entry the auxiliary class qorKeyHolder)"},
-        {65, Situation::kPublish,
-         "object class violation (cn=x,ou=y does not allow keys; qorldap-prepare gives an entry "
-         "the auxiliary class qorKeyHolder)"},
-        {66, Situation::kChangeEntry,
-         "not allowed on non-leaf (cn=x,ou=y has entries below it; delete those first)"},
-        {68, Situation::kAddRefused, "the directory refused the entry: cn=x,ou=y exists already"},
-        // Any other code behind add: the directory's own answer.
-        {50, Situation::kAddRefused, "the directory refused the entry: insufficient access (50)"},
-        // No row: the code's own meaning stands alone.
-        {66, Situation::kWriteKey, ""},
-        {50, Situation::kChangeEntry, ""},
-        {QORLDAP_E_PKCS12, Situation::kReadKey, ""},
-        {QORLDAP_E_OLD_PASSWORD, Situation::kConnect, ""},
-        // The library's codes.
-        {QORLDAP_E_KEY_SEARCH, Situation::kReadKey,
-         "the key search failed (is there an entry cn=x,ou=y?)"},
-        {QORLDAP_E_ROOT, Situation::kConnect,
-         "the base entry cn=x,ou=y is missing and cannot be created (check basedn in "
-         "/c/soap.ini)"},
-        {QORLDAP_E_FAILED, Situation::kConnect,
-         "cannot connect to the directory at h port 1 (check host, port, managerdn and psw in "
-         "/c/soap.ini)"},
-        {QORLDAP_E_FAILED, Situation::kFindUserFast,
-         "fast_lookup finds no single user named cn=li lei (none, or more than one: give the "
-         "keys' owner a name of its own)"},
-        // ls and tree say the same whatever the code.
-        {-1, Situation::kList, "the search below cn=x,ou=y failed (is there such an entry?)"},
-        {QORLDAP_E_FAILED, Situation::kList,
-         "the search below cn=x,ou=y failed (is there such an entry?)"},
-    };
-    for (Case const& c : cases)
-        EXPECT_EQ(c.hint, Hint(c.code, c.situation, w)) << c.code;
-}
-
 TEST(ToolHints, OnlyTheCodesOfAnUnreachableServerAreBlamedOnThePortOrOnTls) {
     using qortool::HasHint;
     // -1 and -11 may mean that nothing listens (the tool then looks), or a TLS handshake that
