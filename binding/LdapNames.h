@@ -35,6 +35,14 @@
 #define LDAP_INITIALIZE_N "ldap_initialize"
 #define LDAP_START_TLS_S_N "ldap_start_tls_s"
 #define LDAP_UNBIND_EXT_S_N "ldap_unbind_ext_s"
+// Bound only by a paged walk of a subtree (the simple paged results control, RFC 2696): the
+// request control made and released, the cookie read back from the final result's controls.
+#define LDAP_CREATE_PAGE_CONTROL_N "ldap_create_page_control"
+#define LDAP_PARSE_RESULT_N "ldap_parse_result"
+#define LDAP_CONTROL_FIND_N "ldap_control_find"
+#define LDAP_PARSE_PAGERESPONSE_CONTROL_N "ldap_parse_pageresponse_control"
+#define LDAP_CONTROL_FREE_N "ldap_control_free"
+#define LDAP_CONTROLS_FREE_N "ldap_controls_free"
 // Bound only with a timeout on an LDAPS link: reads the socket of a new connection, so that
 // its TLS handshake cannot wait on a silent server for ever.
 #define BER_SOCKBUF_CTRL_N "ber_sockbuf_ctrl"
@@ -47,7 +55,8 @@
 // function and that every type is the one <ldap.h> declares, so a row cannot drift from the
 // library it binds. The types name libldap's own (LDAP, LDAPMessage, BerElement, ...), so the
 // table is expanded only where <ldap.h> is included. ldap_get_option is bound only when
-// diagnostics are kept, ber_sockbuf_ctrl only for BoundSockets.
+// diagnostics are kept, ber_sockbuf_ctrl only for BoundSockets, the control functions only by a
+// paged walk.
 #define QORLDAP_LDAP_FUNCTIONS(X)                                                                 \
     X(init_, Init, LDAP_INIT_N, ldap_init, LDAP*, (char const*, int))                             \
     X(setOption_, SetOption, LDAP_SET_OPTION_N, ldap_set_option, int, (LDAP*, int, void const*))  \
@@ -88,7 +97,18 @@
     X(unbindExtS_, UnbindExtS, LDAP_UNBIND_EXT_S_N, ldap_unbind_ext_s, int,                       \
       (LDAP*, LDAPControl**, LDAPControl**))                                                      \
     X(getOption_, GetOption, LDAP_GET_OPTION_N, ldap_get_option, int, (LDAP*, int, void*))        \
-    X(sockbufCtrl_, SockbufCtrl, BER_SOCKBUF_CTRL_N, ber_sockbuf_ctrl, int, (Sockbuf*, int, void*))
+    X(sockbufCtrl_, SockbufCtrl, BER_SOCKBUF_CTRL_N, ber_sockbuf_ctrl, int,                       \
+      (Sockbuf*, int, void*))                                                                     \
+    X(pageControl_, PageControl, LDAP_CREATE_PAGE_CONTROL_N, ldap_create_page_control, int,       \
+      (LDAP*, ber_int_t, berval*, int, LDAPControl**))                                            \
+    X(parseResult_, ParseResult, LDAP_PARSE_RESULT_N, ldap_parse_result, int,                     \
+      (LDAP*, LDAPMessage*, int*, char**, char**, char***, LDAPControl***, int))                  \
+    X(controlFind_, ControlFind, LDAP_CONTROL_FIND_N, ldap_control_find, LDAPControl*,            \
+      (char const*, LDAPControl**, LDAPControl***))                                               \
+    X(parsePageResponse_, ParsePageResponse, LDAP_PARSE_PAGERESPONSE_CONTROL_N,                   \
+      ldap_parse_pageresponse_control, int, (LDAP*, LDAPControl*, ber_int_t*, berval*))           \
+    X(controlFree_, ControlFree, LDAP_CONTROL_FREE_N, ldap_control_free, void, (LDAPControl*))    \
+    X(controlsFree_, ControlsFree, LDAP_CONTROLS_FREE_N, ldap_controls_free, void, (LDAPControl**))
 
 // The file the binding loads. QORLDAP_LDAP_LIBRARY, when set, names the one file to load.
 #define LDAP_LIBRARY_FILE "libldap.so"

@@ -356,6 +356,43 @@ void COpenLdapIF::BerFree(berelement* ber, int freebuf) {
     }
 }
 
+int COpenLdapIF::LdapCreatePageControl(ldap* ld, int pageSize, berval* cookie, int critical,
+                                       ldapcontrol** ctrl) {
+    return CallLocal<int>(pageControl_, LDAP_CREATE_PAGE_CONTROL_N, LDAP_NOT_SUPPORTED, ld,
+                          static_cast<ber_int_t>(pageSize), cookie, critical, ctrl);
+}
+
+int COpenLdapIF::LdapParseResult(ldap* ld, ldapmsg* chain, int* code, ldapcontrol*** serverctrls) {
+    return CallLocal<int>(parseResult_, LDAP_PARSE_RESULT_N, LDAP_NOT_SUPPORTED, ld, chain, code,
+                          static_cast<char**>(nullptr), static_cast<char**>(nullptr),
+                          static_cast<char***>(nullptr), serverctrls, 0);
+}
+
+ldapcontrol* COpenLdapIF::LdapControlFind(char const* oid, ldapcontrol** ctrls) {
+    return CallLocal<ldapcontrol*>(controlFind_, LDAP_CONTROL_FIND_N, nullptr, oid, ctrls,
+                                   static_cast<ldapcontrol***>(nullptr));
+}
+
+int COpenLdapIF::LdapParsePageResponse(ldap* ld, ldapcontrol* ctrl, int* count, berval* cookie) {
+    ber_int_t pages = 0;
+    int const rc = CallLocal<int>(parsePageResponse_, LDAP_PARSE_PAGERESPONSE_CONTROL_N,
+                                  LDAP_NOT_SUPPORTED, ld, ctrl, &pages, cookie);
+    *count = static_cast<int>(pages);
+    return rc;
+}
+
+void COpenLdapIF::LdapControlFree(ldapcontrol* ctrl) {
+    if (ctrl != nullptr) {
+        CallLocalVoid(controlFree_, LDAP_CONTROL_FREE_N, ctrl);
+    }
+}
+
+void COpenLdapIF::LdapControlsFree(ldapcontrol** ctrls) {
+    if (ctrls != nullptr) {
+        CallLocalVoid(controlsFree_, LDAP_CONTROLS_FREE_N, ctrls);
+    }
+}
+
 ldap* COpenLdapIF::LdapInitialize(char const* uri) {
     ScopeLock lock(&lock_);
     if (!Resolve(initialize_, LDAP_INITIALIZE_N)) {

@@ -61,6 +61,19 @@ class COpenLdapIF {
     // Releases the cursor of an attribute walk (liblber's ber_free with freebuf 0).
     void BerFree(berelement* ber, int freebuf);
 
+    // The simple paged results control (RFC 2696). LdapCreatePageControl: 0 with *ctrl to be
+    // released by LdapControlFree, LDAP_NOT_SUPPORTED (-12) when the function cannot be had.
+    // LdapParseResult reads the final result of a chain without releasing it (LDAP_NOT_SUPPORTED
+    // when it cannot be had); LdapControlFind gives the control of that OID or null; the cookie
+    // LdapParsePageResponse fills is released with LdapMemFree.
+    int LdapCreatePageControl(ldap* ld, int pageSize, berval* cookie, int critical,
+                              ldapcontrol** ctrl);
+    int LdapParseResult(ldap* ld, ldapmsg* chain, int* code, ldapcontrol*** serverctrls);
+    ldapcontrol* LdapControlFind(char const* oid, ldapcontrol** ctrls);
+    int LdapParsePageResponse(ldap* ld, ldapcontrol* ctrl, int* count, berval* cookie);
+    void LdapControlFree(ldapcontrol* ctrl);
+    void LdapControlsFree(ldapcontrol** ctrls);
+
     // Like LdapInit, from a URI list ("ldaps://host:port ..."): hands out the cached handle
     // when there is one. Null when the library or the function cannot be had, or init failed.
     ldap* LdapInitialize(char const* uri);

@@ -144,6 +144,24 @@ bool EntryLookup::GetChild(char const* base, char const* filter, tagDN*& list, i
     return true;
 }
 
+void TakeWholeEntry(COpenLdapIF& binding, SearchResult const& result, ldapmsg* from,
+                    WholeEntry& entry) {
+    entry = WholeEntry();
+    char* name = binding.LdapGetDN(result.Handle(), from);
+    if (name != nullptr) {
+        entry.dn = name;
+        binding.LdapMemFree(name);
+    }
+    result.ForEachAttributeOf(from, [&](char const* attribute) {
+        OctetValues values(binding, result.Handle(), from, attribute);
+        std::vector<std::string> copies;
+        for (berval** v = values.get(); v != nullptr && *v != nullptr; ++v) {
+            copies.emplace_back((*v)->bv_val, (*v)->bv_len);
+        }
+        entry.attributes.emplace_back(attribute, std::move(copies));
+    });
+}
+
 // One base search for every user attribute, each value taken as octets, so that binary values
 // and values holding zero bytes come out exactly as stored.
 int EntryLookup::ReadEntry(char const* dn, WholeEntry& entry) {
@@ -161,18 +179,6 @@ int EntryLookup::ReadEntry(char const* dn, WholeEntry& entry) {
     if (first == nullptr) {
         return LDAP_NO_SUCH_OBJECT;  // no entry came back (the server hid it)
     }
-    char* name = binding.LdapGetDN(result.Handle(), first);
-    if (name != nullptr) {
-        entry.dn = name;
-        binding.LdapMemFree(name);
-    }
-    result.ForEachAttribute([&](char const* attribute) {
-        OctetValues values(binding, result.Handle(), result.Chain(), attribute);
-        std::vector<std::string> copies;
-        for (berval** v = values.get(); v != nullptr && *v != nullptr; ++v) {
-            copies.emplace_back((*v)->bv_val, (*v)->bv_len);
-        }
-        entry.attributes.emplace_back(attribute, std::move(copies));
-    });
+    TakeWholeEntry(binding, result, first, entry);
     return QORLDAP_OK;
 }

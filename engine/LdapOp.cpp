@@ -144,6 +144,16 @@ int CLdapOp::ReadEntry(char const* dn, WholeEntry& entry) {
     return lookup_.ReadEntry(dn, entry);
 }
 
+int CLdapOp::ReadPage(char const* base, char const* filter, char** attributes, int pageSize,
+                      std::string& cookie, std::vector<WholeEntry>& page) {
+    return pages_.NextPage(base, filter, attributes, pageSize, cookie, page);
+}
+
+int CLdapOp::EndPages(char const* base, char const* filter, char** attributes,
+                      std::string const& cookie) {
+    return pages_.Abandon(base, filter, attributes, cookie);
+}
+
 int CLdapOp::InsertOrganization(char const* subject, std::string& dn) {
     return paths_.InsertOrganization(subject, dn);
 }

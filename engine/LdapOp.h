@@ -19,6 +19,7 @@
 //   EntryWrite      InsertLdap, ModifyLdap, DeleteLdap
 //   EntryLookup     SelectLdapAtt, GetAtt, SelectLdap, GetChild, ReadEntry
 //   EntryRead.h     WholeEntry, the record ReadEntry fills
+//   PagedSearch     ReadPage, EndPages: a subtree one page at a time (RFC 2696)
 //   OrgPath         InsertOrganization: the path a certificate subject names
 //   KeyStore        ModifyKey, ReplacePair, GetKeyOP, GetEachKey, and the per-key
 //                   Modify..., Get... and Delete... members: every key write and read (a
@@ -35,6 +36,7 @@
 
 #include <shared_mutex>
 #include <string>
+#include <vector>
 
 #include "engine/Connection.h"
 #include "engine/Constants.h"
@@ -45,6 +47,7 @@
 #include "engine/Modification.h"
 #include "engine/Naming.h"
 #include "engine/OrgPath.h"
+#include "engine/PagedSearch.h"
 #include "engine/PasswordChange.h"
 #include "engine/Pkcs12Publish.h"
 #include "engine/RootCheck.h"
@@ -120,6 +123,10 @@ class CLdapOp {
     int SelectLdap(char const* dn, char const* condition, tagDN*& list, int& count);
     bool GetChild(char const* base, char const* filter, tagDN*& list, int& count);
     int ReadEntry(char const* dn, WholeEntry& entry);
+    int ReadPage(char const* base, char const* filter, char** attributes, int pageSize,
+                 std::string& cookie, std::vector<WholeEntry>& page);
+    int EndPages(char const* base, char const* filter, char** attributes,
+                 std::string const& cookie);
     int InsertOrganization(char const* subject, std::string& dn);
 
     // --- key store (KeyStore, UserLookup, PasswordChange, Pkcs12Publish) ---
@@ -158,6 +165,7 @@ class CLdapOp {
     Naming naming_{templates_};
     EntryWriter writer_{connection_, certFlag_};
     EntryLookup lookup_{connection_, templates_, settings_.Link()};
+    PagedSearch pages_{connection_};
     KeyStore keys_{connection_, naming_, certFlag_};
     UserLookup users_{settings_, connection_, templates_, naming_, lookup_, keys_};
     PasswordChange password_{users_, keys_};

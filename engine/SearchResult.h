@@ -76,9 +76,14 @@ class SearchResult {
     // released once visit returns, the cursor at the end of the walk.
     template <typename Visit>
     void ForEachAttribute(Visit visit) const {
+        ForEachAttributeOf(chain_, visit);
+    }
+    // The same for one entry of the chain.
+    template <typename Visit>
+    void ForEachAttributeOf(ldapmsg* entry, Visit visit) const {
         berelement* ber = nullptr;
-        for (char* name = binding_.LdapFirstAttribute(ld_, chain_, &ber); name != nullptr;
-             name = binding_.LdapNextAttribute(ld_, chain_, ber)) {
+        for (char* name = binding_.LdapFirstAttribute(ld_, entry, &ber); name != nullptr;
+             name = binding_.LdapNextAttribute(ld_, entry, ber)) {
             visit(static_cast<char const*>(name));
             binding_.LdapMemFree(name);
         }

@@ -50,6 +50,7 @@ struct QorLdapEntry;
 int QorLdapReadEntry(C, QorLdapEntry**);
 void QorLdapFreeEntry(QorLdapEntry*);
 int QorLdapSetting(C, C*), QorLdapCheckStoredKey(B, unsigned);
+int QorLdapWalk(C, C, C const*, int, int (*)(QorLdapEntry const*, void*), void*);
 }
 
 class CLdap {
@@ -132,6 +133,12 @@ int main() {
     QorLdapEntry* entry = reinterpret_cast<QorLdapEntry*>(&count);
     ok = ok && QorLdapReadEntry(dn, &entry) == 0x16000010 && entry == nullptr;
     QorLdapFreeEntry(entry);
+    // A walk without a connection visits nothing.
+    C const wanted[] = {"cn", nullptr};
+    int visits = 0;
+    auto visit = [](QorLdapEntry const*, void* seen) { return ++*static_cast<int*>(seen); };
+    ok = ok && QorLdapWalk("o=abi", nullptr, wanted, 10, visit, &visits) == 0x16000010 &&
+         visits == 0;
     FreeKey(key);
     ldap.FreeKey(key);
     ldap.FreeAtt(&att);

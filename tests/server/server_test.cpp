@@ -19,6 +19,7 @@
 #include "qorldap/Entry.h"
 #include "qorldap/Outcome.h"
 #include "qorldap/Settings.h"
+#include "qorldap/Walk.h"
 #include "qorldap/qorldap.h"
 #include "tests/support/CraftedBundle.h"
 #include "tests/support/Directory.h"
@@ -541,6 +542,64 @@ TEST_F(Server, AnEntryIsReadWholeAsTheDirectoryHoldsIt) {
     EXPECT_EQ(QORLDAP_E_FAILED, QorLdapReadEntry(nullptr, &entry));
     EXPECT_EQ(QORLDAP_E_FAILED, QorLdapReadEntry(dn.c_str(), nullptr));
     QorLdapFreeEntry(nullptr);
+}
+
+// A subtree walked in pages of 3 visits each matching entry once, with the attributes asked for
+// byte for byte; the visit may call the library; a visit that stops the walk ends it with its
+// value, and the next walk starts afresh.
+TEST_F(Server, AWalkVisitsTheSubtreePageByPage) {
+    std::string const binary("\x30\x00\x01\xff\x0a", 5);
+    std::set<std::string> made;
+    for (int i = 0; i < 7; ++i) {
+        std::string const dn = User("walker " + std::to_string(i));
+        ASSERT_EQ(0, ldap_.ModifySignPublicKey(dn.c_str(), U(binary), binary.size()));
+        made.insert(dn);
+    }
+    struct Seen {
+        std::set<std::string> dns;
+        int wrong = 0;
+        int stopAt = 0;
+    } seen;
+    auto visit = [](QorLdapEntry const* entry, void* context) {
+        Seen& s = *static_cast<Seen*>(context);
+        s.dns.insert(entry->dn);
+        // cn and the certificate, nothing else, and the same as a read of the whole entry.
+        QorLdapEntry* whole = nullptr;
+        if (entry->attributeCount != 2 || QorLdapReadEntry(entry->dn, &whole) != 0)
+            ++s.wrong;
+        for (int i = 0; i < entry->attributeCount; ++i) {
+            QorLdapAttribute const& a = entry->attributes[i];
+            std::string const name = a.name;
+            std::string const first(reinterpret_cast<char const*>(a.values[0].bytes),
+                                    a.values[0].length);
+            if ((name == "signPubcer;binary" && first != std::string("\x30\x00\x01\xff\x0a", 5)) ||
+                (name != "signPubcer;binary" && name != "cn"))
+                ++s.wrong;
+        }
+        QorLdapFreeEntry(whole);
+        return static_cast<int>(s.dns.size()) == s.stopAt ? 77 : 0;
+    };
+    char const* const wanted[] = {"cn", "signPubcer;binary", nullptr};
+    ASSERT_EQ(0, QorLdapWalk(unit_.c_str(), "(cn=walker*)", wanted, 3, visit, &seen));
+    EXPECT_EQ(made, seen.dns);
+    EXPECT_EQ(0, seen.wrong);
+    seen = Seen{{}, 0, 4};
+    EXPECT_EQ(77, QorLdapWalk(unit_.c_str(), "(cn=walker*)", wanted, 3, visit, &seen));
+    EXPECT_EQ(4u, seen.dns.size());
+    seen = Seen{};
+    EXPECT_EQ(0, QorLdapWalk(unit_.c_str(), "(cn=walker*)", wanted, 3, visit, &seen));
+    EXPECT_EQ(7u, seen.dns.size());
+    // Every user attribute without a list; the unit itself with a filter that takes it.
+    int count = 0;
+    auto counter = [](QorLdapEntry const*, void* n) { return ++*static_cast<int*>(n), 0; };
+    EXPECT_EQ(0, QorLdapWalk(unit_.c_str(), nullptr, nullptr, 100, counter, &count));
+    EXPECT_EQ(8, count);
+    std::string const nowhere = "ou=nowhere," + unit_;
+    EXPECT_EQ(32, QorLdapWalk(nowhere.c_str(), nullptr, nullptr, 3, counter, &count));
+    EXPECT_EQ(QORLDAP_E_FAILED, QorLdapWalk(unit_.c_str(), nullptr, nullptr, 0, counter, &count));
+    EXPECT_EQ(QORLDAP_E_FAILED, QorLdapWalk(nullptr, nullptr, nullptr, 3, counter, &count));
+    EXPECT_EQ(QORLDAP_E_FAILED, QorLdapWalk(unit_.c_str(), nullptr, nullptr, 3, nullptr, &count));
+    EXPECT_EQ(8, count);
 }
 
 }  // namespace
