@@ -24,6 +24,12 @@ inline constexpr char SECTION_LDAP_FAST_LOOKUP[] = "fast_lookup";
 inline constexpr char SECTION_LDAP_ATOMIC_PUBLISH[] = "atomic_publish";
 inline constexpr char SECTION_LDAP_REFUSE_WEAK_KEYS[] = "refuse_weak_keys";
 inline constexpr char SECTION_LDAP_GB18030_DNS[] = "gb18030_dns";
+// The free functions' connection pool (engine/PoolOptions.h).
+inline constexpr char SECTION_LDAP_POOL_SIZE[] = "pool_size";
+inline constexpr char SECTION_LDAP_READ_HOST[] = "read_host";
+inline constexpr char SECTION_LDAP_READ_AFTER_WRITE[] = "read_after_write";
+inline constexpr char SECTION_LDAP_FAILBACK[] = "failback";
+inline constexpr char SECTION_LDAP_IDLE_CHECK[] = "idle_check";
 inline constexpr char LDAP_BASE[] = "base";
 inline constexpr char LDAP_SUM[] = "sum";
 inline constexpr char LDAP_ATT[] = "A";

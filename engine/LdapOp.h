@@ -6,9 +6,10 @@
 // Where each operation lives (engine/<name>.h and .cpp):
 //   ServerSettings  GetConfig, GetLdapAtt, SetLdapAtt: the soap.ini record
 //   LinkOptions     the soap.ini link keys (TLS, timeout, reconnect, fast_lookup, ...)
-//   Connection      ConnectLdap, NeedsReconnect, GuardOperation, HasConnection: dial, bind,
-//                   TLS, reconnect, host rotation; the search every read uses. A lost
-//                   connection is noticed by the binding (binding/OpenLdapIF, WatchConnection)
+//   Connection      ConnectLdap, NeedsReconnect, GuardOperation, HasConnection, JoinPool: dial,
+//                   bind, TLS, reconnect, host rotation, failback, idle checks; the search
+//                   every read uses. A lost connection is noticed by the binding
+//                   (binding/OpenLdapIF, WatchConnection)
 //   RootCheck       ValidateRootAtt, GetRootAtt, InsertRootAtt (DepartementAtt)
 //   TemplateTable   ReadConfig, ReadEachConfig, SeparateData, GetLdapOpAtt, TemplateCount,
 //                   Templates: the templates of ldap.ini
@@ -31,6 +32,8 @@
 //   Records.h       FreeKey, FreeAtt, FreeDN
 //   Constants.h     names and formats        Bounded.h      bounded copies
 //   SearchResult.h  a search result's owner  Outcome.h      the thread's last refusal
+//   Pool, HostSet, HostProbe, PoolOptions  the free functions' pool (pool_size, read_host,
+//                   read_after_write, failback, idle_check); not part of an engine
 #ifndef QORLDAP_ENGINE_LDAPOP_H
 #define QORLDAP_ENGINE_LDAPOP_H
 
@@ -78,6 +81,9 @@ class CLdapOp {
     bool NeedsReconnect() const { return connection_.NeedsReconnect(); }
     std::shared_lock<std::shared_mutex> GuardOperation() { return connection_.GuardOperation(); }
     bool HasConnection() const { return connection_.HasConnection(); }
+    // Makes the engine one of a pool's: it dials the hosts of hosts and redials a lost
+    // connection (engine/Pool.h). Called once, before the first connection.
+    void JoinPool(HostSet& hosts) { connection_.Join(hosts); }
     // Whether callers speak GB18030 in DNs (soap.ini gb18030_dns).
     bool Gb18030Dns() const { return settings_.Link().gb18030Dns; }
     void GetLdapAtt(LdapInfo& info);  // info receives a copy of the settings in force

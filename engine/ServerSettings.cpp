@@ -56,4 +56,5 @@ void ServerSettings::Read(std::string const& section) {
         info_.port = ReadPort(value);
     }
     link_.Read(soap, section);
+    pool_.Read(soap, section);
 }

@@ -1,7 +1,7 @@
 // ServerSettings: the server settings of "soap.ini" (the LdapInfo record) and the link options
-// read beside them.
-// Owns: the record, read and replaced as a whole under a lock of its own, and the link options,
-// written only while the engine is built.
+// read beside them, and the pool keys (PoolOptions).
+// Owns: the record, read and replaced as a whole under a lock of its own, and the link and pool
+// options, written only while the engine is built.
 // Promises: Read keeps a field whose key is missing and cuts a text to its field; Get hands out
 // a copy, so that Set from another thread never tears a text an operation is reading.
 // Needs: the INI reader and the program's own settings (platform/IniFile.h,
@@ -13,6 +13,7 @@
 #include <string>
 
 #include "engine/LinkOptions.h"
+#include "engine/PoolOptions.h"
 #include "qorldap/records.h"
 
 class ServerSettings {
@@ -34,11 +35,13 @@ class ServerSettings {
         info_ = info;
     }
     LinkOptions const& Link() const { return link_; }
+    PoolOptions const& Pool() const { return pool_; }
 
   private:
     LdapInfo info_;
     mutable std::mutex lock_;
     LinkOptions link_;
+    PoolOptions pool_;
 };
 
 #endif

@@ -1,14 +1,35 @@
-// The free functions' engine, built by the first call that needs it.
+// The free functions' engines: the one engine all threads share, built by the first call that
+// needs it, or with pool_size in soap.ini a pool of them (engine/Pool.h).
 #ifndef QORLDAP_INTERFACE_FREEENGINE_H
 #define QORLDAP_INTERFACE_FREEENGINE_H
+
+#include "engine/Pool.h"
 
 class CLdapOp;
 
 namespace qor {
 
+// The shared engine. With a pool it serves only the calls that do not go through FreeLease.
 CLdapOp& FreeEngine();
-// Whether FreeEngine has been built.
+// Whether the free functions' engine or pool has been built.
 bool FreeEngineBuilt();
+// The pool, null without pool_size (built, like the engine, by the first call).
+Pool* FreePool();
+
+// The engine one call of a free function runs on, for the span of the call: the shared engine,
+// or one taken from the pool for use and given back when the lease goes.
+class FreeLease {
+  public:
+    explicit FreeLease(Pool::Use use);
+    FreeLease(FreeLease const&) = delete;
+    FreeLease& operator=(FreeLease const&) = delete;
+    // Null when the pool had no engine free within the timeout.
+    CLdapOp* Engine() const { return engine_; }
+
+  private:
+    Pool::Lease lease_;
+    CLdapOp* engine_ = nullptr;
+};
 
 }  // namespace qor
 

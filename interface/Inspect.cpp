@@ -40,6 +40,11 @@ Key const kKeys[] = {
     {SECTION_LDAP_ATOMIC_PUBLISH, Kind::kYesNo},
     {SECTION_LDAP_REFUSE_WEAK_KEYS, Kind::kYesNo},
     {SECTION_LDAP_GB18030_DNS, Kind::kYesNo},
+    {SECTION_LDAP_POOL_SIZE, Kind::kText},
+    {SECTION_LDAP_READ_HOST, Kind::kText},
+    {SECTION_LDAP_READ_AFTER_WRITE, Kind::kText},
+    {SECTION_LDAP_FAILBACK, Kind::kText},
+    {SECTION_LDAP_IDLE_CHECK, Kind::kText},
 };
 
 // The field of link that the key name fills, as the library reads it.

@@ -1,11 +1,13 @@
-// The free functions, over one engine that all threads share. It is built by the first call
-// that needs it, not when the library is loaded, so that a program can name its settings first
-// (qorldap/Settings.h, or QORLDAP_CONF_DIR set after loading); it is destroyed when the library
-// is unloaded or the process exits.
+// The free functions, over one engine that all threads share, or with pool_size over engines
+// taken from a pool for the span of each call (engine/Pool.h). Engine and pool are built by
+// the first call that needs them, not when the library is loaded, so that a program can name
+// its settings first (qorldap/Settings.h, or QORLDAP_CONF_DIR set after loading); they are
+// destroyed when the library is unloaded or the process exits.
 #include "qorldap/LdapIF.h"
 
 #include <atomic>
 
+#include "engine/Constants.h"
 #include "engine/LdapOp.h"
 #include "engine/Outcome.h"
 #include "interface/CallerDn.h"
@@ -15,6 +17,13 @@
 namespace {
 
 std::atomic<bool> built{false};
+
+// Whether soap.ini (with the program's settings) asks for a pool, read once, as the engine reads
+// it, when the first call comes.
+bool PoolWanted() {
+    static bool const wanted = ServerSettings(SECTION_LDAP).Pool().Pooled();
+    return wanted;
+}
 
 }  // namespace
 
@@ -31,91 +40,124 @@ bool FreeEngineBuilt() {
     return built.load(std::memory_order_acquire);
 }
 
-}  // namespace qor
-
-namespace {
-
-CLdapOp& Engine() {
-    return qor::FreeEngine();
+Pool* FreePool() {
+    if (!PoolWanted()) {
+        return nullptr;
+    }
+    static Pool pool;
+    built.store(true, std::memory_order_release);
+    return &pool;
 }
 
-}  // namespace
+FreeLease::FreeLease(Pool::Use use) {
+    Pool* pool = FreePool();
+    if (pool == nullptr) {
+        engine_ = &FreeEngine();
+        return;
+    }
+    lease_ = pool->Take(use);
+    engine_ = lease_.Engine();
+}
+
+}  // namespace qor
+
+using Use = Pool::Use;
 
 int ConnectLdap() {
-    return Engine().ConnectLdap();
+    qor::FreeLease lease(Use::kWrite);
+    return lease.Engine() != nullptr ? lease.Engine()->ConnectLdap() : QORLDAP_E_FAILED;
 }
 
 // Connects first, as every operation of this family does; when that fails nothing is released.
 void FreeKey(unsigned char* key) {
-    if (Engine().ConnectLdap() != QORLDAP_OK) {
+    qor::FreeLease lease(Use::kRead);
+    if (lease.Engine() == nullptr || lease.Engine()->ConnectLdap() != QORLDAP_OK) {
         return;
     }
-    Engine().FreeKey(key);
+    lease.Engine()->FreeKey(key);
 }
 
 void GetLdapAtt(LdapInfo& info) {
-    Engine().GetLdapAtt(info);
+    if (Pool* pool = qor::FreePool()) {
+        info = pool->Record();
+        return;
+    }
+    qor::FreeEngine().GetLdapAtt(info);
 }
 
 void SetLdapAtt(LdapInfo info) {
-    Engine().SetLdapAtt(info);
+    if (Pool* pool = qor::FreePool()) {
+        pool->SetRecord(info);
+        return;
+    }
+    qor::FreeEngine().SetLdapAtt(info);
 }
 
-// Every operation connects first, and looks again under the guard that a connection is left.
+// Every operation runs on the engine of its lease: connects first, and looks again under the
+// guard that a connection is left. operation(engine) gives the operation's code.
 template <typename Operation>
-int Connected(Operation operation) {
+int Connected(Use use, Operation operation) {
+    qor::FreeLease lease(use);
+    CLdapOp* engine = lease.Engine();
+    if (engine == nullptr) {
+        return QORLDAP_E_FAILED;
+    }
     return qor::ConnectThenRun(
-        Engine(), [] { return Engine().ConnectLdap(); }, qor::Recheck::kYes, operation);
+        *engine, [engine] { return engine->ConnectLdap(); }, qor::Recheck::kYes,
+        [&] { return operation(*engine); });
 }
 
 int GetSignPrivateKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return Connected([&] {
-        return Engine().GetSignPrivateKey(qor::DirectoryDn(Engine(), name).Get(), key, length);
+    return Connected(Use::kRead, [&](CLdapOp& engine) {
+        return engine.GetSignPrivateKey(qor::DirectoryDn(engine, name).Get(), key, length);
     });
 }
 
 int GetSignPublicKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return Connected([&] {
-        return Engine().GetSignPublicKey(qor::DirectoryDn(Engine(), name).Get(), key, length);
+    return Connected(Use::kRead, [&](CLdapOp& engine) {
+        return engine.GetSignPublicKey(qor::DirectoryDn(engine, name).Get(), key, length);
     });
 }
 
 int GetCryptPrivateKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return Connected([&] {
-        return Engine().GetCryptPrivateKey(qor::DirectoryDn(Engine(), name).Get(), key, length);
+    return Connected(Use::kRead, [&](CLdapOp& engine) {
+        return engine.GetCryptPrivateKey(qor::DirectoryDn(engine, name).Get(), key, length);
     });
 }
 
 int GetCryptPublicKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return Connected([&] {
-        return Engine().GetCryptPublicKey(qor::DirectoryDn(Engine(), name).Get(), key, length);
+    return Connected(Use::kRead, [&](CLdapOp& engine) {
+        return engine.GetCryptPublicKey(qor::DirectoryDn(engine, name).Get(), key, length);
     });
 }
 
 int DeleteSignPrivateKey(char const* dn) {
-    return Connected(
-        [&] { return Engine().DeleteSignPrivateKey(qor::DirectoryDn(Engine(), dn).Get()); });
+    return Connected(Use::kWrite, [&](CLdapOp& engine) {
+        return engine.DeleteSignPrivateKey(qor::DirectoryDn(engine, dn).Get());
+    });
 }
 
 int DeleteCryptPrivateKey(char const* dn) {
-    return Connected(
-        [&] { return Engine().DeleteCryptPrivateKey(qor::DirectoryDn(Engine(), dn).Get()); });
+    return Connected(Use::kWrite, [&](CLdapOp& engine) {
+        return engine.DeleteCryptPrivateKey(qor::DirectoryDn(engine, dn).Get());
+    });
 }
 
+// A password change reads the keys and writes them back, and a publication reads the path it
+// then extends: both run on a provider, so that they never read what a replica has not had yet.
 int ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw) {
-    return Connected([&] {
-        int const rc =
-            Engine().ModifyPriKeyPsw(qor::DirectoryDn(Engine(), name).Get(), oldPsw, newPsw);
-        qor::ToCaller(Engine(), qor::Outcome::OfThread().dn);
+    return Connected(Use::kWrite, [&](CLdapOp& engine) {
+        int const rc = engine.ModifyPriKeyPsw(qor::DirectoryDn(engine, name).Get(), oldPsw, newPsw);
+        qor::ToCaller(engine, qor::Outcome::OfThread().dn);
         return rc;
     });
 }
 
 int PublishP12(char const* pfx, unsigned long pfxLength, char const* pfxPsw, char const* keyPsw,
                bool sign, bool publicOnly) {
-    return Connected([&] {
-        int const rc = Engine().PublishP12(pfx, pfxLength, pfxPsw, keyPsw, sign, publicOnly);
-        qor::ToCaller(Engine(), qor::Outcome::OfThread().dn);
+    return Connected(Use::kWrite, [&](CLdapOp& engine) {
+        int const rc = engine.PublishP12(pfx, pfxLength, pfxPsw, keyPsw, sign, publicOnly);
+        qor::ToCaller(engine, qor::Outcome::OfThread().dn);
         return rc;
     });
 }

@@ -8,8 +8,13 @@
 //   QorLdapSet("bind_password", secret);        wins over the file's, read with the same rules
 //   QorLdapSet("timeout", NULL);                forgets the program's value: the file's counts
 //
+//   QorLdapSet("pool_size", "8");               the free functions' pool (pool_size, read_host,
+//                                                read_after_write, failback, idle_check: see
+//                                                schema/soap.ini.example)
+//
 // A setting reaches every engine built after it: each CLdap object when it is constructed,
-// and the free functions' engine, which is built by the first call of any free function.
+// and the free functions' engine, which is built by the first call of any free function. The
+// pool keys count when that first call comes; failback and idle_check reach CLdap objects too.
 // Settings are process-wide; the value is copied.
 #ifndef QORLDAP_SETTINGS_H
 #define QORLDAP_SETTINGS_H
