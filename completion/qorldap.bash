@@ -4,7 +4,7 @@
 _qorldap() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]}
     local commands="publish get-cert get-key put-cert put-key rm-key passwd show tree ls add
-        modify delete config help"
+        modify delete config expiring verify help"
     local global="--conf --timeout --help --version"
     local command="" i word
     for ((i = 1; i < COMP_CWORD; i++)); do
@@ -21,11 +21,11 @@ _qorldap() {
             compopt -o filenames 2>/dev/null
             COMPREPLY=($(compgen -d -- "$cur"))
             return ;;
-        -o | --output | --report | --p12-pass-file | --key-pass-file | --old-pass-file | --new-pass-file)
+        -o | --output | --report | --p12-pass-file | --key-pass-file | --old-pass-file | --new-pass-file | --prometheus | --key-password-from)
             compopt -o filenames 2>/dev/null
             COMPREPLY=($(compgen -f -- "$cur"))
             return ;;
-        --timeout | -j | --jobs | --depth | --class)
+        --timeout | -j | --jobs | --depth | --class | --within)
             return ;;
     esac
 
@@ -44,6 +44,8 @@ _qorldap() {
         ls) options="--recursive" ;;
         add | modify) options="--class" ;;
         config) options="--check" ;;
+        expiring) options="--within --json --csv --prometheus" ;;
+        verify) options="--json --key-password-from" ;;
         help) COMPREPLY=($(compgen -W "$commands" -- "$cur")); return ;;
     esac
     if [[ $cur == -* ]]; then

@@ -14,6 +14,8 @@ std::vector<Command> const& Commands() {
         for (auto part : {KeyCommands(), EntryCommands(), ConfigCommands()}) {
             list.insert(list.end(), part.begin(), part.end());
         }
+        list.push_back(ExpiringCommand());
+        list.push_back(VerifyCommand());
         return list;
     }();
     return all;

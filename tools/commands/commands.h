@@ -23,6 +23,8 @@ Command ShowCommand();                  // show.cpp
 Command TreeCommand();                  // tree.cpp
 std::vector<Command> EntryCommands();   // entries.cpp: show, tree, ls, add, modify, delete
 std::vector<Command> ConfigCommands();  // config.cpp
+Command ExpiringCommand();              // expiring.cpp
+Command VerifyCommand();                // verify.cpp
 
 // Selects the entry dn into entry: 0 when it is missing, else its number of attributes
 // (entries.cpp).

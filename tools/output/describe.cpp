@@ -130,6 +130,24 @@ void Certificate(std::string const& der, std::vector<Field>& out) {
 
 }  // namespace
 
+bool ReadCertificateFacts(std::string const& der, CertificateFacts& facts) {
+    unsigned char const* p = Bytes(der);
+    X509Ptr cert(d2i_X509(nullptr, &p, static_cast<long>(der.size())));
+    struct tm when = {};
+    if (cert == nullptr || p != Bytes(der) + der.size() ||
+        ASN1_TIME_to_tm(X509_get0_notAfter(cert.get()), &when) != 1) {
+        ERR_clear_error();
+        return false;
+    }
+    facts.subject = NameText(X509_get_subject_name(cert.get()));
+    BignumPtr serial(ASN1_INTEGER_to_BN(X509_get0_serialNumber(cert.get()), nullptr));
+    std::unique_ptr<char, Deleter<FreeText>> serialHex(serial ? BN_bn2hex(serial.get()) : nullptr);
+    facts.serial = serialHex ? serialHex.get() : "(unreadable)";
+    facts.notAfter = TimeText(X509_get0_notAfter(cert.get()));
+    facts.notAfterTime = static_cast<long long>(timegm(&when));
+    return true;
+}
+
 std::vector<Field> Describe(std::string const& der) {
     std::vector<Field> out;
     unsigned char const* p = Bytes(der);

@@ -33,6 +33,16 @@ struct Field {
 // it is encrypted.
 std::vector<Field> Describe(std::string const& der);
 
+// What the subtree reports need of a certificate, read without the fingerprint or the key's
+// description. false when der is not one whole X.509 certificate (facts then untouched).
+struct CertificateFacts {
+    std::string subject;         // RFC 2253, as Describe gives it
+    std::string serial;          // hex, as Describe gives it
+    std::string notAfter;        // "2026-12-24T10:00:00Z"
+    long long notAfterTime = 0;  // seconds since the epoch
+};
+bool ReadCertificateFacts(std::string const& der, CertificateFacts& facts);
+
 }  // namespace qortool
 
 #endif
