@@ -264,8 +264,8 @@ answers() {
 # that two DIRs never share one.
 ds_instance_name() { printf 'qor%s\n' "$(printf '%s' "$1" | sha256sum | cut -c1-8)"; }
 
-# layout_running DIR: the layout whose server runs from DIR (slapd, 389ds or providers), else
-# nothing (and fails).
+# layout_running DIR: the layout whose server runs from DIR (slapd, 389ds or providers, their
+# consumers included), else nothing (and fails).
 layout_running() {
     local d=$1
     if pid_of "$d/slapd.pid" "$d/slapd.conf" "$d/slapd.d" >/dev/null; then
@@ -273,7 +273,9 @@ layout_running() {
     elif pid_of "$d/ds/run/slapd.pid" "$d/ds/slapd-$(ds_instance_name "$d")" "$d/ds/config" >/dev/null; then
         echo 389ds
     elif pid_of "$d/1/slapd.pid" "$d/1/slapd.conf" >/dev/null ||
-        pid_of "$d/2/slapd.pid" "$d/2/slapd.conf" >/dev/null; then
+        pid_of "$d/2/slapd.pid" "$d/2/slapd.conf" >/dev/null ||
+        pid_of "$d/3/slapd.pid" "$d/3/slapd.conf" >/dev/null ||
+        pid_of "$d/4/slapd.pid" "$d/4/slapd.conf" >/dev/null; then
         echo providers
     else
         return 1
@@ -301,7 +303,7 @@ refuse_running() {
     case $(layout_running "$1") in
         slapd) what="a slapd still runs" ;;
         389ds) what="a 389 Directory Server still runs" ;;
-        providers) what="replicated providers still run" ;;
+        providers) what="replicated servers still run" ;;
         *) return 0 ;;
     esac
     die "$what from $1; run: scripts/directory stop --dir $1"

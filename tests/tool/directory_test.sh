@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # directory_test.sh -- the throwaway directories of scripts/directory and qorldap-prepare, from
 # outside: who may read and bind what a directory leaves in DIR, whether stop and status find
-# the layout that runs there (one slapd, two providers, 389), that no start takes a DIR from
+# the layout that runs there (one slapd, two providers, with or without two read-only consumers,
+# 389), that the consumers follow the providers and refuse writes, that no start takes a DIR from
 # under a running server, that every option does something or is refused, what --keep brings
 # back, and what qorldap-prepare counts and says when the server dies under it.
 set -uo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/harness.sh" "$0"
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 prepare=$project/scripts/qorldap-prepare
-trap 'for d in dir pair d389 none keep; do "$directory" stop --dir "$tmp/$d" >/dev/null 2>&1; done
+trap 'for d in dir pair topo d389 none keep; do "$directory" stop --dir "$tmp/$d" >/dev/null 2>&1; done
       rm -rf "$tmp"' EXIT
 # The folder above each DIR lets everybody through, so only DIR's own modes protect it.
 chmod 755 "$tmp"
@@ -64,7 +65,9 @@ rows=("stop --nosync|only start takes --nosync" "status --port 389|only start ta
     "start --base o=a&b|must not hold double quotes, |, & or newlines"
     "start --providers 3|only 2 is supported" "stop --providers 3|only 2 is supported"
     "start --server 1 --nosync|--nosync goes with start --providers 2 only"
-    "status --server 3|unknown --server: 3"
+    "status --server 5|unknown --server: 5"
+    "start --consumers 2|start: --providers 2 [--consumers 2]"
+    "start --providers 2 --consumers 1|--consumers: only 2 is supported"
     "start --server 389ds --providers 2|--server 389ds and --providers name different layouts"
     "populate --server 389ds --users 1 --units 1|--server 389ds and populate name different layouts"
     "populate --users --units 1|--users needs a value")
@@ -143,11 +146,86 @@ if "$directory" start --providers 2 --dir "$p" --nosync >"$tmp/out" 2>&1; then
     check "DIR and each provider's folder 0700; env and soap.ini 0600; the sockets 0600" \
         test "$(modes "$p" "$p/1" "$p/2" "$p/env" "$p/conf/soap.ini" "$p/1/env" "$p/2/conf/soap.ini" "$p/1/ldapi" "$p/2/ldapi")" = "700 700 700 600 600 600 600 600 600"
     check "status shows both" eval '"$directory" status --dir "$p" >"$tmp/out" && test "$(grep -c "running on" "$tmp/out")" = 2'
+    check "no consumers unless asked: kill --server 3 is refused" \
+        says 1 "no consumer 3 in $p" "$directory" kill --server 3 --dir "$p"
     pids="$(pid_in "$p/1/slapd.pid") $(pid_in "$p/2/slapd.pid")"
     "$directory" stop --dir "$p" >/dev/null
     check "stop stops both" eval '! kill -0 $pids 2>/dev/null'
 else
     fail "the providers did not start" "$(tail -n 5 "$tmp/out")"
+fi
+
+group "two providers and two consumers: modes, replication, refused writes, kill and start"
+c=$tmp/topo
+if "$directory" start --providers 2 --consumers 2 --dir "$c" --nosync >"$tmp/out" 2>&1; then
+    check "each consumer's folder 0700; its env and soap.ini 0600; its socket 0600" \
+        test "$(modes "$c/3" "$c/4" "$c/3/env" "$c/4/conf/soap.ini" "$c/3/ldapi" "$c/4/ldapi")" = "700 700 600 600 600 600"
+    for n in 1 2 3 4; do port[n]=$(var "$c" "LDAP_PORT_$n"); done
+    check "soap.ini: the providers in host, the consumers in read_host; env: every server's URI" \
+        eval 'grep -qx "host=127.0.0.1:${port[1]} 127.0.0.1:${port[2]}" "$c/conf/soap.ini" &&
+              grep -qx "read_host=127.0.0.1:${port[3]} 127.0.0.1:${port[4]}" "$c/conf/soap.ini" &&
+              test "$(var "$c" LDAP_URI_4)" = "ldap://127.0.0.1:${port[4]}" -a "$(var "$c" LDAP_URI_3)" = "$(var "$c/3" LDAP_URI)"'
+    check "status shows all four" eval '"$directory" status --dir "$c" >"$tmp/out" && test "$(grep -c "running on" "$tmp/out")" = 4'
+    services=$(var "$c" QORLDAP_SERVICES)
+    as_admin=(-x -D "$(var "$c" LDAP_BINDDN)" -w "$(var "$c" LDAP_BINDPW)")
+    as_service=(-x -D "$(var "$c" QORLDAP_SERVICE_DN)" -w "$(var "$c" QORLDAP_SERVICE_PW)")
+    # mark N TEXT [BIND...]: TEXT as ou=services' description, written on server N.
+    mark() {
+        local n=$1 text=$2 bind
+        shift 2
+        bind=("$@")
+        [ $# -gt 0 ] || bind=("${as_admin[@]}")
+        printf 'dn: %s\nchangetype: modify\nreplace: description\ndescription: %s\n' "$services" "$text" |
+            ldapmodify "${bind[@]}" -H "ldap://127.0.0.1:${port[n]}" >"$tmp/mark.out" 2>&1
+    }
+    # marked N TEXT: server N holds TEXT (read as the key service, over its own port).
+    marked() {
+        ldapsearch "${as_service[@]}" -LLL -o ldif-wrap=no -H "ldap://127.0.0.1:${port[$1]}" -b "$services" \
+            -s base description 2>/dev/null | grep -qxF "description: $2"
+    }
+    # within N TEXT: server N holds TEXT within 10 s.
+    within() { local i; for ((i = 0; i < 100; i++)); do marked "$@" && return 0; sleep 0.1; done; false; }
+    # everywhere TEXT: every server holds TEXT within 10 s.
+    everywhere() { local n; for n in 1 2 3 4; do within "$n" "$1" || return 1; done; }
+    mark 1 "from provider 1"
+    check "a write on provider 1 reaches both consumers" eval 'within 3 "from provider 1" && within 4 "from provider 1"'
+    check "a consumer refuses the key service's write (53, no referral)" \
+        eval '! mark 3 "on consumer 3" "${as_service[@]}" && grep -q "unwilling to perform (53)" "$tmp/mark.out"'
+    check "and the rootdn's (53)" eval '! mark 4 "on consumer 4" && grep -q "(53)" "$tmp/mark.out"'
+    check "the refused writes changed nothing anywhere" everywhere "from provider 1"
+    # Consumer 3 follows provider 1 alone: with both down it can only show what it kept.
+    "$directory" kill --server 3 --dir "$c" >/dev/null
+    mark 1 "while consumer 3 was down"
+    within 4 "while consumer 3 was down"
+    "$directory" kill --server 1 --dir "$c" >/dev/null
+    mark 2 "while provider 1 was down"
+    check "consumer 4 follows provider 2 while provider 1 is down" within 4 "while provider 1 was down"
+    "$directory" start --server 3 --dir "$c" >"$tmp/out" 2>&1
+    check "consumer 3 started again (its provider down) keeps its data" \
+        eval 'ldapsearch "${as_admin[@]}" -LLL -H "ldap://127.0.0.1:${port[3]}" -b "$(var "$c" QORLDAP_SERVICE_DN)" -s base 1.1 | grep -q "^dn:" &&
+              marked 3 "from provider 1"'
+    "$directory" start --server 1 --dir "$c" >/dev/null
+    check "and catches up once provider 1 is back with what provider 2 took meanwhile" \
+        within 3 "while provider 1 was down"
+    "$directory" kill --server 4 --dir "$c" >/dev/null
+    mark 2 "while consumer 4 was down"
+    "$directory" start --server 4 --dir "$c" >/dev/null
+    check "consumer 4 killed and started again catches up" within 4 "while consumer 4 was down"
+    "$directory" kill --server 2 --dir "$c" >/dev/null
+    mark 1 "while provider 2 was down"
+    check "consumer 4 follows provider 1 while provider 2 is down" within 4 "while provider 2 was down"
+    "$directory" start --server 2 --dir "$c" >/dev/null
+    check "once provider 2 is back every server holds the last write" \
+        everywhere "while provider 2 was down"
+    check "status --server 3 shows consumer 3 alone" \
+        eval '"$directory" status --server 3 --dir "$c" >"$tmp/out" && test "$(grep -c "running on" "$tmp/out")" = 1 && grep -q "dir $c/3\$" "$tmp/out"'
+    check "env --server 4 gives consumer 4's own" eval '"$directory" env --server 4 --dir "$c" | grep -qx "LDAP_PORT=${port[4]}"'
+    check "start over it is refused" says 1 "replicated servers still run from $c" "$directory" start --dir "$c" --nosync
+    pids="$(pid_in "$c/1/slapd.pid") $(pid_in "$c/2/slapd.pid") $(pid_in "$c/3/slapd.pid") $(pid_in "$c/4/slapd.pid")"
+    "$directory" stop --dir "$c" >/dev/null
+    check "stop stops all four" eval '! kill -0 $pids 2>/dev/null'
+else
+    fail "the providers and consumers did not start" "$(tail -n 5 "$tmp/out")"
 fi
 
 group "389 Directory Server: its own name, modes, stop and status from DIR"
