@@ -71,6 +71,7 @@ int QorLdapWalk(char const* base, char const* filter, char const* const* attribu
     std::string cookie;
     std::vector<WholeEntry> page;
     auto connect = [&] { return engine.ConnectLdap(); };
+    bool first = true;
     do {
         // Each page under the guard on its own; the entries are visited outside it, so that
         // visit may call the library.
@@ -80,6 +81,15 @@ int QorLdapWalk(char const* base, char const* filter, char const* const* attribu
         if (rc != QORLDAP_OK) {
             return rc;
         }
+        // 389 answers a paged search below a base that does not exist with success and no
+        // entries; a walk that finds nothing looks at the base, so that both servers give 32.
+        if (first && page.empty() && cookie.empty()) {
+            WholeEntry base;
+            int const found = qor::ConnectThenRun(engine, connect, qor::Recheck::kYes,
+                                                  [&] { return engine.ReadEntry(dn.Get(), base); });
+            return found == LDAP_NO_SUCH_OBJECT ? found : QORLDAP_OK;
+        }
+        first = false;
         for (WholeEntry& entry : page) {
             qor::ToCaller(engine, entry.dn);
             int const stop = Visit(entry, visit, context);

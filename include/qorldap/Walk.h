@@ -25,7 +25,9 @@ typedef int (*QorLdapWalkVisit)(QorLdapEntry const* entry, void* context);
    Returns 0 when every page was read and visited; visit's non-zero value when it stopped the
    walk (the server is then told to drop the rest, with a request for 0 entries); 0x16000010,
    nothing sent, for no connection, a null base or visit, or a pageSize below 1; otherwise the
-   directory's code for the page that failed (32 when base does not exist, 12 when the server
+   directory's code for the page that failed (32 when base does not exist, on a server that
+   answers such a paged search with no entries too: a walk that finds nothing reads the base
+   with one more request; 12 when the server
    does not page, 4 or 11 for a server limit, -1, -5, ...), the entries of earlier pages having
    been visited. */
 QORLDAP_API int QorLdapWalk(char const* base, char const* filter, char const* const* attributes,
