@@ -89,12 +89,16 @@ rows=("port=1;tls=starttls|nothing answers at 127.0.0.1:1 (the connection is ref
     "host=127.0.0.1:1 ldap://127.0.0.1:2;tls=starttls|nothing answers at 127.0.0.1:1, 127.0.0.1:2 (the"
     "tls=starttls|cannot set up TLS with the directory at 127.0.0.1 port $LDAP_PORT (check tls_cacert"
     "tls=ldaps|cannot set up TLS with the directory at 127.0.0.1 port $LDAP_PORT (check tls_cacert")
+# settings_with FOLDER KEYS: FOLDER with the test's settings and KEYS (";" between them) first
+# in [ldap], where a key wins over the file's own line of it.
+settings_with() {
+    mkdir "$1" && cp "$conf/ldap.ini" "$1/" &&
+        awk -v keys="${2//;/$'\n'}" '{ print } /^\[ldap\]$/ { print keys }' "$conf/soap.ini" >"$1/soap.ini"
+}
 n=0
 for row in "${rows[@]}"; do
     IFS='|' read -r keys want <<<"$row"
-    n=$((n + 1)) && mkdir "refused$n" && cp "$conf/ldap.ini" "refused$n/"
-    # First in [ldap], where a key wins over the file's own line of it.
-    awk -v keys="${keys//;/$'\n'}" '{ print } /^\[ldap\]$/ { print keys }' "$conf/soap.ini" >"refused$n/soap.ini"
+    n=$((n + 1)) && settings_with "refused$n" "$keys"
     run_bare --conf "$tmp/refused$n" config --check --timeout 5
     expect_fail "config --check with ${keys//;/ }" 1 "$want"
 done
@@ -104,6 +108,25 @@ run_bare --conf "$tmp/badpsw" show o=root
 expect_fail "a wrong bind password, in the server's words" 1 "connect: 0x16000010 cannot connect to the directory at 127.0.0.1 port $LDAP_PORT (check host, port, managerdn and psw in $tmp/badpsw/soap.ini); the directory answered: invalid credentials (49)"
 run_bare --conf "$tmp/badtls" ls o=root
 expect_fail "a misspelt tls key refuses before connecting" 1 "tls=yes in $tmp/badtls/soap.ini is not a spelling"
+# The topology config shows. Each row: the keys put first in [ldap], what config shows of them.
+rows=("host=127.0.0.1:$LDAP_PORT 127.0.0.1:2|providers  127.0.0.1:$LDAP_PORT, 127.0.0.1:2 (host: every call, on the first"
+    "read_host=127.0.0.1:3 127.0.0.1:4;pool_size=16|read hosts 127.0.0.1:3, 127.0.0.1:4 (read_host: the free functions' reads"
+    "read_host=127.0.0.1:3 127.0.0.1:4;pool_size=16|pool_size  16 (the free functions share up to 16 connections"
+    "read_host=127.0.0.1:3|read hosts 127.0.0.1:3 (read_host), unused: reads go to them only with"
+    "pool_size=4;failback=30;idle_check=0|failback   30 s (connections go back to the first provider"
+    "pool_size=4;failback=30;idle_check=0|idle_check 0 (an idle connection is used unchecked)"
+    "pool_size=16x|link keys  refused: pool_size=16x is not a spelling the library knows"
+    "timeout=7|timeout    7 s")
+n=0
+for row in "${rows[@]}"; do
+    IFS='|' read -r keys want <<<"$row"
+    n=$((n + 1)) && settings_with "topology$n" "$keys"
+    run_bare --conf "$tmp/topology$n" config
+    expect_ok "config with ${keys//;/ }" "$want"
+done
+check "  one host and no key of the pool: no topology" eval '! grep -q "^topology" "$tmp/out"'
+run_bare --conf "$tmp/topology7" ls o=root
+expect_fail "a pool key that is no whole number refuses before connecting" 1 "pool_size=16x in $tmp/topology7/soap.ini is not a spelling"
 run_bare --conf "$tmp/empty" ls o=root
 expect_fail "a folder without soap.ini" 1 "no soap.ini at $tmp/empty/soap.ini"
 # A server that takes connections and never answers; the private copy of the settings goes.

@@ -2,7 +2,9 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 
+#include "qorldap/Inspect.h"
 #include "qorldap/qorldap.h"
 #include "tools/commands/commands.h"
 #include "tools/session/session.h"
@@ -13,6 +15,89 @@ namespace {
 
 std::string Shown(char const* text) {
     return text[0] == '\0' ? "(not set)" : text;
+}
+
+// The blank-separated names of a host list, joined by ", ".
+std::string Listed(std::string const& hosts, int* count) {
+    std::string out;
+    *count = 0;
+    for (size_t at = hosts.find_first_not_of(" \t"); at != std::string::npos;) {
+        size_t const end = hosts.find_first_of(" \t", at);
+        out += (out.empty() ? "" : ", ") + hosts.substr(at, end - at);
+        ++*count;
+        at = end == std::string::npos ? end : hosts.find_first_not_of(" \t", end);
+    }
+    return out;
+}
+
+// A key of the connection pool as the library reads it; empty when it is not given, or when
+// this library does not know the key at all (then nothing is shown for it).
+std::string Given(char const* key) {
+    int state = QORLDAP_SETTING_DEFAULT;
+    std::string const value = Setting(key, &state);
+    return state == QORLDAP_SETTING_GIVEN ? value : "";
+}
+
+// Whether text is a whole number above 0.
+bool Positive(std::string const& text) {
+    return WholeNumber(text) && text.find_first_not_of("0 \t") != std::string::npos;
+}
+
+// A line for a key of the pool that takes whole numbers (seconds unless it is pool_size): what
+// it does. Any other value makes the link invalid, and the topology is not shown.
+void ShowCount(char const* key, std::string const& value, std::string const& zero,
+               std::string const& meaning) {
+    if (value.empty()) {
+        return;
+    } else if (!Positive(value)) {
+        std::printf("  %-10s 0 (%s)\n", key, zero.c_str());
+    } else {
+        std::printf("  %-10s %s%s (%s)\n", key, value.c_str(),
+                    std::strcmp(key, "pool_size") == 0 ? "" : " s", meaning.c_str());
+    }
+}
+
+// Which servers the settings name and how calls go to them: shown when host lists more than
+// one server or a key of the connection pool is given.
+void ShowTopology() {
+    int providers = 0, readers = 0;
+    std::string const writes = Listed(Setting("host"), &providers);
+    std::string const reads = Listed(Given("read_host"), &readers);
+    std::string const pool = Given("pool_size"), afterWrite = Given("read_after_write");
+    std::string const failback = Given("failback"), idle = Given("idle_check");
+    if (providers < 2 && reads.empty() && pool.empty() && afterWrite.empty() && failback.empty() &&
+        idle.empty()) {
+        return;
+    }
+    bool const split = Positive(pool) && readers > 0;
+    std::printf("topology (host, read_host and the connection pool):\n");
+    std::printf("  %s %s (host: every %s%s)\n", providers > 1 ? "providers " : "provider  ",
+                providers > 0 ? writes.c_str() : "(not set)", split ? "write" : "call",
+                providers > 1 ? ", on the first that answers" : "");
+    if (split) {
+        std::printf(
+            "  read hosts %s (read_host: the free functions' reads, each new\n"
+            "             connection on the least busy; none answering: the providers)\n",
+            reads.c_str());
+    } else if (readers > 0) {
+        std::printf(
+            "  read hosts %s (read_host), unused: reads go to them only with\n"
+            "             pool_size set\n",
+            reads.c_str());
+    }
+    ShowCount("pool_size", pool, "the free functions share one connection",
+              "the free functions share up to " + pool + " connections to the providers" +
+                  (readers > 0 ? ",\n             and as many to the read hosts" : ""));
+    if (split) {
+        ShowCount("read_after_write", afterWrite, "reads always go to the read hosts",
+                  "a thread that wrote reads from the providers for " + afterWrite + " s");
+    }
+    ShowCount("failback", failback, "a connection stays where it failed over to",
+              "connections go back to the first provider once it\n             has answered "
+              "for " +
+                  failback + " s");
+    ShowCount("idle_check", idle, "an idle connection is used unchecked",
+              "a connection unused for " + idle + " s is checked before its next call");
 }
 
 int RunConfig(Args const& args) {
@@ -96,6 +181,8 @@ int RunConfig(Args const& args) {
         std::printf("  bind_dn    %s (bound as, in place of managerdn)\n", link.bindDn.c_str());
     if (!link.bindPassword.empty())
         std::printf("  bind_password ******** (in place of psw)\n");
+    if (link.Valid())
+        ShowTopology();
     if (args.Has("--check")) {
         std::fflush(stdout);
         Connect(ldap);
@@ -129,6 +216,13 @@ char const kConfigHelp[] =
     "bind_dn and bind_password, which take their place at every bind. Every command\n"
     "refuses a managerdn or psw that does not fit rather than bind with a cut value.\n"
     "Any other value refuses every connection: nothing is sent in clear by mistake.\n"
+    "\n"
+    "With more than one host, or any key of the connection pool set, config also shows\n"
+    "the topology: the providers (host: writes, on the first that answers), the read\n"
+    "hosts (read_host: the free functions' reads, with pool_size), and pool_size,\n"
+    "read_after_write, failback and idle_check as the library takes them. Those four\n"
+    "take whole numbers (pool_size a count, the others seconds, 0 for off); any other\n"
+    "value refuses every connection.\n"
     "\n"
     "  --check  also connect and bind, and say whether that worked. When the connection\n"
     "           fails, a port where nothing listens (\"nothing answers at host:port\") is\n"

@@ -33,6 +33,10 @@ Settings const& CurrentSettings();
 // The value of a soap.ini key in force, as the library reads it (qorldap/Inspect.h): the
 // tool's own settings over the file's. state, when given, receives QORLDAP_SETTING_*.
 std::string Setting(char const* key, int* state = nullptr);
+// Whether text (blanks around it aside) is a whole number, the only values the library takes
+// for pool_size, read_after_write, failback and idle_check; an engine refuses to connect with
+// any other. QorLdapSetting gives those keys as written.
+bool WholeNumber(std::string const& text);
 
 // The link as the library reads it.
 struct Link {

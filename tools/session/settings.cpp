@@ -64,14 +64,27 @@ std::string Setting(char const* key, int* state) {
     return value != nullptr ? value : "";
 }
 
+bool WholeNumber(std::string const& text) {
+    size_t const first = text.find_first_not_of(" \t"), last = text.find_last_not_of(" \t");
+    return first != std::string::npos && text.find_first_not_of("0123456789", first) > last;
+}
+
 Link CurrentLink() {
     Link link;
-    // In the order the library reads them, so that the fault named is the one it names.
-    for (char const* key : {"tls", "tls_verify", "timeout", "fast_lookup", "atomic_publish",
-                            "refuse_weak_keys", "gb18030_dns", "reconnect"}) {
+    // In the order the library reads them, so that the fault named is the one it names. The
+    // keys of the connection pool come last; a library without them calls them unknown, which
+    // is no fault.
+    for (char const* key :
+         {"tls", "tls_verify", "timeout", "fast_lookup", "atomic_publish", "refuse_weak_keys",
+          "gb18030_dns", "reconnect", "pool_size", "read_after_write", "failback", "idle_check"}) {
         int state = QORLDAP_SETTING_DEFAULT;
         std::string const value = Setting(key, &state);
-        if (state == QORLDAP_SETTING_UNREAD && link.fault.empty())
+        bool const count = std::strcmp(key, "pool_size") == 0 ||
+                           std::strcmp(key, "read_after_write") == 0 ||
+                           std::strcmp(key, "failback") == 0 || std::strcmp(key, "idle_check") == 0;
+        bool const unread = state == QORLDAP_SETTING_UNREAD ||
+                            (count && state == QORLDAP_SETTING_GIVEN && !WholeNumber(value));
+        if (unread && link.fault.empty())
             link.fault = std::string(key) + "=" + value;
     }
     if (!link.Valid())
