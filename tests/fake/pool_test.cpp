@@ -1,0 +1,143 @@
+// The free functions' pool (engine/Pool.h) through the fake client library: what each pooled
+// connection sends, where reads and writes go, and how long a call waits for a free engine.
+// Without the pool keys the requests are those of calls_test.cpp, which runs untouched.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <thread>
+
+#include "engine/LdapOp.h"
+#include "engine/Pool.h"
+#include "tests/fake_ldap/fake_ldap.h"
+#include "tests/support/TestFiles.h"
+
+namespace fakeldap {
+namespace {
+
+using Use = Pool::Use;
+
+// One connection's documented sequence on host: init, version, bind as who, the base check.
+std::string Dial(std::string const& host, std::string const& who = "cn=admin,o=root pw=secret") {
+    return "ldap_init host=" + host + " port=389\nldap_set_option opt=17 value=3\n" +
+           "ldap_simple_bind_s dn=" + who +
+           "\nldap_search_ext_s base=o=root scope=0 filter=(o=*) attrs=null attrsonly=0 "
+           "ctrls=null,null timeout=null sizelimit=0\n"
+           "ldap_first_attribute -> o\nldap_get_values attr=o -> 1\nldap_value_free\n"
+           "ldap_memfree\nldap_next_attribute -> objectClass\nldap_get_values attr=objectClass "
+           "-> 1\nldap_value_free\nldap_memfree\nldap_next_attribute -> null\nber_free ptr "
+           "freebuf=0\nldap_msgfree\n";
+}
+
+class PoolCalls : public ::testing::Test {
+  protected:
+    PoolCalls() : conf_(dir_.Path()) {
+        setenv("QORLDAP_LDAP_LIBRARY", FAKE_LDAP_PATH, 1);
+        dir_.Write("ldap.ini", "[base]\nsum=0\n");
+    }
+    void TearDown() override { EXPECT_EQ(0, std::exchange(Fake().errors, 0)) << Fake().log; }
+    void Soap(std::string const& keys) {
+        dir_.Write("soap.ini", "[ldap]\n" + keys +
+                                   "host=127.0.0.1\nport=389\nbasedn=o=root\n"
+                                   "managerdn=cn=admin,o=root\npsw=secret\n");
+    }
+
+    qortest::ScratchDir dir_;
+    qortest::ConfDir conf_;
+};
+
+// Leases held at once, each connected as the free functions connect them: every pooled
+// connection binds as the configured identity with the documented sequence; reads go to the
+// least busy read host, a refusing one is passed over for the providers, and read_after_write
+// keeps a thread's reads on the providers after its write.
+TEST_F(PoolCalls, WhereEachConnectionGoes) {
+    std::vector<Entry> const base = {{"o=root", {{"o", {"root"}}, {"objectClass", {"org"}}}}};
+    std::string const unbind = "ldap_unbind_ext_s ctrls=null,null\n";
+    struct Case {
+        char const* keys;
+        std::vector<Use> uses;  // taken in turn, all held to the end
+        Fails fails;
+        std::string transcript;
+    } const cases[] = {
+        {"pool_size=2\n",
+         {Use::kWrite, Use::kRead},
+         {},
+         Dial("127.0.0.1") + Dial("127.0.0.1")},
+        {"pool_size=2\nbind_dn=cn=key service,ou=services,o=root\nbind_password=a long one\n",
+         {Use::kWrite, Use::kWrite},
+         {},
+         Dial("127.0.0.1", "cn=key service,ou=services,o=root pw=a long one") +
+             Dial("127.0.0.1", "cn=key service,ou=services,o=root pw=a long one")},
+        {"pool_size=3\nread_host=r1:389 r2:389\n",
+         {Use::kRead, Use::kRead, Use::kRead, Use::kWrite},
+         {},
+         Dial("r1:389") + Dial("r2:389") + Dial("r1:389") + Dial("127.0.0.1")},
+        // r1 is gone: quarantined, r2 takes both reads.
+        {"pool_size=2\nread_host=r1 r2\n",
+         {Use::kRead, Use::kRead},
+         {{"ldap_simple_bind_s", -1}},
+         Dial("r1").substr(0, Dial("r1").find("ldap_search")) + unbind + Dial("r2") + Dial("r2")},
+        // No read host answers: the read goes to a provider.
+        {"pool_size=1\nread_host=r1\n",
+         {Use::kRead},
+         {{"ldap_simple_bind_s", -1}},
+         Dial("r1").substr(0, Dial("r1").find("ldap_search")) + unbind + Dial("127.0.0.1")},
+        {"pool_size=1\nread_host=r1\nread_after_write=60\n",
+         {Use::kWrite, Use::kRead},
+         {},
+         Dial("127.0.0.1")},
+    };
+    for (Case const& c : cases) {
+        Fake().Reset(base, c.fails);
+        Soap(c.keys);
+        Pool pool;
+        std::vector<Pool::Lease> held;
+        for (Use use : c.uses) {
+            Pool::Lease lease = pool.Take(use);
+            if (lease.Engine() == nullptr) {
+                Fake().log += "no engine\n";
+                continue;
+            }
+            EXPECT_EQ(QORLDAP_OK, lease.Engine()->ConnectLdap()) << c.keys;
+            // read_after_write: the write is over once its lease is given back.
+            if (use == Use::kWrite &&
+                std::string(c.keys).find("read_after_write") != std::string::npos)
+                lease = Pool::Lease();
+            else
+                held.push_back(std::move(lease));
+        }
+        EXPECT_EQ(c.transcript, Fake().log) << c.keys;
+    }
+}
+
+// A full pool: without a timeout a call waits until an engine comes back, and gets that one
+// (nothing dialled again); with one it gives up after it.
+TEST_F(PoolCalls, FullPoolWaits) {
+    Fake().Reset({{"o=root", {{"o", {"root"}}}}});
+    for (char const* timeout : {"", "timeout=1\n"}) {
+        Soap(std::string("pool_size=1\n") + timeout);
+        Pool pool;
+        Pool::Lease first = pool.Take(Use::kWrite);
+        ASSERT_NE(nullptr, first.Engine());
+        CLdapOp* const engine = first.Engine();
+        auto const start = std::chrono::steady_clock::now();
+        std::thread giver;
+        if (*timeout == '\0')
+            giver = std::thread([&] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(200));
+                first = Pool::Lease();
+            });
+        Pool::Lease second = pool.Take(Use::kWrite);
+        double const waited =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        if (giver.joinable())
+            giver.join();
+        EXPECT_EQ(*timeout == '\0' ? engine : nullptr, second.Engine()) << timeout;
+        EXPECT_GE(waited, *timeout == '\0' ? 0.15 : 0.9) << timeout;
+        EXPECT_LT(waited, 3.0) << timeout;
+        EXPECT_EQ(1u, pool.Made(0));
+    }
+}
+
+}  // namespace
+}  // namespace fakeldap
