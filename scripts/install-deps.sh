@@ -5,7 +5,8 @@ set -euo pipefail
 pkgs=(build-essential cmake pkg-config clang libclang-rt-14-dev
       libldap-dev slapd ldap-utils libssl-dev openssl libicu-dev
       libgtest-dev googletest libgmock-dev libbenchmark-dev valgrind
-      389-ds-base)
+      389-ds-base
+      dpkg-dev debhelper lintian)   # ./run package: dpkg-buildpackage, dh, lintian
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
