@@ -36,7 +36,11 @@ int QorLdapReadEntry(char const* dn, QorLdapEntry** entry) {
         return QORLDAP_E_FAILED;
     }
     *entry = nullptr;
-    CLdapOp& engine = qor::FreeEngine();
+    qor::FreeLease lease(Pool::Use::kRead);
+    if (lease.Engine() == nullptr) {
+        return QORLDAP_E_FAILED;
+    }
+    CLdapOp& engine = *lease.Engine();
     std::unique_ptr<EntryData> rest(new EntryData());
     int const rc = qor::ConnectThenRun(
         engine, [&] { return engine.ConnectLdap(); }, qor::Recheck::kYes,

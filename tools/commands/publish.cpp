@@ -30,6 +30,7 @@ int RunPublish(Args const& args) {
         many ? BundlePaths(args) : std::vector<BundleFile>{{args.positional[0], ""}};
     std::string const& path = bundles[0].path;
     std::string const bundle = many ? "" : ReadRegularFile(args.command, path, kMaxInput);
+    PoolForJobs(args);
     ConnectShared();
 
     PublishSetup setup;
@@ -87,9 +88,8 @@ char const kPublishHelp[] =
     "Ctrl-C ends the program at once.\n"
     "\n"
     "  --from-stdin         read the paths from standard input, as - does\n"
-    "  -j, --jobs N         N bundles at a time (default 1, at most 64). The bundles are\n"
-    "                       opened and their keys protected in parallel; the directory\n"
-    "                       requests take turns on the one connection of the library\n"
+    "  -j, --jobs N         N bundles at a time (default 1, at most 64), each worker on a\n"
+    "                       connection of its own (the library's pool_size is raised to N)\n"
     "  --report FILE        write each failed bundle with its reason to FILE\n"
     "\n"
     "Passwords never go on the command line. Without a file option they come from\n"

@@ -37,6 +37,10 @@ bool ManyBundles(Args const& args);
 // (whatever their type: each is looked at when it is read), the paths listed on standard
 // input for "-" or --from-stdin. A folder that cannot be listed is one failed entry.
 std::vector<BundleFile> BundlePaths(Args const& args);
+// With --jobs N above 1, gives the library pool_size = N (unless its settings give as many or
+// more already, or a value it refuses), so that the workers' directory requests run at once,
+// each on a connection of its own. Called before the first call into the library.
+void PoolForJobs(Args const& args);
 // Publishes each of bundles with --jobs threads, goes on past failures, shows progress, prints
 // a summary and writes --report. 1 when any failed.
 int PublishMany(Args const& args, PublishSetup const& setup,

@@ -12,6 +12,8 @@
 #include <new>
 #include <thread>
 
+#include "qorldap/Inspect.h"
+#include "qorldap/Settings.h"
 #include "tools/checks/checks.h"
 #include "tools/commands/publish.h"
 #include "tools/output/output.h"
@@ -101,6 +103,18 @@ std::string Reason(std::string const& message, std::string const& path) {
 }
 
 }  // namespace
+
+void PoolForJobs(Args const& args) {
+    if (!args.HasValue("--jobs"))
+        return;
+    int const jobs = Jobs(args);
+    char const* given = nullptr;
+    int const state = QorLdapSetting("pool_size", &given);
+    if (jobs < 2 || state == QORLDAP_SETTING_UNREAD ||
+        (state == QORLDAP_SETTING_GIVEN && given != nullptr && std::atoi(given) >= jobs))
+        return;
+    QorLdapSet("pool_size", std::to_string(jobs).c_str());
+}
 
 bool ManyBundles(Args const& args) {
     if (args.positional.size() != 1 || args.Has("--from-stdin") || args.HasValue("--jobs") ||
