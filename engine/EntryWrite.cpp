@@ -2,9 +2,11 @@
 #include "engine/EntryWrite.h"
 
 #include <memory>
+#include <vector>
 
 #include "engine/Bounded.h"
 #include "engine/Constants.h"
+#include "engine/EntryRead.h"
 #include "engine/Modification.h"
 #include "qorldap/result_codes.h"
 
@@ -129,4 +131,38 @@ int EntryWriter::DeleteLdap(char const* dn) {
         return QORLDAP_E_FAILED;
     }
     return connection_.Binding().LdapDeleteS(connection_.Handle(), dn);
+}
+
+int EntryWriter::WriteWhole(char const* dn, bool add, WholeEntry const& entry) {
+    if (dn == nullptr) {
+        return QORLDAP_E_FAILED;
+    }
+    // Storage for the span of the synchronous call: a record and a null-terminated value list
+    // per attribute, the values pointing into entry.
+    std::size_t const count = entry.attributes.size();
+    std::vector<berval> values;
+    std::size_t total = 0;
+    for (auto const& attribute : entry.attributes) {
+        total += attribute.second.size();
+    }
+    values.reserve(total);
+    std::vector<std::vector<berval*>> lists(count);
+    std::vector<LDAPMod> mods(count);
+    std::vector<ldapmod*> list(count + 1, nullptr);
+    for (std::size_t i = 0; i < count; ++i) {
+        auto const& [name, texts] = entry.attributes[i];
+        for (std::string const& value : texts) {
+            values.push_back(
+                {static_cast<ber_len_t>(value.size()), const_cast<char*>(value.data())});
+            lists[i].push_back(&values.back());
+        }
+        lists[i].push_back(nullptr);
+        mods[i].mod_op = add ? (QOR_MOD_ADD | LDAP_MOD_BVALUES) : QOR_MOD_BINARY_REPLACE;
+        mods[i].mod_type = const_cast<char*>(name.c_str());
+        mods[i].mod_bvalues = lists[i].data();
+        list[i] = &mods[i];
+    }
+    COpenLdapIF& binding = connection_.Binding();
+    return add ? binding.LdapAddS(connection_.Handle(), dn, list.data())
+               : binding.LdapModifyS(connection_.Handle(), dn, list.data());
 }

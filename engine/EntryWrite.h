@@ -11,6 +11,8 @@
 #include "engine/Connection.h"
 #include "qorldap/records.h"
 
+struct WholeEntry;  // engine/EntryRead.h
+
 class EntryWriter {
   public:
     EntryWriter(Connection& connection, bool const& certificates)
@@ -27,6 +29,11 @@ class EntryWriter {
     // was accepted.
     int ModifyLdap(char const* dn, tagAtt const& att);
     int DeleteLdap(char const* dn);
+    // One request for the whole of entry (its dn is not read): an add of every attribute when
+    // add, else a modify replacing each attribute's values (none: the attribute goes). Values
+    // go as octets, names as given. The directory's code; 0x16000010 for a null dn (nothing
+    // sent). The caller has checked the rest (qorldap/Write.h).
+    int WriteWhole(char const* dn, bool add, WholeEntry const& entry);
 
   private:
     Connection& connection_;

@@ -124,6 +124,10 @@ int CLdapOp::DeleteLdap(char const* dn) {
     return writer_.DeleteLdap(dn);
 }
 
+int CLdapOp::WriteWhole(char const* dn, bool add, WholeEntry const& entry) {
+    return writer_.WriteWhole(dn, add, entry);
+}
+
 int CLdapOp::SelectLdapAtt(char const* dn, tagAtt& att) {
     return lookup_.SelectLdapAtt(dn, att);
 }

@@ -17,7 +17,7 @@
 //                   FromCNToName, GetCondition (Naming.cpp); CheckSubject, the refusal of a
 //                   subject that would name another entry (SubjectCheck.cpp)
 //   Modification    GetParaAtt, AttFrame: one text value of a write
-//   EntryWrite      InsertLdap, ModifyLdap, DeleteLdap
+//   EntryWrite      InsertLdap, ModifyLdap, DeleteLdap, WriteWhole
 //   EntryLookup     SelectLdapAtt, GetAtt, SelectLdap, GetChild, ReadEntry
 //   EntryRead.h     WholeEntry, the record ReadEntry fills
 //   PagedSearch     ReadPage, EndPages: a subtree one page at a time (RFC 2696)
@@ -124,6 +124,7 @@ class CLdapOp {
                    unsigned int privateKeyLength);
     int ModifyLdap(char const* dn, tagAtt const& att);
     int DeleteLdap(char const* dn);
+    int WriteWhole(char const* dn, bool add, WholeEntry const& entry);
     int SelectLdapAtt(char const* dn, tagAtt& att);
     int GetAtt(char const* dn, char const* filter, tagAtt& att);
     int SelectLdap(char const* dn, char const* condition, tagDN*& list, int& count);

@@ -1,5 +1,6 @@
-// The exported whole-entry read.
+// The exported whole-entry read and write.
 #include "qorldap/Entry.h"
+#include "qorldap/Write.h"
 
 #include <memory>
 #include <string>
@@ -78,4 +79,52 @@ void QorLdapFreeEntry(QorLdapEntry* entry) {
     HeldEntry* held = reinterpret_cast<HeldEntry*>(entry);
     delete held->rest;
     delete held;
+}
+
+namespace {
+
+int const kMostAttributes = 4096;
+
+// The caller's attributes as the engine writes them; false for anything qorldap/Write.h
+// refuses before sending.
+bool TakeAttributes(QorLdapAttribute const* attributes, int count, bool add, WholeEntry& entry) {
+    if (attributes == nullptr || count < 1 || count > kMostAttributes) {
+        return false;
+    }
+    for (int i = 0; i < count; ++i) {
+        QorLdapAttribute const& a = attributes[i];
+        if (a.name == nullptr || a.name[0] == '\0' || a.valueCount < 0 ||
+            (a.valueCount > 0 && a.values == nullptr) || (add && a.valueCount == 0)) {
+            return false;
+        }
+        std::vector<std::string> values;
+        for (int k = 0; k < a.valueCount; ++k) {
+            QorLdapValue const& v = a.values[k];
+            if (v.bytes == nullptr && v.length > 0) {
+                return false;
+            }
+            values.emplace_back(reinterpret_cast<char const*>(v.bytes), v.length);
+        }
+        entry.attributes.emplace_back(a.name, std::move(values));
+    }
+    return true;
+}
+
+}  // namespace
+
+int QorLdapWriteEntry(char const* dn, int how, QorLdapAttribute const* attributes, int count) {
+    bool const add = how == QORLDAP_WRITE_ADD;
+    WholeEntry entry;
+    if (dn == nullptr || dn[0] == '\0' || (!add && how != QORLDAP_WRITE_REPLACE) ||
+        !TakeAttributes(attributes, count, add, entry)) {
+        return QORLDAP_E_FAILED;
+    }
+    CLdapOp& engine = qor::FreeEngine();
+    return qor::ConnectThenRun(
+        engine, [&] { return engine.ConnectLdap(); }, qor::Recheck::kYes,
+        [&] {
+            qor::DirectoryDn const target(engine, dn);
+            return target.Get() == nullptr ? QORLDAP_E_FAILED
+                                           : engine.WriteWhole(target.Get(), add, entry);
+        });
 }

@@ -51,6 +51,16 @@ int QorLdapReadEntry(C, QorLdapEntry**);
 void QorLdapFreeEntry(QorLdapEntry*);
 int QorLdapSetting(C, C*), QorLdapCheckStoredKey(B, unsigned);
 int QorLdapWalk(C, C, C const*, int, int (*)(QorLdapEntry const*, void*), void*);
+struct QorLdapValue {
+    unsigned length;
+    B bytes;
+};
+struct QorLdapAttribute {
+    C name;
+    int valueCount;
+    QorLdapValue const* values;
+};
+int QorLdapWriteEntry(C, int, QorLdapAttribute const*, int);
 }
 
 class CLdap {
@@ -139,6 +149,11 @@ int main() {
     auto visit = [](QorLdapEntry const*, void* seen) { return ++*static_cast<int*>(seen); };
     ok = ok && QorLdapWalk("o=abi", nullptr, wanted, 10, visit, &visits) == 0x16000010 &&
          visits == 0;
+    // A write without a connection sends nothing; one the library refuses never connects.
+    QorLdapValue const octets[] = {{2, b0}};
+    QorLdapAttribute const written[] = {{"signPubcer;binary", 1, octets}};
+    ok = ok && QorLdapWriteEntry(dn, 1, written, 1) == 0x16000010 &&
+         QorLdapWriteEntry(dn, 7, written, 1) == 0x16000010;
     FreeKey(key);
     ldap.FreeKey(key);
     ldap.FreeAtt(&att);

@@ -20,6 +20,7 @@
 #include "qorldap/Outcome.h"
 #include "qorldap/Settings.h"
 #include "qorldap/Walk.h"
+#include "qorldap/Write.h"
 #include "qorldap/qorldap.h"
 #include "tests/support/CraftedBundle.h"
 #include "tests/support/Directory.h"
@@ -542,6 +543,47 @@ TEST_F(Server, AnEntryIsReadWholeAsTheDirectoryHoldsIt) {
     EXPECT_EQ(QORLDAP_E_FAILED, QorLdapReadEntry(nullptr, &entry));
     EXPECT_EQ(QORLDAP_E_FAILED, QorLdapReadEntry(dn.c_str(), nullptr));
     QorLdapFreeEntry(nullptr);
+}
+
+// An entry written whole holds exactly the octets given, zero bytes included, in one request:
+// an add of a missing entry (68 when it exists, 32 without its parent; 50 on 389), a replace that
+// changes one attribute and removes another (none given); what the library refuses sends nothing.
+TEST_F(Server, AnEntryIsWrittenWholeAsOctets) {
+    std::string const dn = "cn=written," + unit_;
+    User("writer");  // the unit
+    std::string const key("\x30\x00\x01\xff\x0a", 5);
+    std::string const other("\x30\x03\x00\x00\x00", 5);
+    auto const value = [](std::string const& v) {
+        return QorLdapValue{static_cast<unsigned int>(v.size()), U(v)};
+    };
+    std::string const klass = "qorPerson", cn = "written";
+    QorLdapValue const classes[] = {value(klass)}, names[] = {value(cn)}, keys[] = {value(key)},
+                       others[] = {value(other)};
+    QorLdapAttribute const entry[] = {{"objectClass", 1, classes},
+                                      {"cn", 1, names},
+                                      {"signPubcer;binary", 1, keys},
+                                      {"cryptPubcer;binary", 1, keys}};
+    ASSERT_EQ(0, QorLdapWriteEntry(dn.c_str(), QORLDAP_WRITE_ADD, entry, 4));
+    EXPECT_EQ(Strings{key}, dir_.Values(dn, "signPubcer;binary"));
+    EXPECT_EQ(68, QorLdapWriteEntry(dn.c_str(), QORLDAP_WRITE_ADD, entry, 4));
+    // 389 answers 50: no ACI grants an add below an entry that is not there.
+    int const orphan =
+        QorLdapWriteEntry(("cn=x,ou=nowhere," + unit_).c_str(), QORLDAP_WRITE_ADD, entry, 4);
+    EXPECT_TRUE(orphan == 32 || orphan == 50) << orphan;
+    QorLdapAttribute const change[] = {{"signPubcer;binary", 1, others},
+                                       {"cryptPubcer;binary", 0, nullptr}};
+    ASSERT_EQ(0, QorLdapWriteEntry(dn.c_str(), QORLDAP_WRITE_REPLACE, change, 2));
+    EXPECT_EQ(Strings{other}, dir_.Values(dn, "signPubcer;binary"));
+    EXPECT_EQ(Strings{}, dir_.Values(dn, "cryptPubcer;binary"));
+    // Refused before anything is sent: the entry keeps its values.
+    QorLdapAttribute const unnamed[] = {{"", 1, keys}}, valueless[] = {{"cn", 0, nullptr}};
+    EXPECT_EQ(QORLDAP_E_FAILED, QorLdapWriteEntry(dn.c_str(), 7, change, 2));
+    EXPECT_EQ(QORLDAP_E_FAILED, QorLdapWriteEntry(dn.c_str(), QORLDAP_WRITE_REPLACE, unnamed, 1));
+    EXPECT_EQ(QORLDAP_E_FAILED, QorLdapWriteEntry(dn.c_str(), QORLDAP_WRITE_ADD, valueless, 1));
+    EXPECT_EQ(QORLDAP_E_FAILED, QorLdapWriteEntry(dn.c_str(), QORLDAP_WRITE_REPLACE, change, 0));
+    EXPECT_EQ(QORLDAP_E_FAILED, QorLdapWriteEntry(nullptr, QORLDAP_WRITE_REPLACE, change, 2));
+    EXPECT_EQ(QORLDAP_E_FAILED, QorLdapWriteEntry(dn.c_str(), QORLDAP_WRITE_REPLACE, nullptr, 2));
+    EXPECT_EQ(Strings{other}, dir_.Values(dn, "signPubcer;binary"));
 }
 
 // A subtree walked in pages of 3 visits each matching entry once, with the attributes asked for
