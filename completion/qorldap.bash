@@ -4,7 +4,7 @@
 _qorldap() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]}
     local commands="publish get-cert get-key put-cert put-key rm-key passwd show tree ls add
-        modify delete config expiring verify help"
+        modify delete config expiring verify audit help"
     local global="--conf --timeout --help --version"
     local command="" i word
     for ((i = 1; i < COMP_CWORD; i++)); do
@@ -25,7 +25,11 @@ _qorldap() {
             compopt -o filenames 2>/dev/null
             COMPREPLY=($(compgen -f -- "$cur"))
             return ;;
-        --timeout | -j | --jobs | --depth | --class | --within)
+        --log)
+            compopt -o filenames 2>/dev/null
+            COMPREPLY=($(compgen -f -- "$cur"))
+            return ;;
+        --timeout | -j | --jobs | --depth | --class | --within | --since | --entry | --logdb)
             return ;;
     esac
 
@@ -46,6 +50,7 @@ _qorldap() {
         config) options="--check" ;;
         expiring) options="--within --json --csv --prometheus" ;;
         verify) options="--json --key-password-from" ;;
+        audit) options="--since --entry --json --log --logdb" ;;
         help) COMPREPLY=($(compgen -W "$commands" -- "$cur")); return ;;
     esac
     if [[ $cur == -* ]]; then

@@ -44,6 +44,10 @@ std::vector<std::pair<std::string, std::string>> Levels();
 // --- PEM and base64 (pem.cpp) ---
 
 std::string Base64Encode(std::string const& data);  // one line
+// data from base64 text without blanks; false when text is not whole base64.
+bool Base64Decode(std::string const& text, std::string& data);
+// The SHA-256 digest of data, 64 lower-case hex digits.
+std::string Sha256Hex(std::string const& data);
 std::string PemEncode(std::string const& label, std::string const& der);
 enum class Pem { kNone, kRead, kBroken };
 // Decodes the first PEM block of text: its label and its data. kNone when text holds none (it

@@ -29,6 +29,37 @@ std::string Base64Encode(std::string const& data) {
     return out;
 }
 
+bool Base64Decode(std::string const& text, std::string& data) {
+    // EVP_DecodeBlock takes no blanks and pads its output to whole groups of three.
+    if (text.size() % 4 != 0 || text.size() > 0x7fffffff)
+        return false;
+    data.assign(3 * (text.size() / 4), '\0');
+    int n = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(&data[0]),
+                            reinterpret_cast<unsigned char const*>(text.data()),
+                            static_cast<int>(text.size()));
+    if (n < 0)
+        return false;
+    size_t padding = 0;
+    for (size_t i = text.size(); i > 0 && padding < 2 && text[i - 1] == '='; --i)
+        ++padding;
+    data.resize(static_cast<size_t>(n) - padding);
+    return true;
+}
+
+std::string Sha256Hex(std::string const& data) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (EVP_Digest(data.data(), data.size(), digest, &length, EVP_sha256(), nullptr) != 1)
+        throw std::bad_alloc();
+    static char const kHex[] = "0123456789abcdef";
+    std::string out;
+    for (unsigned int i = 0; i < length; ++i) {
+        out += kHex[digest[i] >> 4];
+        out += kHex[digest[i] & 0xf];
+    }
+    return out;
+}
+
 std::string PemEncode(std::string const& label, std::string const& der) {
     BioPtr bio(BIO_new(BIO_s_mem()));
     if (bio == nullptr || PEM_write_bio(bio.get(), label.c_str(), "",

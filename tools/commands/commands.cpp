@@ -16,6 +16,7 @@ std::vector<Command> const& Commands() {
         }
         list.push_back(ExpiringCommand());
         list.push_back(VerifyCommand());
+        list.push_back(AuditCommand());
         return list;
     }();
     return all;

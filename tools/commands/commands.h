@@ -25,6 +25,7 @@ std::vector<Command> EntryCommands();   // entries.cpp: show, tree, ls, add, mod
 std::vector<Command> ConfigCommands();  // config.cpp
 Command ExpiringCommand();              // expiring.cpp
 Command VerifyCommand();                // verify.cpp
+Command AuditCommand();                 // audit.cpp
 
 // Selects the entry dn into entry: 0 when it is missing, else its number of attributes
 // (entries.cpp).
