@@ -45,6 +45,9 @@ class Connection {
     // StartTLS, link keys that do not read, or (with a timeout) another thread's attempt failed
     // while this one waited; 0x16000011 the root check failed.
     int Connect(RootCheck& root);
+    // Whether the connection held is to be checked (idle_check) or moved back to the first host
+    // (failback) by the next Connect. Cheap unless a failback probe is due, which it runs.
+    bool CheckDue();
     // True when reconnection is on and the connection was lost: the next Connect redials.
     bool NeedsReconnect() const { return Redials() && binding_.ConnectionLost(); }
     // Held by the caller for the span of one operation when reconnection is on, so that a lost
@@ -78,9 +81,6 @@ class Connection {
     bool Redials() const {
         return link_.reconnect || joined_ || pool_.failback > 0 || pool_.idleCheck > 0;
     }
-    // Whether the connection held is to be checked (idle too long) or moved back to the first
-    // host (failback) before the next operation. Cheap unless a failback probe is due.
-    bool CheckDue();
     bool IdleDue() const;
     bool FailbackDue();
     // The connection sequence proper, run under connectLock_: drops a lost handle, checks an

@@ -79,6 +79,9 @@ class CLdapOp {
     void GetConfig(std::string const& section);
     int ConnectLdap();
     bool NeedsReconnect() const { return connection_.NeedsReconnect(); }
+    // Whether the next ConnectLdap has work to do on a connection held: a lost one to redial,
+    // an idle one to check (idle_check), or one to move back to the first host (failback).
+    bool ConnectDue() { return connection_.NeedsReconnect() || connection_.CheckDue(); }
     std::shared_lock<std::shared_mutex> GuardOperation() { return connection_.GuardOperation(); }
     bool HasConnection() const { return connection_.HasConnection(); }
     // Makes the engine one of a pool's: it dials the hosts of hosts and redials a lost

@@ -20,8 +20,9 @@ CLdap::~CLdap() {
 
 // A failed attempt leaves the object unconnected, and the next operation tries again.
 int CLdap::Connected() {
-    // A lost connection (only noticed when reconnection is on) counts as not connected.
-    if (!connected || engine->NeedsReconnect()) {
+    // A lost connection (only noticed when reconnection is on) counts as not connected, and so
+    // does one that idle_check or failback is to look at.
+    if (!connected || engine->ConnectDue()) {
         if (engine->ConnectLdap() != QORLDAP_OK) {
             connected = false;
             return QORLDAP_E_FAILED;
