@@ -33,17 +33,21 @@ version=$(sed -n 's/^project(qorldap VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 [ -n "$version" ] || die "no project(qorldap VERSION ...) in CMakeLists.txt"
 changelog_version=$(dpkg-parsechangelog -S Version)
 if [ "$changelog_version" != "$version" ]; then
-    die "debian/changelog is at $changelog_version, the project at $version: add an entry,
-    e.g. dch --newversion $version --distribution unstable 'New release.'"
+    die "debian/changelog is at $changelog_version, the project at $version: add an entry for
+    $version at its top (dch --newversion $version --distribution unstable, from devscripts)"
 fi
 
 step "copying the tree to dist/src/qorldap-$version"
 src=dist/src/qorldap-$version
 rm -rf dist
 mkdir -p "$src"
-git ls-files -z --cached --others --exclude-standard |
-    while IFS= read -r -d '' f; do [ -e "$f" ] && printf '%s\0' "$f"; done |
-    tar --null -T - -cf - | tar -xf - -C "$src"
+if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
+    git ls-files -z --cached --others --exclude-standard |
+        while IFS= read -r -d '' f; do [ -e "$f" ] && printf '%s\0' "$f"; done |
+        tar --null -T - -cf - | tar -xf - -C "$src"
+else  # an unpacked tarball: all but the build folders
+    tar --exclude='./build*' --exclude=./dist --exclude='./obj-*' -cf - . | tar -xf - -C "$src"
+fi
 
 step "dpkg-buildpackage -us -uc -b"
 export DEB_BUILD_OPTIONS=${DEB_BUILD_OPTIONS:-parallel=$(nproc 2>/dev/null || echo 2)}
