@@ -66,7 +66,11 @@ done
 [ "$failed" = 0 ] && pass "every file in its place (tool, library, headers, .pc, CMake package, manuals, completion, schema, examples)"
 check "qorldap --version" test "$(/usr/bin/qorldap --version)" = "qorldap $version"
 # ld.so names /lib/MULTIARCH where /lib is a link to /usr/lib.
-runs_on_package_library() { ldd "$1" | grep -Eq "libqorldap\.so\.7 => (/usr)?/lib/$multiarch/libqorldap\.so\.7 "; }
+# (ldd's whole output first: grep -q ends at the first match, and ldd's SIGPIPE would fail the pipe.)
+runs_on_package_library() {
+    local out
+    out=$(ldd "$1") && grep -Eq "libqorldap\.so\.7 => (/usr)?/lib/$multiarch/libqorldap\.so\.7 " <<<"$out"
+}
 check "the tool finds the system's libqorldap.so.7" runs_on_package_library /usr/bin/qorldap
 check "libqorldap7 names its libldap" grep -q 'libldap' <(dpkg-query -W -f='${Depends}' libqorldap7)
 
