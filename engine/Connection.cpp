@@ -47,6 +47,13 @@ bool Connection::IdleDue() const {
     return idle > std::chrono::seconds(pool_.idleCheck);
 }
 
+void Connection::Touch() {
+    // Only idle_check reads it: without it no thread writes the shared word.
+    if (pool_.idleCheck > 0) {
+        lastUse_.store(Ticks(), std::memory_order_relaxed);
+    }
+}
+
 bool Connection::FailbackDue() {
     HostSet* hosts = hosts_.load(std::memory_order_acquire);
     if (hosts == nullptr || pool_.failback <= 0) {
@@ -64,7 +71,7 @@ bool Connection::CheckDue() {
 
 int Connection::Connect(RootCheck& root) {
     if (handle_.load(std::memory_order_acquire) != nullptr && !NeedsReconnect() && !CheckDue()) {
-        lastUse_.store(Ticks());
+        Touch();
         return QORLDAP_OK;
     }
     // Link keys that do not read refuse every connection before anything is sent.
@@ -98,7 +105,7 @@ int Connection::Connect(RootCheck& root) {
     if (rc != QORLDAP_OK) {
         failedConnects_.fetch_add(1, std::memory_order_release);
     } else {
-        lastUse_.store(Ticks());
+        Touch();
     }
     return rc;
 }
@@ -139,7 +146,7 @@ int Connection::Dial(RootCheck& root) {
             if (!Answers(handle_.load())) {
                 Drop(true, quiet);
             }
-            lastUse_.store(Ticks());
+            Touch();
         }
         if (handle_.load(std::memory_order_acquire) != nullptr && FailbackDue()) {
             Drop(false, quiet);

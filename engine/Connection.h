@@ -82,6 +82,8 @@ class Connection {
         return link_.reconnect || joined_ || pool_.failback > 0 || pool_.idleCheck > 0;
     }
     bool IdleDue() const;
+    // Notes that the connection is used now, for idle_check.
+    void Touch();
     bool FailbackDue();
     // The connection sequence proper, run under connectLock_: drops a lost handle, checks an
     // idle one, then opens, secures and binds a new one and checks the root. A QORLDAP code.
