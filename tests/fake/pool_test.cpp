@@ -59,10 +59,7 @@ TEST_F(PoolCalls, WhereEachConnectionGoes) {
         Fails fails;
         std::string transcript;
     } const cases[] = {
-        {"pool_size=2\n",
-         {Use::kWrite, Use::kRead},
-         {},
-         Dial("127.0.0.1") + Dial("127.0.0.1")},
+        {"pool_size=2\n", {Use::kWrite, Use::kRead}, {}, Dial("127.0.0.1") + Dial("127.0.0.1")},
         {"pool_size=2\nbind_dn=cn=key service,ou=services,o=root\nbind_password=a long one\n",
          {Use::kWrite, Use::kWrite},
          {},
@@ -136,6 +133,19 @@ TEST_F(PoolCalls, FullPoolWaits) {
         EXPECT_GE(waited, *timeout == '\0' ? 0.15 : 0.9) << timeout;
         EXPECT_LT(waited, 3.0) << timeout;
         EXPECT_EQ(1u, pool.Made(0));
+    }
+}
+
+// A pool key that is no whole number in its range refuses every connection before anything is
+// sent, as a misspelt link key does: "5s" must not quietly mean 5 or 0.
+TEST_F(PoolCalls, AKeyThatDoesNotReadRefusesEveryConnection) {
+    for (char const* keys : {"pool_size=abc\n", "pool_size=257\n", "failback=5s\n",
+                             "idle_check=-1\n", "read_after_write=1.5\n"}) {
+        Fake().Reset({{"o=root", {{"o", {"root"}}}}});
+        Soap(keys);
+        CLdapOp op;
+        EXPECT_EQ(QORLDAP_E_FAILED, op.ConnectLdap()) << keys;
+        EXPECT_EQ("", Fake().log) << keys;
     }
 }
 
