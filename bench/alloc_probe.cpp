@@ -8,13 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "CountingNew.h"
 #include "qorldap/qorldap.h"
 
 namespace {
-
-size_t g_bytes = 0;
-size_t g_calls = 0;
-bool g_counting = false;
 
 struct Count {
     size_t bytes;
@@ -23,39 +20,15 @@ struct Count {
 
 template <typename F>
 Count Measure(F f) {
-    g_bytes = g_calls = 0;
-    g_counting = true;
+    qorbench::newBytes = 0;
+    qorbench::newCalls = 0;
+    qorbench::countingNew = true;
     f();
-    g_counting = false;
-    return {g_bytes, g_calls};
+    qorbench::countingNew = false;
+    return {qorbench::newBytes.load(), qorbench::newCalls.load()};
 }
 
 }  // namespace
-
-void* operator new(size_t n) {
-    if (g_counting) {
-        g_bytes += n;
-        ++g_calls;
-    }
-    if (void* p = std::malloc(n ? n : 1))
-        return p;
-    throw std::bad_alloc();
-}
-void* operator new[](size_t n) {
-    return operator new(n);
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, size_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, size_t) noexcept {
-    std::free(p);
-}
 
 int main() {
     CLdap ldap;

@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "BenchCommon.h"
+#include "CountingNew.h"
 #include "Raw.h"
 #include "qorldap/Settings.h"
 #include "qorldap/qorldap.h"
@@ -44,11 +45,6 @@ constexpr char kKeyFilter[] = "(signPubcer;binary=*)";
 
 std::string g_userDn[kMaxThreads];
 LDAP* g_raw[kMaxThreads] = {};
-
-// Heap bytes handed out by operator new while counting is on (the library's own allocations;
-// libldap's go through malloc and show in VmRSS only).
-std::atomic<bool> g_counting{false};
-std::atomic<size_t> g_bytes{0};
 
 bool PoolRead(int thread) {
     unsigned char* key = nullptr;
@@ -152,14 +148,14 @@ bool OnThreads(int threads, long calls) {
 // warm-up of N/10: VmRSS must not grow.
 int MemoryRun(long n) {
     long const rss0 = qorbench::ResidentKiB();
-    g_bytes = 0;
-    g_counting = true;
+    qorbench::newBytes = 0;
+    qorbench::countingNew = true;
     bool ok = OnThreads(1, 1);
-    size_t const oneBytes = g_bytes.load();
+    size_t const oneBytes = qorbench::newBytes.load();
     long const rss1 = qorbench::ResidentKiB();
     ok = ok && OnThreads(kMaxThreads, kMaxThreads);
-    g_counting = false;
-    size_t const allBytes = g_bytes.load();
+    qorbench::countingNew = false;
+    size_t const allBytes = qorbench::newBytes.load();
     long const rss8 = qorbench::ResidentKiB();
     ok = ok && OnThreads(kMaxThreads, n / 10);
     long const warm = qorbench::ResidentKiB();
@@ -181,29 +177,6 @@ int MemoryRun(long n) {
 }
 
 }  // namespace
-
-void* operator new(size_t n) {
-    if (g_counting.load(std::memory_order_relaxed))
-        g_bytes.fetch_add(n, std::memory_order_relaxed);
-    if (void* p = std::malloc(n ? n : 1))
-        return p;
-    throw std::bad_alloc();
-}
-void* operator new[](size_t n) {
-    return operator new(n);
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, size_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, size_t) noexcept {
-    std::free(p);
-}
 
 int main(int argc, char** argv) {
     if (!Setup())
