@@ -4,7 +4,7 @@
 _qorldap() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]}
     local commands="publish get-cert get-key put-cert put-key rm-key passwd show tree ls add
-        modify delete config expiring verify audit help"
+        modify delete config expiring verify audit export import help"
     local global="--conf --timeout --help --version"
     local command="" i word
     for ((i = 1; i < COMP_CWORD; i++)); do
@@ -51,6 +51,8 @@ _qorldap() {
         expiring) options="--within --json --csv --prometheus" ;;
         verify) options="--json --key-password-from" ;;
         audit) options="--since --entry --json --log --logdb" ;;
+        export) options="--output" ;;
+        import) options="--replace --check" ;;
         help) COMPREPLY=($(compgen -W "$commands" -- "$cur")); return ;;
     esac
     if [[ $cur == -* ]]; then

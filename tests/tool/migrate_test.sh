@@ -73,6 +73,87 @@ else
     fail "389 Directory Server did not start" "$(tail -n 5 "$tmp/start389.log")"
 fi
 
+# --- export and import ------------------------------------------------------------------------
+
+# Every key value below o=root as the administrator reads it: "dn attribute base64" lines, sorted.
+keys_of() {  # URI ADMIN PASSWORD
+    ldapsearch -LLL -o ldif-wrap=no -x -H "$1" -D "$2" -w "$3" -b o=root \
+        '(|(signPubcer;binary=*)(cryptPubcer;binary=*)(signPrikey;binary=*)(cryptPrikey;binary=*))' \
+        signPubcer signPrikey cryptPubcer cryptPrikey 2>/dev/null |
+        awk '/^dn: /{dn=substr($0,5)} /;binary::/{print tolower(dn), $0}' | sort
+}
+# The reader and its read above are not part of what is carried over.
+group "export: OpenLDAP"
+conf=$slapd_conf
+ldapdelete -x -H "$slapd_uri" -D "$slapd_admin" -w "$slapd_pw" cn=reader,o=root >/dev/null 2>&1
+run export o=root -o tree.ldif
+expect_ok "the key subtree with its manifest" "exported 25 entries below o=root to tree.ldif (80 key values in tree.ldif.manifest)"
+# The entries in the order a paged search brings them, as export reads them.
+ldapsearch -LLL -E pr=500/noprompt -x -H "$slapd_uri" -D "$QORLDAP_SERVICE_DN" -w "$QORLDAP_SERVICE_PW" -b o=root 2>/dev/null |
+    grep -v '^# pagedresults: ' >ldapsearch.ldif
+check "byte for byte what ldapsearch -LLL writes" same_file tree.ldif ldapsearch.ldif
+check "readable by its owner only, both" test "$(stat -c %a tree.ldif tree.ldif.manifest | sort -u)" = 600
+no "a BASE that does not exist: one line" 1 "no such entry: ou=nowhere,o=root; nothing written" export ou=nowhere,o=root -o nowhere.ldif
+check "  and no file left" test ! -e nowhere.ldif -a ! -e nowhere.ldif.partial -a ! -e nowhere.ldif.manifest
+keys_of "$slapd_uri" "$slapd_admin" "$slapd_pw" >keys.slapd
+run export cn=user5,ou=unit2,o=root -o one.ldif
+expect_ok "one entry" "exported 1 entries below cn=user5,ou=unit2,o=root to one.ldif (4 key values"
+
+group "import: OpenLDAP to 389 and back"
+if [ -r "$d389/env" ]; then
+    conf=$d389/conf
+    ldapdelete -x -H "$(e LDAP_URI)" -D "$(e LDAP_BINDDN)" -w "$(e LDAP_BINDPW)" cn=reader,o=root >/dev/null 2>&1
+    # The 389 directory holds user3 with another key since the audit above: refused, nothing written.
+    no "a different key is not overwritten" 1 "signPrikey;binary of $user differs from the directory's; nothing written (--replace overwrites them)" import tree.ldif
+    check "  and nothing was written" test -z "$(ldapsearch -x -LLL -H "$(e LDAP_URI)" -D "$(e LDAP_BINDDN)" -w "$(e LDAP_BINDPW)" -b cn=user0,ou=unit0,o=root -s base dn 2>/dev/null)"
+    run import tree.ldif --replace
+    expect_ok "with --replace every entry goes in and is checked" "entries added, 1 updated" "80 key values checked against tree.ldif.manifest"
+    run import tree.ldif
+    expect_ok "a second run finds everything there" "0 entries added, 0 updated, 25 already there"
+    check "389 holds every key byte for byte" eval 'cmp -s keys.slapd <(keys_of "$(e LDAP_URI)" "$(e LDAP_BINDDN)" "$(e LDAP_BINDPW)")'
+    # One byte of one imported key changed in the directory: the check against the manifest says which.
+    ldapsearch -LLL -o ldif-wrap=no -x -H "$(e LDAP_URI)" -D "$(e LDAP_BINDDN)" -w "$(e LDAP_BINDPW)" -b "cn=user7,ou=unit1,o=root" -s base 'cryptPrikey;binary' |
+        sed -n 's/^cryptPrikey;binary:: //p' | base64 -d >k7.der
+    printf '\x5a' | dd of=k7.der bs=1 seek=100 conv=notrunc 2>/dev/null
+    printf 'dn: cn=user7,ou=unit1,o=root\nchangetype: modify\nreplace: cryptPrikey;binary\ncryptPrikey;binary:< file://%s\n' "$tmp/k7.der" |
+        ldapmodify -x -H "$(e LDAP_URI)" -D "$(e LDAP_BINDDN)" -w "$(e LDAP_BINDPW)" >/dev/null
+    no "one byte changed in an imported key is caught" 1 "check against the manifest failed: cryptPrikey;binary of cn=user7,ou=unit1,o=root differs" import tree.ldif --check
+    run import tree.ldif --replace
+    expect_ok "  and --replace writes it back" "1 updated"
+    run export o=root -o back.ldif
+    expect_ok "389 exports the tree" "exported 25 entries below o=root to back.ldif (80 key values"
+    if "$directory" start --dir "$back" --nosync >"$tmp/startback.log" 2>&1; then
+        conf=$back/conf
+        run import one.ldif
+        expect_ok "one user into a directory without its unit: the unit is made first" "1 entries added, 0 updated, 0 already there, 1 levels made"
+        run import back.ldif
+        expect_ok "a fresh OpenLDAP takes 389's export (objectClass top and all)" "21 entries added, 0 updated, 4 already there"
+        b() { sed -n "s/^$1=//p" "$back/env" | tr -d "'"; }
+        check "OpenLDAP holds every key byte for byte after the round trip" eval 'cmp -s keys.slapd <(keys_of "$(b LDAP_URI)" "$(b LDAP_BINDDN)" "$(b LDAP_BINDPW)")'
+    else
+        fail "a second slapd did not start" "$(tail -n 5 "$tmp/startback.log")"
+    fi
+    conf=$slapd_conf
+else
+    fail "no 389 directory to import into" ""
+fi
+
+group "import: exports that are not whole"
+head -c 5000 tree.ldif >cut.ldif && cp tree.ldif.manifest cut.ldif.manifest
+no "an LDIF cut short: one line" 1 "cut.ldif: ends inside an entry (truncated?); nothing written" import cut.ldif
+awk 'BEGIN{RS="";ORS="\n\n"} NR<=20' tree.ldif >short.ldif && cp tree.ldif.manifest short.ldif.manifest
+no "an LDIF cut at an entry's end" 1 "short.ldif holds 20 entries, its manifest 25" import short.ldif
+cp tree.ldif changed.ldif && cp tree.ldif.manifest changed.ldif.manifest
+python3 - changed.ldif <<'PY'
+import sys
+p = sys.argv[1]; s = open(p).read(); i = s.index("signPrikey;binary:: ") + 40
+s = s[:i] + ("A" if s[i] != "A" else "B") + s[i + 1:]; open(p, "w").write(s)
+PY
+no "a key that does not match the manifest" 1 "signPrikey;binary of cn=user0,ou=unit0,o=root does not match changed.ldif.manifest; nothing written" import changed.ldif
+cp tree.ldif nomanifest.ldif
+no "no manifest" 1 "cannot read nomanifest.ldif.manifest" import nomanifest.ldif
+no "--replace with --check" 2 "exclude each other" import tree.ldif --replace --check
+
 echo
 echo "$passed passed, $failed failed"
 [ "$failed" = 0 ]

@@ -48,14 +48,6 @@ std::string BaseName(std::string const& name) {
     return Lower(name.substr(0, name.find(';')));
 }
 
-bool KeyAttribute(std::string const& name) {
-    static char const* const kKeys[] = {"signpubcer",  "signpubkey",  "signprikey", "cryptpubcer",
-                                        "cryptpubkey", "cryptprikey", "userpsw"};
-    std::string const base = BaseName(name);
-    return std::any_of(std::begin(kKeys), std::end(kKeys),
-                       [&](char const* k) { return base == k; });
-}
-
 // What only the key service may read or write (README, "Security model").
 bool PrivateAttribute(std::string const& name) {
     std::string const base = BaseName(name);

@@ -17,6 +17,8 @@ std::vector<Command> const& Commands() {
         list.push_back(ExpiringCommand());
         list.push_back(VerifyCommand());
         list.push_back(AuditCommand());
+        list.push_back(ExportCommand());
+        list.push_back(ImportCommand());
         return list;
     }();
     return all;

@@ -26,6 +26,8 @@ std::vector<Command> ConfigCommands();  // config.cpp
 Command ExpiringCommand();              // expiring.cpp
 Command VerifyCommand();                // verify.cpp
 Command AuditCommand();                 // audit.cpp
+Command ExportCommand();                // migrate.cpp
+Command ImportCommand();                // migrate.cpp
 
 // Selects the entry dn into entry: 0 when it is missing, else its number of attributes
 // (entries.cpp).

@@ -42,18 +42,7 @@ EntryView ReadWhole(Args const& args, std::string const& dn) {
         words.dn = dn;
         FailCode(args.command, rc, Hint(rc, Situation::kReadEntry, words));
     }
-    EntryView view;
-    view.dn = entry->dn;
-    for (int i = 0; i < entry->attributeCount; ++i) {
-        QorLdapAttribute const& a = entry->attributes[i];
-        ShownAttribute shown;
-        shown.name = a.name;
-        for (int k = 0; k < a.valueCount; ++k) {
-            shown.values.emplace_back(reinterpret_cast<char const*>(a.values[k].bytes),
-                                      a.values[k].length);
-        }
-        view.attributes.push_back(std::move(shown));
-    }
+    EntryView view = ViewOf(*entry);
     view.keys = KeysAmong(view.attributes);
     return view;
 }

@@ -1,7 +1,10 @@
 // An entry written as LDIF or as JSON.
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdio>
+
+#include "qorldap/Entry.h"
 
 #include "tools/checks/checks.h"
 #include "tools/output/entry_view.h"
@@ -113,6 +116,30 @@ bool JsonText(std::string const& value) {
 std::string JsonValue(std::string const& name, std::string const& value) {
     bool const binary = name.find(";binary") != std::string::npos || !JsonText(value);
     return binary ? "{\"base64\": " + JsonString(Base64Encode(value)) + "}" : JsonString(value);
+}
+
+bool KeyAttribute(std::string const& name) {
+    static char const* const kKeys[] = {"signpubcer",  "signpubkey",  "signprikey", "cryptpubcer",
+                                        "cryptpubkey", "cryptprikey", "userpsw"};
+    std::string const base = name.substr(0, name.find(';'));
+    return std::any_of(std::begin(kKeys), std::end(kKeys),
+                       [&](char const* k) { return strcasecmp(base.c_str(), k) == 0; });
+}
+
+EntryView ViewOf(QorLdapEntry const& entry) {
+    EntryView view;
+    view.dn = entry.dn;
+    for (int i = 0; i < entry.attributeCount; ++i) {
+        QorLdapAttribute const& a = entry.attributes[i];
+        ShownAttribute shown;
+        shown.name = a.name;
+        for (int k = 0; k < a.valueCount; ++k) {
+            shown.values.emplace_back(reinterpret_cast<char const*>(a.values[k].bytes),
+                                      a.values[k].length);
+        }
+        view.attributes.push_back(std::move(shown));
+    }
+    return view;
 }
 
 std::vector<ShownKey> KeysAmong(std::vector<ShownAttribute> const& attributes) {

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+struct QorLdapEntry;  // qorldap/Entry.h
+
 namespace qortool {
 
 struct ShownAttribute {
@@ -26,6 +28,11 @@ struct EntryView {
     std::vector<ShownKey> keys;              // those the entry holds
 };
 
+// The entry the library handed out, copied: its DN and every attribute with its values.
+EntryView ViewOf(QorLdapEntry const& entry);
+// Whether name, options aside and in any case, is one of the key attributes: signPubcer,
+// signPubkey, signPrikey, cryptPubcer, cryptPubkey, cryptPrikey, userPsw.
+bool KeyAttribute(std::string const& name);
 // The keys and certificates among attributes (signPubcer, signPubkey, signPrikey and their
 // crypt twins, with any options), each value with its role.
 std::vector<ShownKey> KeysAmong(std::vector<ShownAttribute> const& attributes);
