@@ -10,6 +10,10 @@ HostSet::HostSet(std::string const& hosts, Choice choice, int failbackSeconds)
     for (std::string name; in >> name;) {
         hosts_.push_back({name});
     }
+    // Providers written as nothing are libldap's default host, as without a host set.
+    if (hosts_.empty() && choice_ == Choice::kInOrder) {
+        hosts_.push_back({""});
+    }
 }
 
 std::vector<std::size_t> HostSet::Candidates() {

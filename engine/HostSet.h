@@ -34,7 +34,8 @@ class HostSet {
     // The first host is probed at most this often while connections are on a later one.
     static constexpr std::chrono::seconds kProbeEvery{1};
 
-    // hosts: blank-separated, each as "host", "host:port" or a URI. failbackSeconds 0: none.
+    // hosts: blank-separated, each as "host", "host:port" or a URI; for kInOrder, none at all is
+    // one host written as nothing (libldap's default). failbackSeconds 0: none.
     HostSet(std::string const& hosts, Choice choice, int failbackSeconds);
     HostSet(HostSet const&) = delete;
     HostSet& operator=(HostSet const&) = delete;

@@ -65,6 +65,8 @@ class Pool {
     // write lease is: the caller connects it, as it connects the one shared engine.
     Lease Take(Use use);
     // The record of the settings, as GetLdapAtt and SetLdapAtt of the free functions see it.
+    // The pool's host sets are those of the record when the pool was built: a host set later
+    // is shown but not dialled (as with the one engine, whose host counts until it connects).
     LdapInfo Record() const { return settings_.Get(); }
     void SetRecord(LdapInfo const& info);
     PoolOptions const& Options() const { return settings_.Pool(); }

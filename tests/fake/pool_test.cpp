@@ -69,6 +69,8 @@ TEST_F(PoolCalls, WhereEachConnectionGoes) {
          {Use::kRead, Use::kRead, Use::kRead, Use::kWrite},
          {},
          Dial("r1:389") + Dial("r2:389") + Dial("r1:389") + Dial("127.0.0.1")},
+        // No host: libldap's default, as without a pool.
+        {"pool_size=1\nhost=\n", {Use::kWrite}, {}, Dial("")},
         // r1 is gone: quarantined, r2 takes both reads.
         {"pool_size=2\nread_host=r1 r2\n",
          {Use::kRead, Use::kRead},
