@@ -143,8 +143,10 @@ int Connection::Dial(RootCheck& root) {
         if (IdleDue()) {
             // A connection a firewall has cut answers nothing: it is dialled afresh here rather
             // than left to fail the call that comes with it.
+            // The connection was cut, not necessarily its host: the host is tried first again,
+            // and passed over only if it refuses the new connection.
             if (!Answers(handle_.load())) {
-                Drop(true, quiet);
+                Drop(false, quiet);
             }
             Touch();
         }
@@ -184,8 +186,12 @@ int Connection::AttemptEach(RootCheck& root, LdapInfo const& settings) {
             return rc;
         }
         binding_.DropHandle();
-        // A refused bind or a missing base is the directory's answer, the same on every host.
-        if (rc != QORLDAP_E_FAILED || !LinkFailure(qor::LastResult::OfThread().code)) {
+        // A refused bind or a missing base is the providers' answer, the same on every one of
+        // them. A read host that gives it is only one replica out of step: the next one is
+        // asked, and this one passed over for a while.
+        bool const linkFailed =
+            rc == QORLDAP_E_FAILED && LinkFailure(qor::LastResult::OfThread().code);
+        if (!linkFailed && hosts.Order() == HostSet::Choice::kInOrder) {
             return rc;
         }
         hosts.Failed(i);

@@ -40,6 +40,7 @@ class HostSet {
     HostSet(HostSet const&) = delete;
     HostSet& operator=(HostSet const&) = delete;
 
+    Choice Order() const { return choice_; }
     std::size_t Size() const { return hosts_.size(); }
     std::string const& Host(std::size_t i) const { return hosts_[i].name; }
     // The hosts a new connection tries, best first. kInOrder: every host, those in quarantine

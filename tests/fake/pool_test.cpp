@@ -76,6 +76,11 @@ TEST_F(PoolCalls, WhereEachConnectionGoes) {
          {Use::kRead, Use::kRead},
          {{"ldap_simple_bind_s", -1}},
          Dial("r1").substr(0, Dial("r1").find("ldap_search")) + unbind + Dial("r2") + Dial("r2")},
+        // A replica that refuses the bind is out of step, not the directory: the next one.
+        {"pool_size=1\nread_host=r1 r2\n",
+         {Use::kRead},
+         {{"ldap_simple_bind_s", 49}},
+         Dial("r1").substr(0, Dial("r1").find("ldap_search")) + unbind + Dial("r2")},
         // No read host answers: the read goes to a provider.
         {"pool_size=1\nread_host=r1\n",
          {Use::kRead},
