@@ -65,8 +65,25 @@ bool Connection::FailbackDue() {
     });
 }
 
+bool Connection::BalanceDue(bool limited) {
+    HostSet* hosts = hosts_.load(std::memory_order_acquire);
+    if (hosts == nullptr || hosts->Order() != HostSet::Choice::kLeastBusy) {
+        return false;
+    }
+    if (limited) {
+        long long const now = Ticks();
+        if (now < nextBalance_.load(std::memory_order_relaxed)) {
+            return false;
+        }
+        nextBalance_.store(
+            now + std::chrono::steady_clock::duration(std::chrono::seconds(1)).count(),
+            std::memory_order_relaxed);
+    }
+    return hosts->Crowded(connected_.load());
+}
+
 bool Connection::CheckDue() {
-    return IdleDue() || FailbackDue();
+    return IdleDue() || FailbackDue() || BalanceDue(true);
 }
 
 int Connection::Connect(RootCheck& root) {
@@ -150,7 +167,8 @@ int Connection::Dial(RootCheck& root) {
             }
             Touch();
         }
-        if (handle_.load(std::memory_order_acquire) != nullptr && FailbackDue()) {
+        if (handle_.load(std::memory_order_acquire) != nullptr &&
+            (FailbackDue() || BalanceDue(false))) {
             Drop(false, quiet);
         }
     }

@@ -85,6 +85,9 @@ class Connection {
     // Notes that the connection is used now, for idle_check.
     void Touch();
     bool FailbackDue();
+    // A read connection on a replica holding more than its share (HostSet::Crowded); limited,
+    // only once a second for each connection.
+    bool BalanceDue(bool limited);
     // The connection sequence proper, run under connectLock_: drops a lost handle, checks an
     // idle one, then opens, secures and binds a new one and checks the root. A QORLDAP code.
     int Dial(RootCheck& root);
@@ -123,6 +126,8 @@ class Connection {
     bool joined_ = false;
     // When the connection was last used, in steady-clock ticks; read for idle_check.
     std::atomic<long long> lastUse_{0};
+    // When BalanceDue looks next, in steady-clock ticks.
+    std::atomic<long long> nextBalance_{0};
     HostProbe probe_;
 };
 

@@ -24,6 +24,7 @@ inline constexpr char SECTION_LDAP_FAST_LOOKUP[] = "fast_lookup";
 inline constexpr char SECTION_LDAP_ATOMIC_PUBLISH[] = "atomic_publish";
 inline constexpr char SECTION_LDAP_REFUSE_WEAK_KEYS[] = "refuse_weak_keys";
 inline constexpr char SECTION_LDAP_GB18030_DNS[] = "gb18030_dns";
+inline constexpr char SECTION_LDAP_USER_CERTIFICATE[] = "user_certificate";
 // The free functions' connection pool (engine/PoolOptions.h).
 inline constexpr char SECTION_LDAP_POOL_SIZE[] = "pool_size";
 inline constexpr char SECTION_LDAP_READ_HOST[] = "read_host";
@@ -65,6 +66,8 @@ inline constexpr char LDAP_PERSON_SIGN_PUB[] = "signPubkey;binary";
 inline constexpr char LDAP_PERSON_EN_PRI[] = "cryptPrikey;binary";
 inline constexpr char LDAP_PERSON_EN_PUB_CER[] = "cryptPubcer;binary";
 inline constexpr char LDAP_PERSON_EN_PUB[] = "cryptPubkey;binary";
+// The standard attribute other directory users read a person's certificate from.
+inline constexpr char LDAP_USER_CERTIFICATE[] = "userCertificate;binary";
 inline constexpr char LDAP_PASSWORD[] = "userPsw;binary";
 
 // The attribute of the signing (sign) or encryption public key: the certificate attribute when

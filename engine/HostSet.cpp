@@ -59,6 +59,20 @@ void HostSet::Failed(std::size_t i) {
     }
 }
 
+bool HostSet::Crowded(std::size_t i) const {
+    if (choice_ != Choice::kLeastBusy || i >= hosts_.size()) {
+        return false;
+    }
+    std::lock_guard<std::mutex> guard(lock_);
+    Clock::time_point const now = Clock::now();
+    for (Entry const& host : hosts_) {
+        if (!InQuarantine(host, now) && host.connections + 1 < hosts_[i].connections) {
+            return true;
+        }
+    }
+    return false;
+}
+
 int HostSet::Connections(std::size_t i) const {
     std::lock_guard<std::mutex> guard(lock_);
     return hosts_[i].connections;

@@ -58,6 +58,11 @@ class HostSet {
     // last probe is kProbeEvery old and no other thread is probing; otherwise it reads what
     // the last probe found.
     bool FailbackDue(std::size_t i, std::function<bool(std::string const&)> const& answers);
+    // For a connection on host i of a kLeastBusy set: true when host i holds two connections
+    // more than a host out of quarantine that holds the fewest, so that moving this one evens
+    // them out. That is how a replica back from quarantine gets its share again: connections
+    // live long, and the least busy choice alone would give it only those dialled from now on.
+    bool Crowded(std::size_t i) const;
     // The connections host i holds now (for tests and benchmarks).
     int Connections(std::size_t i) const;
 

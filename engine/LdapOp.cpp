@@ -188,6 +188,9 @@ int CLdapOp::DeleteSignPrivateKey(char const* dn) {
 }
 
 int CLdapOp::DeleteCryptPrivateKey(char const* dn) {
+    if (settings_.Link().userCertificate) {
+        return copies_.RemoveKey(dn);
+    }
     return keys_.DeleteCryptPrivateKey(dn);
 }
 

@@ -27,6 +27,8 @@
 //                   publication's certificate and key go through ReplacePair when atomic)
 //   UserLookup      GetChildKey (the descent walk), FindUser (fast_lookup), GetFullDN
 //   PasswordChange  ModifyPriKeyPsw
+//   UserCertificate the copy in userCertificate;binary (user_certificate), with publication
+//                   and DeleteCryptPrivateKey
 //   Pkcs12Publish   PublishP12
 //   KeyProtect      a private key protected under its password (publication, change)
 //   Records.h       FreeKey, FreeAtt, FreeDN
@@ -56,6 +58,7 @@
 #include "engine/RootCheck.h"
 #include "engine/ServerSettings.h"
 #include "engine/TemplateTable.h"
+#include "engine/UserCertificate.h"
 #include "engine/UserLookup.h"
 #include "qorldap/records.h"
 #include "qorldap/result_codes.h"
@@ -180,7 +183,8 @@ class CLdapOp {
     UserLookup users_{settings_, connection_, templates_, naming_, lookup_, keys_};
     PasswordChange password_{users_, keys_};
     PathBuilder paths_{settings_, templates_, lookup_, writer_};
-    Publisher publisher_{settings_.Link(), naming_, paths_, keys_};
+    UserCertificate copies_{connection_};
+    Publisher publisher_{settings_.Link(), naming_, paths_, keys_, copies_};
 };
 
 #endif

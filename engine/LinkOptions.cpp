@@ -111,6 +111,11 @@ void LinkOptions::Read(IniFile const& soap, std::string const& section) {
                     {"no", "false", "off", "0"}, gb18030Dns)) {
         fail(SECTION_LDAP_GB18030_DNS, raw);
     }
+    if (soap.Get(section, SECTION_LDAP_USER_CERTIFICATE, raw) &&
+        !ReadSwitch(qor::Folded(raw), false, {"yes", "true", "on", "1"},
+                    {"no", "false", "off", "0"}, userCertificate)) {
+        fail(SECTION_LDAP_USER_CERTIFICATE, raw);
+    }
     if (soap.Get(section, SECTION_LDAP_RECONNECT, raw) &&
         !ReadSwitch(qor::Folded(raw), false, {"yes", "true", "on", "1"},
                     {"no", "false", "off", "0"}, reconnect)) {

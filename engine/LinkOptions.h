@@ -38,6 +38,10 @@ struct LinkOptions {
     // the directory requires, and every DN handed back GB18030 (see interface/CallerDn.h).
     // Off, DNs pass unchanged both ways.
     bool gb18030Dns = false;
+    // "user_certificate": yes makes a publication of an encryption pair also write the
+    // certificate to userCertificate;binary where the entry's classes allow it, all in one
+    // request, and the removal of the encryption key remove it (engine/UserCertificate.h).
+    bool userCertificate = false;
     // Empty when every key present is written in one of its documented spellings; otherwise
     // "key=value" of the first one that is not. An engine whose link keys do not read never
     // connects: a misspelt "tls" or "tls_verify" must not quietly mean a clear or unverified
@@ -50,7 +54,7 @@ struct LinkOptions {
     //   tls_verify  yes | true | on | 1 | demand  /  no | false | off | 0 | never
     //   reconnect   yes | true | on | 1  /  no | false | off | 0
     //   timeout     whole seconds, 0 to 86400 (0: none)
-    //   fast_lookup, atomic_publish, refuse_weak_keys, gb18030_dns
+    //   fast_lookup, atomic_publish, refuse_weak_keys, gb18030_dns, user_certificate
     //               yes | true | on | 1  /  no | false | off | 0
     void Read(IniFile const& soap, std::string const& section);
     bool Valid() const { return fault.empty(); }

@@ -88,6 +88,11 @@ int Publisher::PublishP12(char const* pfx, unsigned long pfxLength, char const* 
             return rc;
         }
     }
+    if (link_.userCertificate && !sign) {
+        return copies_.Publish(dn.c_str(), keys_.PublicKeyAttribute(false), cert.get(), certLength,
+                               publicOnly ? nullptr : stored.Data(),
+                               publicOnly ? 0 : static_cast<unsigned int>(stored.Size()));
+    }
     if (link_.atomicPublish && !publicOnly) {
         return keys_.ReplacePair(dn.c_str(), keys_.PublicKeyAttribute(sign), cert.get(), certLength,
                                  sign ? LDAP_PERSON_SIGN_PRI : LDAP_PERSON_EN_PRI, stored.Data(),

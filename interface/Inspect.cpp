@@ -40,6 +40,7 @@ Key const kKeys[] = {
     {SECTION_LDAP_ATOMIC_PUBLISH, Kind::kYesNo},
     {SECTION_LDAP_REFUSE_WEAK_KEYS, Kind::kYesNo},
     {SECTION_LDAP_GB18030_DNS, Kind::kYesNo},
+    {SECTION_LDAP_USER_CERTIFICATE, Kind::kYesNo},
     {SECTION_LDAP_POOL_SIZE, Kind::kText},
     {SECTION_LDAP_READ_HOST, Kind::kText},
     {SECTION_LDAP_READ_AFTER_WRITE, Kind::kText},
@@ -65,6 +66,7 @@ std::string Read(LinkOptions const& link, std::string const& name, Kind kind) {
                        : name == SECTION_LDAP_FAST_LOOKUP      ? link.fastLookup
                        : name == SECTION_LDAP_ATOMIC_PUBLISH   ? link.atomicPublish
                        : name == SECTION_LDAP_REFUSE_WEAK_KEYS ? link.refuseWeakKeys
+                       : name == SECTION_LDAP_USER_CERTIFICATE ? link.userCertificate
                                                                : link.gb18030Dns);
     }
     return "";

@@ -106,6 +106,16 @@ legitimate() {
     check "$server: qorldap-prepare gives the people qorKeyHolder" grep -q "gave qorKeyHolder to 2 entries" "$tmp/out"
     ok "$server: keys go onto an existing inetOrgPerson" "(signing pair) to cn=li lei" publish "$tmp/LiLei.p12"
     ok "$server: both pairs" "(encryption pair) to cn=li lei" publish --crypt "$tmp/LiLei.p12"
+    # user_certificate: the key service copies the encryption certificate to the person's own
+    # userCertificate, which the access rules let it write.
+    echo user_certificate=yes >>"$conf/soap.ini"
+    ok "$server: with user_certificate, the encryption pair again" "(encryption pair) to cn=li lei" publish --crypt "$tmp/LiLei.p12"
+    check "$server: the key service wrote userCertificate, the encryption certificate" eval \
+        '[ -n "$(values "$li" "userCertificate;binary" "${admin[@]}")" ] && [ "$(values "$li" "userCertificate;binary" "${admin[@]}")" = "$(values "$li" "cryptPubcer;binary" "${admin[@]}")" ]'
+    ok "$server: with user_certificate, rm-key --crypt" "removed the encryption private key" rm-key "$li" --crypt
+    check "$server: and the copy went with the key" test -z "$(values "$li" "userCertificate;binary" "${admin[@]}")"
+    ok "$server: the encryption pair back" "(encryption pair) to cn=li lei" publish --crypt "$tmp/LiLei.p12"
+    sed -i '/^user_certificate=/d' "$conf/soap.ini"
     ok "$server: a bundle goes into a new path (ou=Sales made on the way)" "to cn=zhang wei, ou=sales" publish "$tmp/ZhangWei.p12"
     ok "$server: a second publication to the entry it made" "(encryption pair) to cn=zhang wei, ou=sales" publish --crypt "$tmp/ZhangWei.p12"
     check "$server: Zhang Wei is a qorPerson below a new ou" test "$(values "cn=zhang wei,ou=Sales,$base" objectClass "${admin[@]}" | grep -v '^top$')" = qorPerson
