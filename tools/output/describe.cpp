@@ -130,20 +130,59 @@ void Certificate(std::string const& der, std::vector<Field>& out) {
 
 }  // namespace
 
+// The fields of a certificate's TBSCertificate that a report needs, read without decoding the
+// whole certificate: OpenSSL 3 decodes the public key of every certificate through its provider
+// decoders, which cost most of a subtree report's time. The outer structure is still checked:
+// one SEQUENCE over the whole value holding the TBSCertificate's SEQUENCE.
+namespace {
+
+// Steps into (enter) or over the next element of [p, end): false when it does not read.
+bool NextElement(unsigned char const*& p, unsigned char const* end, bool enter, int& tag) {
+    unsigned char const* q = p;
+    long length = 0;
+    int xclass = 0;
+    int const info = ASN1_get_object(&q, &length, &tag, &xclass, end - p);
+    if ((info & 0x80) != 0 || length > end - q) {
+        return false;
+    }
+    tag |= xclass;  // context tags apart from universal ones
+    p = enter ? q : q + length;
+    return true;
+}
+
+}  // namespace
+
 bool ReadCertificateFacts(std::string const& der, CertificateFacts& facts) {
     unsigned char const* p = Bytes(der);
-    X509Ptr cert(d2i_X509(nullptr, &p, static_cast<long>(der.size())));
+    unsigned char const* const end = p + der.size();
+    unsigned char const* outer = p;
+    int tag = 0;
+    bool ok = NextElement(outer, end, false, tag) && outer == end && tag == V_ASN1_SEQUENCE &&
+              NextElement(p, end, true, tag) && NextElement(p, end, true, tag) &&
+              tag == V_ASN1_SEQUENCE;
+    unsigned char const* version = p;
+    if (ok && NextElement(version, end, false, tag) && tag == (V_ASN1_CONTEXT_SPECIFIC | 0))
+        p = version;  // [0] version, present from v2 on
+    std::unique_ptr<ASN1_INTEGER, Deleter<ASN1_INTEGER_free>> serialNumber(
+        ok ? d2i_ASN1_INTEGER(nullptr, &p, end - p) : nullptr);
+    ok = serialNumber != nullptr && NextElement(p, end, false, tag) &&  // signature
+         NextElement(p, end, false, tag) &&                             // issuer
+         NextElement(p, end, true, tag) && tag == V_ASN1_SEQUENCE &&    // validity
+         NextElement(p, end, false, tag);                               // notBefore
+    std::unique_ptr<ASN1_TIME, Deleter<ASN1_TIME_free>> notAfter(
+        ok ? d2i_ASN1_TIME(nullptr, &p, end - p) : nullptr);
+    std::unique_ptr<X509_NAME, Deleter<X509_NAME_free>> subject(
+        notAfter != nullptr ? d2i_X509_NAME(nullptr, &p, end - p) : nullptr);
     struct tm when = {};
-    if (cert == nullptr || p != Bytes(der) + der.size() ||
-        ASN1_TIME_to_tm(X509_get0_notAfter(cert.get()), &when) != 1) {
+    if (subject == nullptr || ASN1_TIME_to_tm(notAfter.get(), &when) != 1) {
         ERR_clear_error();
         return false;
     }
-    facts.subject = NameText(X509_get_subject_name(cert.get()));
-    BignumPtr serial(ASN1_INTEGER_to_BN(X509_get0_serialNumber(cert.get()), nullptr));
+    facts.subject = NameText(subject.get());
+    BignumPtr serial(ASN1_INTEGER_to_BN(serialNumber.get(), nullptr));
     std::unique_ptr<char, Deleter<FreeText>> serialHex(serial ? BN_bn2hex(serial.get()) : nullptr);
     facts.serial = serialHex ? serialHex.get() : "(unreadable)";
-    facts.notAfter = TimeText(X509_get0_notAfter(cert.get()));
+    facts.notAfter = TimeText(notAfter.get());
     facts.notAfterTime = static_cast<long long>(timegm(&when));
     return true;
 }
