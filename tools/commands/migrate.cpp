@@ -3,6 +3,7 @@
 // manifest. Both go through the library as its identity: the walk of qorldap/Walk.h, the
 // whole-entry read of qorldap/Entry.h and the write of qorldap/Write.h.
 #include <fcntl.h>
+#include <openssl/evp.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <new>
 #include <set>
 
 #include "qorldap/Walk.h"
@@ -52,15 +54,20 @@ std::string ValueKey(std::string const& dn, std::string const& attribute) {
 
 // --- export ----------------------------------------------------------------------------------
 
+// What an export holds while the walk runs: the LDIF and the manifest's key lines go to their
+// files entry by entry, and the LDIF into the digest, so memory does not grow with the tree.
 struct Exporting {
     std::FILE* file = nullptr;
-    std::string path;
-    std::string manifest;  // the key lines
-    std::string digestInput;
+    std::FILE* manifest = nullptr;
+    std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> digest{EVP_MD_CTX_new(), EVP_MD_CTX_free};
     long entries = 0;
     long values = 0;
     bool failed = false;
 };
+
+bool Put(std::FILE* file, std::string const& text) {
+    return std::fwrite(text.data(), 1, text.size(), file) == text.size();
+}
 
 int VisitExported(QorLdapEntry const* entry, void* context) {
     Exporting& out = *static_cast<Exporting*>(context);
@@ -69,18 +76,16 @@ int VisitExported(QorLdapEntry const* entry, void* context) {
         if (!KeyAttribute(a.name))
             continue;
         for (std::string const& value : a.values) {
-            out.manifest += "key: " + Sha256Hex(value) + " " + a.name + " " + view.dn + "\n";
+            out.failed = out.failed || !Put(out.manifest, "key: " + Sha256Hex(value) + " " +
+                                                              a.name + " " + view.dn + "\n");
             ++out.values;
         }
     }
     std::string const text = Ldif(view);
-    out.digestInput += text;
-    if (std::fwrite(text.data(), 1, text.size(), out.file) != text.size()) {
-        out.failed = true;
-        return 1;
-    }
+    out.failed = out.failed || !Put(out.file, text) ||
+                 EVP_DigestUpdate(out.digest.get(), text.data(), text.size()) != 1;
     ++out.entries;
-    return 0;
+    return out.failed ? 1 : 0;
 }
 
 // A new file, readable by its owner only (the export holds the encrypted private keys).
@@ -111,30 +116,46 @@ int RunExport(Args const& args) {
     // Written under names of their own and renamed when complete: a failed export leaves no
     // FILE that looks whole.
     Exporting out;
-    out.path = path + ".partial";
-    out.file = CreatePrivate(args.command, out.path);
-    int const rc = QorLdapWalk(base.c_str(), nullptr, nullptr, kPage, VisitExported, &out);
+    std::string const ldifTemp = path + ".partial";
+    std::string const manifestTemp = ManifestPath(path) + ".partial";
+    if (out.digest == nullptr || EVP_DigestInit_ex(out.digest.get(), EVP_sha256(), nullptr) != 1)
+        throw std::bad_alloc();
+    out.file = CreatePrivate(args.command, ldifTemp);
+    out.manifest = CreatePrivate(args.command, manifestTemp);
+    out.failed = !Put(out.manifest, std::string(kManifestHead) + "\nbase: " + base + "\n");
+    int const rc = out.failed
+                       ? QORLDAP_OK
+                       : QorLdapWalk(base.c_str(), nullptr, nullptr, kPage, VisitExported, &out);
     if (rc != QORLDAP_OK || out.failed) {
+        int const error = errno;
         std::fclose(out.file);
-        ::unlink(out.path.c_str());
+        std::fclose(out.manifest);
+        ::unlink(ldifTemp.c_str());
+        ::unlink(manifestTemp.c_str());
         if (out.failed)
-            Fail(args.command, "cannot write " + path + ": " + std::strerror(errno));
+            Fail(args.command, "cannot write " + path + ": " + std::strerror(error));
         if (rc == kNoSuchObject)
             Fail(args.command, "no such entry: " + base + "; nothing written");
         FailCode(args.command, rc,
                  "reading " + base + ": " + CodeMeaning(rc) + "; nothing written");
     }
-    Finish(args.command, out.file, out.path);
-    std::string const manifestTemp = ManifestPath(path) + ".partial";
-    std::FILE* manifest = CreatePrivate(args.command, manifestTemp);
-    std::string const head = std::string(kManifestHead) + "\nbase: " + base +
-                             "\nentries: " + std::to_string(out.entries) +
-                             "\nvalues: " + std::to_string(out.values) +
-                             "\nldif-sha256: " + Sha256Hex(out.digestInput) + "\n";
-    std::fputs(head.c_str(), manifest);
-    std::fwrite(out.manifest.data(), 1, out.manifest.size(), manifest);
-    Finish(args.command, manifest, manifestTemp);
-    if (std::rename(out.path.c_str(), path.c_str()) != 0 ||
+    // The counts and the file's digest close the manifest: one cut short lacks them.
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (EVP_DigestFinal_ex(out.digest.get(), digest, &length) != 1)
+        throw std::bad_alloc();
+    std::string hex;
+    for (unsigned int i = 0; i < length; ++i) {
+        char pair[3];
+        std::snprintf(pair, sizeof pair, "%02x", digest[i]);
+        hex += pair;
+    }
+    if (!Put(out.manifest, "entries: " + std::to_string(out.entries) + "\nvalues: " +
+                               std::to_string(out.values) + "\nldif-sha256: " + hex + "\n"))
+        Fail(args.command, "cannot write " + manifestTemp + ": " + std::strerror(errno));
+    Finish(args.command, out.file, ldifTemp);
+    Finish(args.command, out.manifest, manifestTemp);
+    if (std::rename(ldifTemp.c_str(), path.c_str()) != 0 ||
         std::rename(manifestTemp.c_str(), ManifestPath(path).c_str()) != 0) {
         Fail(args.command, "cannot rename into " + path + ": " + std::strerror(errno));
     }
@@ -471,14 +492,12 @@ int RunImport(Args const& args) {
     enum class Step { kAdd, kKeys, kSame };
     std::vector<Step> steps;
     std::vector<std::string> conflicts;
-    std::set<std::string> present;
     for (EntryView const& e : entries) {
         Target const t = ReadTarget(args.command, e.dn);
         if (!t.found) {
             steps.push_back(Step::kAdd);
             continue;
         }
-        present.insert(DnKey(e.dn));
         bool same = true;
         for (auto const& [base, wanted] : KeysOf(e)) {
             auto const held = t.keys.find(base);
