@@ -19,6 +19,10 @@ namespace qortool {
 int const kExitOk = 0;
 int const kExitFailed = 1;
 int const kExitUsage = 2;
+// The status of a report command (expiring, verify) that could not make its report: bad input,
+// a usage error, no directory. Its statuses 1 and 2 say what it found, so a usage error there
+// must not look like a finding.
+int const kExitNoReport = 3;
 
 // Thrown to end a command; main prints the one line "qorldap: <message>" on stderr.
 struct Stop {

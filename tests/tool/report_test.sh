@@ -71,6 +71,8 @@ rows() {
     no "$s: expiring below a base that does not exist" 3 "expiring: no such entry: ou=nowhere,$base" expiring "ou=nowhere,$base"
     no "$s: expiring with a window it cannot read" 3 '--within takes a span such as 30d, 12h or 2w, not "3x"' expiring --within 3x
     no "$s: expiring --within -1d" 3 'not "-1d"' expiring "--within=-1d"
+    # An option it does not know is no finding: not 2 ("some expired").
+    no "$s: expiring with an unknown option" 3 'unknown option' expiring --bogus
 
     group "$s: verify"
     run publish good.p12 && run publish good.p12 --crypt

@@ -14,9 +14,6 @@ namespace qortool {
 
 // Entries asked for in one request of a walk: the tool holds one page of them at a time.
 int const kWalkPageSize = 500;
-// The status of a report command that could not make its report (bad input, no directory):
-// its other statuses say what it found.
-int const kExitNoReport = 3;
 
 // The values of attribute ("signPubcer;binary", matched without regard to letter case) in entry.
 std::vector<std::string> ValuesOf(QorLdapEntry const& entry, char const* attribute);

@@ -113,7 +113,8 @@ void FailCode(std::string const& what, int code, std::string const& meaning) {
 void Usage(std::string const& what, std::string const& text) {
     std::string const see =
         what.empty() || what[0] == '-' ? "qorldap --help" : "qorldap " + what + " --help";
-    throw Stop{kExitUsage, (what.empty() ? "" : what + ": ") + text + " (see " + see + ")"};
+    bool const report = what == "expiring" || what == "verify";
+    throw Stop{report ? kExitNoReport : kExitUsage, (what.empty() ? "" : what + ": ") + text + " (see " + see + ")"};
 }
 
 }  // namespace qortool
