@@ -8,8 +8,8 @@ set -uo pipefail
 
 [ $# -eq 1 ] || { echo "usage: migrate_test.sh TOOL" >&2; exit 2; }
 . "$(dirname "${BASH_SOURCE[0]}")/harness.sh"
-d389=$tmp/d389 back=$tmp/back
-trap '"$directory" stop --dir "$d389" >/dev/null 2>&1; "$directory" stop --dir "$back" >/dev/null 2>&1; "$directory" stop --dir "$tmp/dir" >/dev/null 2>&1; rm -rf "$tmp"' EXIT
+d389=$tmp/d389 back=$tmp/back third=$tmp/third
+trap 'for d in "$d389" "$back" "$third" "$tmp/dir"; do "$directory" stop --dir "$d" >/dev/null 2>&1; done; rm -rf "$tmp"' EXIT
 
 start_directory --nosync
 "$directory" populate --dir "$tmp/dir" --users 20 --units 3 --keys >"$tmp/populate.log" 2>&1 ||
@@ -85,6 +85,7 @@ keys_of() {  # URI ADMIN PASSWORD
 # The reader and its read above are not part of what is carried over.
 group "export: OpenLDAP"
 conf=$slapd_conf
+run export o=root -o reader.ldif  # with the reader, which the key service may not add
 ldapdelete -x -H "$slapd_uri" -D "$slapd_admin" -w "$slapd_pw" cn=reader,o=root >/dev/null 2>&1
 run export o=root -o tree.ldif
 expect_ok "the key subtree with its manifest" "exported 25 entries below o=root to tree.ldif (80 key values in tree.ldif.manifest)"
@@ -136,6 +137,23 @@ if [ -r "$d389/env" ]; then
     conf=$slapd_conf
 else
     fail "no 389 directory to import into" ""
+fi
+
+group "import: a failure half-way, and the same import again"
+if "$directory" start --dir "$third" --nosync >"$tmp/startthird.log" 2>&1; then
+    conf=$third/conf
+    t() { sed -n "s/^$1=//p" "$third/env" | tr -d "'"; }
+    no "an entry the target refuses stops the import, naming what stays" 1 \
+        "50 writing cn=reader,o=root: insufficient access (50): no write access to entry; import stopped after 0 levels, 3 entries added and 0 updated, which stay; run the same import again" import reader.ldif
+    check "  what was written before it stays" eval '[ -n "$(ldapsearch -x -LLL -H "$(t LDAP_URI)" -D "$(t LDAP_BINDDN)" -w "$(t LDAP_BINDPW)" -b ou=unit2,o=root -s base dn 2>/dev/null)" ]'
+    check "  no key went in" eval '[ -z "$(keys_of "$(t LDAP_URI)" "$(t LDAP_BINDDN)" "$(t LDAP_BINDPW)")" ]'
+    printf 'dn: cn=reader,o=root\nobjectClass: inetOrgPerson\ncn: reader\nsn: r\n' |
+        ldapadd -x -H "$(t LDAP_URI)" -D "$(t LDAP_BINDDN)" -w "$(t LDAP_BINDPW)" >/dev/null 2>&1
+    run import reader.ldif
+    expect_ok "the cause put right, the same import goes on from there" "20 entries added, 0 updated, 6 already there"
+    conf=$slapd_conf
+else
+    fail "a third slapd did not start" "$(tail -n 5 "$tmp/startthird.log")"
 fi
 
 group "import: exports that are not whole"
