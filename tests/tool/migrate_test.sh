@@ -27,6 +27,7 @@ add_reader() {  # URI ADMIN PASSWORD
 # service reads it through the tool: one of them is flagged.
 read_keys() {  # URI
     ldapsearch -x -H "$1" -D cn=reader,o=root -w reader-pw -b "$user" -s base 'signPrikey;binary' >/dev/null 2>&1
+    ldapsearch -x -H "$1" -D cn=reader,o=root -w reader-pw -b o=root '(cn=user3)' 'cryptPrikey;binary' >/dev/null 2>&1
     run get-key "$user" -o key.der
 }
 # The audit of the user's entry: the reader's read flagged, the key service's not.
@@ -37,6 +38,7 @@ audit_rows() {  # NAME, then audit's options
     expect_ok "$name: the reader's private-key read is listed" "by cn=reader,o=root"
     check "$name: and flagged" eval 'grep "by cn=reader,o=root" "$tmp/out" | grep -qi "signPrikey;binary.*FLAGGED"'
     check "$name: the key service's read is listed, not flagged" eval 'grep "by cn=qorldap,ou=services,o=root" "$tmp/out" | grep -qi signPrikey && ! grep "by cn=qorldap,ou=services,o=root" "$tmp/out" | grep -q FLAGGED'
+    check "$name: a subtree search above the entry reaches it, and is flagged" eval 'grep -i "read (sub) o=root  cryptPrikey;binary  by cn=reader,o=root" "$tmp/out" | grep -q FLAGGED'
     run audit --entry "$user" --json "$@"
     check "$name: --json marks the reader's read flagged" eval 'grep "\"by\": \"cn=reader,o=root\"" "$tmp/out" | grep -q "\"flagged\": true"'
     sleep 2
