@@ -7,7 +7,7 @@
 # 1. configures a Release build in build-bench/ with -DQORLDAP_BUILD_BENCH=ON and builds
 #    qorldap_bench (public API vs raw libldap) and qorldap_bench_engine (GetFullDN);
 # 2. starts a slapd of our own on 127.0.0.1 in a fresh temporary folder with dbnosync
-#    (scripts/directory start --nosync), stopped and removed on exit whatever happens;
+#    (scripts/directory start --nosync --no-audit), stopped and removed on exit whatever happens;
 # 3. runs both programs (JSON into the temporary folder; the benchmarks add the entries they
 #    need through the library's own InsertLdap), then the memory run (100,000 key reads and
 #    100,000 key writes in one process);
@@ -47,7 +47,7 @@ trap 'exit 130' INT
 trap 'exit 143' TERM
 
 step "starting a throwaway directory (dbnosync)"
-scripts/directory start --dir "$work" --nosync
+scripts/directory start --dir "$work" --nosync --no-audit
 set -a
 # shellcheck disable=SC1091
 . "$work/env"
