@@ -82,14 +82,32 @@ Pool::Lease Pool::Take(Use use) {
         !(options.readAfterWrite > 0 &&
           Clock::now() - lastWrite < std::chrono::seconds(options.readAfterWrite));
     if (readHere) {
-        Lease lease = TakeFrom(kReaders, false);
-        if (lease.Engine() == nullptr || lease.Engine()->ConnectLdap() == QORLDAP_OK) {
-            return lease;
-        }
-        // No read host answers (all in quarantine, or each refused just now): the providers
-        // take the read.
+        return ReadLease(TakeFrom(kReaders, false));
     }
     return TakeFrom(kProviders, write);
+}
+
+Pool::Lease Pool::ReadLease(Lease lease) {
+    if (lease.Engine() == nullptr || lease.Engine()->ConnectLdap() == QORLDAP_OK) {
+        return lease;
+    }
+    // No read host answers (all in quarantine, or each refused just now): the providers take
+    // the read.
+    lease = Lease();
+    return TakeFrom(kProviders, false);
+}
+
+bool Pool::Again(Lease& lease) {
+    // The engine is this lease's alone: a lost mark on it is the failed call's own.
+    if (lease.wrote_ || lease.Engine() == nullptr || !lease.Engine()->NeedsReconnect()) {
+        return false;
+    }
+    if (lease.shelf_ == kReaders) {
+        // Connecting drops the lost handle, which puts its host in quarantine, and dials the
+        // least busy read host left.
+        lease = ReadLease(std::move(lease));
+    }
+    return true;
 }
 
 Pool::Lease Pool::TakeFrom(std::size_t index, bool write) {

@@ -8,7 +8,7 @@
 // Promises: a Lease is one engine for one thread until the lease goes; every member may be
 // called from any thread. Reads go to a read host when one answers, else to the providers;
 // writes, and a thread's reads for read_after_write seconds after its write, go to the
-// providers.
+// providers. A read whose connection was lost under it is run once more on a fresh one (Run).
 // Needs: the pool keys (engine/PoolOptions.h), read from soap.ini when the pool is built.
 #ifndef QORLDAP_ENGINE_POOL_H
 #define QORLDAP_ENGINE_POOL_H
@@ -21,6 +21,7 @@
 
 #include "engine/HostSet.h"
 #include "engine/ServerSettings.h"
+#include "qorldap/result_codes.h"
 
 class CLdapOp;
 
@@ -64,6 +65,30 @@ class Pool {
     // read_after_write in force for this thread) is taken from the providers unconnected, as a
     // write lease is: the caller connects it, as it connects the one shared engine.
     Lease Take(Use use);
+    // call(engine) (a QORLDAP code; it connects the engine first) on an engine taken for use.
+    // A read whose call failed because the connection was lost under it (the server gone, the
+    // link cut or timed out) is called once more on a fresh connection: its host goes into
+    // quarantine, and the read to another read host or to the providers. One failed call per
+    // pooled connection is what a replica or provider that dies would cost otherwise. A write
+    // is never sent twice: an add or a modification that may have been applied before the
+    // link went is not idempotent, so it fails as it did, and the next call redials.
+    template <typename Call>
+    int Run(Use use, Call call) {
+        Lease lease = Take(use);
+        if (lease.Engine() == nullptr) {
+            return QORLDAP_E_FAILED;
+        }
+        int const rc = call(*lease.Engine());
+        if (rc == QORLDAP_OK || !Again(lease)) {
+            return rc;
+        }
+        return lease.Engine() != nullptr ? call(*lease.Engine()) : QORLDAP_E_FAILED;
+    }
+    // For a lease whose call failed: true when it is a read and its connection was lost, with
+    // the lease made ready for the one more try (the read host's engine redialled elsewhere or
+    // given back for a provider's; a provider's engine redials when the call connects it).
+    // false, the lease untouched, otherwise.
+    bool Again(Lease& lease);
     // The record of the settings, as GetLdapAtt and SetLdapAtt of the free functions see it.
     // The pool's host sets are those of the record when the pool was built: a host set later
     // is shown but not dialled (as with the one engine, whose host counts until it connects).
@@ -86,6 +111,9 @@ class Pool {
     static constexpr std::size_t kReaders = 1;
 
     Lease TakeFrom(std::size_t shelf, bool write);
+    // A read host's lease connected, or when that fails (no read host answers) given back for
+    // one of the providers'.
+    Lease ReadLease(Lease lease);
     void GiveBack(std::size_t shelf, CLdapOp* engine);
 
     ServerSettings settings_;

@@ -37,19 +37,17 @@ int QorLdapReadEntry(char const* dn, QorLdapEntry** entry) {
         return QORLDAP_E_FAILED;
     }
     *entry = nullptr;
-    qor::FreeLease lease(Pool::Use::kRead);
-    if (lease.Engine() == nullptr) {
-        return QORLDAP_E_FAILED;
-    }
-    CLdapOp& engine = *lease.Engine();
     std::unique_ptr<EntryData> rest(new EntryData());
-    int const rc = qor::ConnectThenRun(
-        engine, [&] { return engine.ConnectLdap(); }, qor::Recheck::kYes,
-        [&] { return engine.ReadEntry(qor::DirectoryDn(engine, dn).Get(), rest->data); });
+    int const rc = qor::FreeCall(Pool::Use::kRead, [&](CLdapOp& engine) {
+        int const read = engine.ReadEntry(qor::DirectoryDn(engine, dn).Get(), rest->data);
+        if (read == QORLDAP_OK) {
+            qor::ToCaller(engine, rest->data.dn);
+        }
+        return read;
+    });
     if (rc != QORLDAP_OK) {
         return rc;
     }
-    qor::ToCaller(engine, rest->data.dn);
     for (auto const& [name, values] : rest->data.attributes) {
         std::vector<QorLdapValue> list;
         for (std::string const& value : values) {

@@ -4,6 +4,7 @@
 #define QORLDAP_INTERFACE_FREEENGINE_H
 
 #include "engine/Pool.h"
+#include "interface/ConnectThenRun.h"
 
 class CLdapOp;
 
@@ -30,6 +31,23 @@ class FreeLease {
     Pool::Lease lease_;
     CLdapOp* engine_ = nullptr;
 };
+
+// The operations of the free functions run through this: on the shared engine, or on an
+// engine of the pool's, connected first and looked at again under the guard that a connection
+// is left. operation(engine) gives the operation's code. In the pool a read whose connection
+// was lost is run once more on a fresh one (Pool::Run).
+template <typename Operation>
+int FreeCall(Pool::Use use, Operation operation) {
+    auto call = [&](CLdapOp& engine) {
+        return ConnectThenRun(
+            engine, [&engine] { return engine.ConnectLdap(); }, Recheck::kYes,
+            [&] { return operation(engine); });
+    };
+    if (Pool* pool = FreePool()) {
+        return pool->Run(use, call);
+    }
+    return call(FreeEngine());
+}
 
 }  // namespace qor
 

@@ -11,7 +11,6 @@
 #include "engine/LdapOp.h"
 #include "engine/Outcome.h"
 #include "interface/CallerDn.h"
-#include "interface/ConnectThenRun.h"
 #include "interface/FreeEngine.h"
 
 namespace {
@@ -93,52 +92,38 @@ void SetLdapAtt(LdapInfo info) {
     qor::FreeEngine().SetLdapAtt(info);
 }
 
-// Every operation runs on the engine of its lease: connects first, and looks again under the
-// guard that a connection is left. operation(engine) gives the operation's code.
-template <typename Operation>
-int Connected(Use use, Operation operation) {
-    qor::FreeLease lease(use);
-    CLdapOp* engine = lease.Engine();
-    if (engine == nullptr) {
-        return QORLDAP_E_FAILED;
-    }
-    return qor::ConnectThenRun(
-        *engine, [engine] { return engine->ConnectLdap(); }, qor::Recheck::kYes,
-        [&] { return operation(*engine); });
-}
-
 int GetSignPrivateKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return Connected(Use::kRead, [&](CLdapOp& engine) {
+    return qor::FreeCall(Use::kRead, [&](CLdapOp& engine) {
         return engine.GetSignPrivateKey(qor::DirectoryDn(engine, name).Get(), key, length);
     });
 }
 
 int GetSignPublicKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return Connected(Use::kRead, [&](CLdapOp& engine) {
+    return qor::FreeCall(Use::kRead, [&](CLdapOp& engine) {
         return engine.GetSignPublicKey(qor::DirectoryDn(engine, name).Get(), key, length);
     });
 }
 
 int GetCryptPrivateKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return Connected(Use::kRead, [&](CLdapOp& engine) {
+    return qor::FreeCall(Use::kRead, [&](CLdapOp& engine) {
         return engine.GetCryptPrivateKey(qor::DirectoryDn(engine, name).Get(), key, length);
     });
 }
 
 int GetCryptPublicKey(char const* name, unsigned char*& key, unsigned int& length) {
-    return Connected(Use::kRead, [&](CLdapOp& engine) {
+    return qor::FreeCall(Use::kRead, [&](CLdapOp& engine) {
         return engine.GetCryptPublicKey(qor::DirectoryDn(engine, name).Get(), key, length);
     });
 }
 
 int DeleteSignPrivateKey(char const* dn) {
-    return Connected(Use::kWrite, [&](CLdapOp& engine) {
+    return qor::FreeCall(Use::kWrite, [&](CLdapOp& engine) {
         return engine.DeleteSignPrivateKey(qor::DirectoryDn(engine, dn).Get());
     });
 }
 
 int DeleteCryptPrivateKey(char const* dn) {
-    return Connected(Use::kWrite, [&](CLdapOp& engine) {
+    return qor::FreeCall(Use::kWrite, [&](CLdapOp& engine) {
         return engine.DeleteCryptPrivateKey(qor::DirectoryDn(engine, dn).Get());
     });
 }
@@ -146,7 +131,7 @@ int DeleteCryptPrivateKey(char const* dn) {
 // A password change reads the keys and writes them back, and a publication reads the path it
 // then extends: both run on a provider, so that they never read what a replica has not had yet.
 int ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw) {
-    return Connected(Use::kWrite, [&](CLdapOp& engine) {
+    return qor::FreeCall(Use::kWrite, [&](CLdapOp& engine) {
         int const rc = engine.ModifyPriKeyPsw(qor::DirectoryDn(engine, name).Get(), oldPsw, newPsw);
         qor::ToCaller(engine, qor::Outcome::OfThread().dn);
         return rc;
@@ -155,7 +140,7 @@ int ModifyPriKeyPsw(char const* name, char const* oldPsw, char const* newPsw) {
 
 int PublishP12(char const* pfx, unsigned long pfxLength, char const* pfxPsw, char const* keyPsw,
                bool sign, bool publicOnly) {
-    return Connected(Use::kWrite, [&](CLdapOp& engine) {
+    return qor::FreeCall(Use::kWrite, [&](CLdapOp& engine) {
         int const rc = engine.PublishP12(pfx, pfxLength, pfxPsw, keyPsw, sign, publicOnly);
         qor::ToCaller(engine, qor::Outcome::OfThread().dn);
         return rc;

@@ -114,6 +114,68 @@ TEST_F(PoolCalls, WhereEachConnectionGoes) {
     }
 }
 
+// Pool::Run, called as the free functions call it (connect, then the operation): a read whose
+// connection drops under it is sent once more, on a connection to the other read host, the one
+// it was on passed over; when no read host is left it goes to a provider. A write on a lost
+// connection is not sent again: it fails, and the next call redials.
+TEST_F(PoolCalls, ALostReadIsSentOnceMoreAndAWriteIsNot) {
+    std::vector<Entry> const base = {{"o=root", {{"o", {"root"}}, {"objectClass", {"org"}}}}};
+    std::string const unbind = "ldap_unbind_ext_s ctrls=null,null\n";
+    std::string const read =
+        "ldap_search_ext_s base=cn=u,o=root scope=0 filter=(signPubcer;binary=*) attrs=null "
+        "attrsonly=0 ctrls=null,null timeout=null sizelimit=0\n";
+    std::string const found =
+        "ldap_first_attribute -> o\nldap_get_values_len attr=o -> 1\nldap_value_free_len\n"
+        "ldap_memfree\nldap_next_attribute -> objectClass\nldap_get_values_len "
+        "attr=objectClass -> 1\nldap_value_free_len\nldap_memfree\nldap_next_attribute -> "
+        "null\nber_free ptr freebuf=0\nldap_msgfree\n";
+    std::string const removal =
+        "ldap_modify_s dn=cn=u,o=root mods=[op=0x82 type=signPrikey;binary vals=]\n";
+    // The dial's base check goes through, the key search is lost.
+    Fails const lostRead = {{"ldap_search_ext_s", 0}, {"ldap_search_ext_s", -1}};
+    struct Case {
+        char const* keys;
+        Use use;
+        Fails fails;
+        std::string transcript;
+    } const cases[] = {
+        {"pool_size=1\nread_host=r1 r2\n", Use::kRead, lostRead,
+         Dial("r1") + read + unbind + Dial("r2") + read + found},
+        {"pool_size=1\nread_host=r1\n", Use::kRead, lostRead,
+         Dial("r1") + read + unbind + Dial("127.0.0.1") + read + found},
+        // Without read hosts the read is on a provider's connection, redialled by the call.
+        {"pool_size=1\n", Use::kRead, lostRead,
+         Dial("127.0.0.1") + read + unbind + Dial("127.0.0.1") + read + found},
+        {"pool_size=1\nread_host=r1 r2\n",
+         Use::kWrite,
+         {{"ldap_modify_s", -1}},
+         Dial("127.0.0.1") + removal},
+    };
+    dir_.Write("ldap.ini", "[base]\nsum=1\nA0=qorPerson\n[qorPerson]\nsum=1\nA0=cn,s,2\n");
+    for (Case const& c : cases) {
+        Fake().Reset(base, c.fails);
+        Soap(c.keys);
+        Pool pool;
+        int calls = 0;
+        int const rc = pool.Run(c.use, [&](CLdapOp& engine) {
+            ++calls;
+            if (engine.ConnectLdap() != QORLDAP_OK)
+                return QORLDAP_E_FAILED;
+            if (c.use == Use::kWrite)
+                return engine.DeleteSignPrivateKey("cn=u,o=root");
+            unsigned char* key = nullptr;
+            unsigned int length = 0;
+            int const code = engine.GetSignPublicKey("cn=u,o=root", key, length);
+            engine.FreeKey(key);
+            return code;
+        });
+        EXPECT_EQ(c.transcript, Fake().log) << c.keys;
+        EXPECT_EQ(c.use == Use::kRead ? 2 : 1, calls) << c.keys;
+        // The read comes back with the other host's answer; the write with the loss.
+        EXPECT_EQ(c.use == Use::kRead ? QORLDAP_OK : LDAP_SERVER_DOWN, rc) << c.keys;
+    }
+}
+
 // A full pool: without a timeout a call waits until an engine comes back, and gets that one
 // (nothing dialled again); with one it gives up after it.
 TEST_F(PoolCalls, FullPoolWaits) {
