@@ -52,7 +52,7 @@ _qorldap() {
         verify) options="--json --key-password-from" ;;
         audit) options="--since --entry --json --log --logdb" ;;
         export) options="--output" ;;
-        import) options="--replace --check" ;;
+        import) options="--replace --any-entry --check" ;;
         help) COMPREPLY=($(compgen -W "$commands" -- "$cur")); return ;;
     esac
     if [[ $cur == -* ]]; then

@@ -28,6 +28,10 @@ add_reader() {  # URI ADMIN PASSWORD
 read_keys() {  # URI
     ldapsearch -x -H "$1" -D cn=reader,o=root -w reader-pw -b "$user" -s base 'signPrikey;binary' >/dev/null 2>&1
     ldapsearch -x -H "$1" -D cn=reader,o=root -w reader-pw -b o=root '(cn=user3)' 'cryptPrikey;binary' >/dev/null 2>&1
+    # Keys asked for by OID, and probed by a filter alone (key attributes have no equality
+    # rule: slapd refuses a compare of one before it is logged).
+    ldapsearch -x -H "$1" -D cn=reader,o=root -w reader-pw -b "$user" -s base 1.3.6.1.4.1.32473.1.1.4 >/dev/null 2>&1
+    ldapsearch -x -H "$1" -D cn=reader,o=root -w reader-pw -b "$user" -s base '(userPsw=*)' 1.1 >/dev/null 2>&1
     run get-key "$user" -o key.der
 }
 # The audit of the user's entry: the reader's read flagged, the key service's not.
@@ -39,6 +43,10 @@ audit_rows() {  # NAME, then audit's options
     check "$name: and flagged" eval 'grep "by cn=reader,o=root" "$tmp/out" | grep -qi "signPrikey;binary.*FLAGGED"'
     check "$name: the key service's read is listed, not flagged" eval 'grep "by cn=qorldap,ou=services,o=root" "$tmp/out" | grep -qi signPrikey && ! grep "by cn=qorldap,ou=services,o=root" "$tmp/out" | grep -q FLAGGED'
     check "$name: a subtree search above the entry reaches it, and is flagged" eval 'grep -i "read (sub) o=root  cryptPrikey;binary  by cn=reader,o=root" "$tmp/out" | grep -q FLAGGED'
+    local probe
+    for probe in "read     $user  cryptPrikey  by" "read     $user  userPsw  by"; do
+        check "$name: flagged: ${probe%  by}" eval 'grep -F "$probe cn=reader,o=root" "$tmp/out" | grep -q FLAGGED'
+    done
     run audit --entry "$user" --json "$@"
     check "$name: --json marks the reader's read flagged" eval 'grep "\"by\": \"cn=reader,o=root\"" "$tmp/out" | grep -q "\"flagged\": true"'
     sleep 2
@@ -98,6 +106,12 @@ check "byte for byte what ldapsearch -LLL writes" same_file tree.ldif ldapsearch
 check "readable by its owner only, both" test "$(stat -c %a tree.ldif tree.ldif.manifest | sort -u)" = 600
 no "a BASE that does not exist: one line" 1 "no such entry: ou=nowhere,o=root; nothing written" export ou=nowhere,o=root -o nowhere.ldif
 check "  and no file left" test ! -e nowhere.ldif -a ! -e nowhere.ldif.partial -a ! -e nowhere.ldif.manifest
+# In a folder others may write to, links planted at the names export writes under.
+printf 'precious\n' >victim
+ln -s victim planted.ldif.partial && ln -s victim planted.ldif.manifest.partial
+run export o=root -o planted.ldif
+expect_ok "links planted at the .partial names are replaced, not followed" "exported 25 entries"
+check "  the file they named is untouched, the export a file of its own" eval '[ "$(cat victim)" = precious ] && [ ! -L planted.ldif ] && [ ! -L planted.ldif.manifest ] && [ "$(stat -c %a planted.ldif)" = 600 ]'
 keys_of "$slapd_uri" "$slapd_admin" "$slapd_pw" >keys.slapd
 run export cn=user5,ou=unit2,o=root -o one.ldif
 expect_ok "one entry" "exported 1 entries below cn=user5,ou=unit2,o=root to one.ldif (4 key values"
@@ -145,18 +159,53 @@ group "import: a failure half-way, and the same import again"
 if "$directory" start --dir "$third" --nosync >"$tmp/startthird.log" 2>&1; then
     conf=$third/conf
     t() { sed -n "s/^$1=//p" "$third/env" | tr -d "'"; }
-    no "an entry the target refuses stops the import, naming what stays" 1 \
-        "50 writing cn=reader,o=root: insufficient access (50): no write access to entry; import stopped after 0 levels, 3 entries added and 0 updated, which stay; run the same import again" import reader.ldif
+    no "an entry no export of keys holds is refused before anything is written" 1 \
+        "cn=reader,o=root has objectClass inetOrgPerson, which an export of keys does not hold; nothing written (--any-entry adds it as it is)" import reader.ldif
+    no "with --any-entry, the entry the target refuses stops the import, naming what stays" 1 \
+        "50 writing cn=reader,o=root: insufficient access (50): no write access to entry; import stopped after 0 levels, 3 entries added and 0 updated, which stay; run the same import again" import reader.ldif --any-entry
     check "  what was written before it stays" eval '[ -n "$(ldapsearch -x -LLL -H "$(t LDAP_URI)" -D "$(t LDAP_BINDDN)" -w "$(t LDAP_BINDPW)" -b ou=unit2,o=root -s base dn 2>/dev/null)" ]'
     check "  no key went in" eval '[ -z "$(keys_of "$(t LDAP_URI)" "$(t LDAP_BINDDN)" "$(t LDAP_BINDPW)")" ]'
     printf 'dn: cn=reader,o=root\nobjectClass: inetOrgPerson\ncn: reader\nsn: r\n' |
         ldapadd -x -H "$(t LDAP_URI)" -D "$(t LDAP_BINDDN)" -w "$(t LDAP_BINDPW)" >/dev/null 2>&1
-    run import reader.ldif
+    run import reader.ldif --any-entry
     expect_ok "the cause put right, the same import goes on from there" "20 entries added, 0 updated, 6 already there"
     conf=$slapd_conf
 else
     fail "a third slapd did not start" "$(tail -n 5 "$tmp/startthird.log")"
 fi
+
+group "import: an LDIF changed by hand, with a manifest to match, as the directory manager"
+# The manifest holds digests only: whoever may change the file may write a manifest for it.
+# Each row: what, the manifest's base, the entries, what import says (nothing is written).
+forge() {  # BASE NAME: stdin to NAME, and NAME.manifest as export writes it
+    cat >"$2"
+    { echo "# qorldap export manifest"; echo "base: $1"
+      echo "entries: $(grep -c '^dn:' "$2")"; echo "values: 0"
+      echo "ldif-sha256: $(sha256sum "$2" | cut -d' ' -f1)"; } >"$2.manifest"
+}
+cp -r "$slapd_conf" strong
+sed -i "s/^managerdn=.*/managerdn=$slapd_admin/; s/^psw=.*/psw=$slapd_pw/" strong/soap.ini
+conf=$tmp/strong
+while IFS='|' read -r name base ldif says; do
+    printf "$ldif\n" | forge "$base" forged.ldif
+    no "$name" 1 "$says" import forged.ldif
+    check "  $name: nothing written" eval '[ -z "$(ldapsearch -x -LLL -H "$slapd_uri" -D "$slapd_admin" -w "$slapd_pw" -b o=root "(|(cn=forged*)(ou=forged*))" dn </dev/null 2>/dev/null)" ]'
+done <<'ROWS'
+an entry outside the manifest's base|ou=unit0,o=root|dn: cn=forged,o=root\nobjectClass: qorPerson\ncn: forged\n|cn=forged,o=root is not below the manifest's base ou=unit0,o=root
+a name that climbs out with an escaped comma|o=root|dn: cn=forged\\,o=root\nobjectClass: qorPerson\ncn: forged\n|is no DN import writes: the value of "cn=forged\" holds "\"
+a name that brings a password in|o=root|dn: ou=forged+userPassword=pw,o=root\nobjectClass: organizationalUnit\nou: forged\n|holds "+" (0x2B)
+a root login|o=root|dn: cn=forged,o=root\nobjectClass: inetOrgPerson\nobjectClass: posixAccount\ncn: forged\nsn: f\nuid: forged\nuidNumber: 0\ngidNumber: 0\nhomeDirectory: /root\nuserPassword: pw\n|cn=forged,o=root has objectClass inetOrgPerson, which an export of keys does not hold; nothing written (--any-entry adds it as it is)
+a bind account|o=root|dn: cn=forged,o=root\nobjectClass: qorPerson\nobjectClass: simpleSecurityObject\ncn: forged\nuserPassword: pw\n|has objectClass simpleSecurityObject
+a password on a template class|o=root|dn: cn=forged,o=root\nobjectClass: qorPerson\ncn: forged\nuserPassword: pw\n|cn=forged,o=root holds userPassword, which
+a password by OID with an option|o=root|dn: cn=forged,o=root\nobjectClass: qorPerson\ncn: forged\n2.5.4.35;x-a: pw\n|holds 2.5.4.35;x-a
+a group with a member|o=root|dn: cn=forged,o=root\nobjectClass: groupOfNames\ncn: forged\nmember: cn=admin,o=root\n|has objectClass groupOfNames
+an alias|o=root|dn: cn=forged,o=root\nobjectClass: alias\nobjectClass: extensibleObject\ncn: forged\naliasedObjectName: cn=admin,o=root\n|has objectClass alias
+a change record|o=root|dn: cn=admin,o=root\nchangetype: modify\nreplace: description\ndescription: forged\n|line 2: a change record (changetype:) is no export
+a value read from a file|o=root|dn: cn=forged,o=root\nobjectClass: qorPerson\ncn: forged\ndescription:< file:///etc/passwd\n|line 4: the value of description is a URL (description:<), which import does not read
+a carriage return in a value|o=root|dn: cn=forged,o=root\nobjectClass: qorPerson\ncn: forged\ndescription: a\rb\n|line 4: the value of description holds a carriage return (0x0D)
+one entry twice|o=root|dn: cn=forged,o=root\nobjectClass: qorPerson\ncn: forged\n\ndn: CN=Forged, o=root\nobjectClass: qorPerson\ncn: forged\n|CN=Forged, o=root comes twice
+ROWS
+conf=$slapd_conf
 
 group "import: exports that are not whole"
 head -c 5000 tree.ldif >cut.ldif && cp tree.ldif.manifest cut.ldif.manifest
@@ -172,7 +221,7 @@ PY
 no "a key that does not match the manifest" 1 "signPrikey;binary of cn=user0,ou=unit0,o=root does not match changed.ldif.manifest; nothing written" import changed.ldif
 cp tree.ldif nomanifest.ldif
 no "no manifest" 1 "cannot read nomanifest.ldif.manifest" import nomanifest.ldif
-no "--replace with --check" 2 "exclude each other" import tree.ldif --replace --check
+no "--replace with --check" 2 "exclude --check" import tree.ldif --replace --check
 
 echo
 echo "$passed passed, $failed failed"

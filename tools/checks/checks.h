@@ -31,6 +31,8 @@ std::string ControlIn(std::string const& value);
 std::string CharacterName(char c);
 // text with its control characters written as \xNN, to go into a one-line message.
 std::string Printable(std::string const& text);
+// A descriptor (a letter, then letters, digits and hyphens) or a numeric OID.
+bool IsAttributeType(std::string const& type);
 // The parts between commas, as given.
 std::vector<std::string> DnParts(std::string const& dn);
 // dn folded for comparison: blanks around the parts dropped, ASCII letters in lower case.

@@ -8,8 +8,6 @@
 
 namespace qortool {
 
-namespace {
-
 bool IsAttributeType(std::string const& type) {
     if (type.empty())
         return false;
@@ -22,8 +20,6 @@ bool IsAttributeType(std::string const& type) {
     }
     return oid || std::isalpha(static_cast<unsigned char>(type[0]));
 }
-
-}  // namespace
 
 std::string CharacterName(char c) {
     unsigned char const byte = static_cast<unsigned char>(c);

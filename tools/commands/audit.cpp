@@ -48,6 +48,24 @@ std::string BaseName(std::string const& name) {
     return Lower(name.substr(0, name.find(';')));
 }
 
+// The key attribute name stands for, with its options: by name, or by the OID of
+// schema/qorldap.schema ("1.3.6.1.4.1.32473.1.1.1;binary", also written "OID.1.3..."), which a
+// client may ask for in its place and gets the same values; empty when it is none.
+std::string KeyName(std::string const& name) {
+    static char const* const kByArc[] = {"signPrikey",  "signPubcer",  "signPubkey", "cryptPrikey",
+                                         "cryptPubcer", "cryptPubkey", "userPsw"};
+    static std::string const kArc = "1.3.6.1.4.1.32473.1.1.";
+    size_t const semi = name.find(';');
+    std::string type = name.substr(0, semi);
+    if (strncasecmp(type.c_str(), "oid.", 4) == 0)
+        type.erase(0, 4);
+    if (type.size() == kArc.size() + 1 && type.compare(0, kArc.size(), kArc) == 0 &&
+        type.back() >= '1' && type.back() <= '7') {
+        return kByArc[type.back() - '1'] + (semi == std::string::npos ? "" : name.substr(semi));
+    }
+    return KeyAttribute(name) ? name : "";
+}
+
 // What only the key service may read or write (README, "Security model").
 bool PrivateAttribute(std::string const& name) {
     std::string const base = BaseName(name);
@@ -58,32 +76,37 @@ bool PrivateAttribute(std::string const& name) {
 std::vector<std::string> KeysTested(std::string const& filter) {
     std::vector<std::string> keys;
     for (size_t at = filter.find('('); at != std::string::npos; at = filter.find('(', at + 1)) {
-        size_t const end = filter.find_first_of("=~<>:()", at + 1);
+        size_t const start = std::min(filter.find_first_not_of(' ', at + 1), filter.size());
+        size_t const end = filter.find_first_of("=~<>:() ", start);
         std::string const name =
-            filter.substr(at + 1, end == std::string::npos ? end : end - at - 1);
-        if (KeyAttribute(name) && std::find(keys.begin(), keys.end(), name) == keys.end())
+            KeyName(filter.substr(start, end == std::string::npos ? end : end - start));
+        if (!name.empty() && std::find(keys.begin(), keys.end(), name) == keys.end())
             keys.push_back(name);
     }
     return keys;
 }
 
-// The key attributes a search read: those it asked for by name and, when it asked for every
-// user attribute (no list, or "*" in it: "*" stands first then), those its filter tests, which
-// is how the library reads a key.
+// The key attributes a search read: those it asked for by name or OID, and those its filter
+// tests (a filter alone, "(signPrikey;binary=0*)" asking for no attribute, probes a key's
+// bytes). When it asked for every user attribute (no list, or "*" in it) "*" stands first:
+// that is how the library reads a key.
 std::vector<std::string> KeysAsked(std::vector<std::string> const& asked,
                                    std::string const& filter) {
     std::vector<std::string> keys;
     bool all = asked.empty();
     for (std::string const& a : asked) {
+        std::string const name = KeyName(a);
         if (a == "*")
             all = true;
-        else if (KeyAttribute(a))
-            keys.push_back(a);
+        else if (!name.empty() && std::find(keys.begin(), keys.end(), name) == keys.end())
+            keys.push_back(name);
     }
-    if (all) {
-        keys = KeysTested(filter);
+    for (std::string const& name : KeysTested(filter)) {
+        if (std::find(keys.begin(), keys.end(), name) == keys.end())
+            keys.push_back(name);
+    }
+    if (all)
         keys.insert(keys.begin(), "*");
-    }
     return keys;
 }
 
@@ -193,14 +216,14 @@ int VisitLogEntry(QorLdapEntry const* entry, void* context) {
         a.attributes = KeysAsked(All(entry, "reqAttr"), First(entry, "reqFilter"));
     } else if (type == "compare") {
         a.operation = "compare";
-        std::string const name = NameBefore(First(entry, "reqAssertion"), '=');
-        if (KeyAttribute(name))
+        std::string const name = KeyName(NameBefore(First(entry, "reqAssertion"), '='));
+        if (!name.empty())
             a.attributes.push_back(name);
     } else if (type == "add" || type == "modify") {
         a.operation = type;
         for (std::string const& mod : All(entry, "reqMod")) {
-            std::string const name = NameBefore(mod, ':');
-            if (KeyAttribute(name) &&
+            std::string const name = KeyName(NameBefore(mod, ':'));
+            if (!name.empty() &&
                 std::find(a.attributes.begin(), a.attributes.end(), name) == a.attributes.end())
                 a.attributes.push_back(name);
         }
@@ -362,8 +385,8 @@ void FromAccess389(std::string const& text, std::vector<Access>& out) {
             } else if (line.find(" CMP dn=") != std::string::npos) {
                 a.operation = "compare";
                 a.entry = Field389(line, "dn");
-                std::string const name = Field389(line, "attr");
-                if (KeyAttribute(name))
+                std::string const name = KeyName(Field389(line, "attr"));
+                if (!name.empty())
                     a.attributes.push_back(name);
             } else {
                 a.operation = "delete";
@@ -439,12 +462,12 @@ void FromAudit389(std::string const& text, std::vector<Access>& out) {
             modifier = value;
         } else if (changes && change == "modify" &&
                    (lower == "add" || lower == "replace" || lower == "delete")) {
-            if (KeyAttribute(value))
-                a.attributes.push_back(value);
-        } else if (changes && change == "add" && KeyAttribute(name) &&
-                   std::find(a.attributes.begin(), a.attributes.end(), name) ==
+            if (!KeyName(value).empty())
+                a.attributes.push_back(KeyName(value));
+        } else if (changes && change == "add" && !KeyName(name).empty() &&
+                   std::find(a.attributes.begin(), a.attributes.end(), KeyName(name)) ==
                        a.attributes.end()) {
-            a.attributes.push_back(name);
+            a.attributes.push_back(KeyName(name));
         }
     }
 }

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -88,9 +89,13 @@ int VisitExported(QorLdapEntry const* entry, void* context) {
     return out.failed ? 1 : 0;
 }
 
-// A new file, readable by its owner only (the export holds the encrypted private keys).
+// A new file, readable by its owner only (the export holds the encrypted private keys). What
+// stands at path (a .partial an earlier export left) is removed and the file made anew, never
+// opened: in a folder others may write to, a symbolic link planted there would have the keys
+// written into a file of another user's choosing, or over one of the caller's own.
 std::FILE* CreatePrivate(std::string const& what, std::string const& path) {
-    int const fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    ::unlink(path.c_str());
+    int const fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     std::FILE* file = fd < 0 ? nullptr : ::fdopen(fd, "w");
     if (file == nullptr) {
         if (fd >= 0)
@@ -219,6 +224,35 @@ Manifest ReadManifest(std::string const& what, std::string const& file) {
     return m;
 }
 
+// Why the line "name:rest" of an export is not read, or empty: an export names attributes by
+// type and options only, writes no change records, and gives values in the line or in base64,
+// never as a URL to read ("name:< file:///etc/shadow" would bring a local file into the
+// directory), nor with control characters in the line (a carriage return of a file edited
+// elsewhere would end up in the value).
+std::string UnreadableLine(std::string const& name, std::string const& rest) {
+    std::string const type = name.substr(0, name.find(';'));
+    bool options = true;
+    for (size_t at = name.find(';'); at != std::string::npos; at = name.find(';', at + 1)) {
+        std::string const option = name.substr(at + 1, name.find(';', at + 1) - at - 1);
+        options =
+            options && !option.empty() && std::all_of(option.begin(), option.end(), [](char c) {
+                return std::isalnum(static_cast<unsigned char>(c)) || c == '-';
+            });
+    }
+    if (!IsAttributeType(type) || !options)
+        return "\"" + Printable(name) + "\" is no attribute name";
+    if (strcasecmp(type.c_str(), "changetype") == 0)
+        return "a change record (changetype:) is no export";
+    if (!rest.empty() && rest[0] == '<')
+        return "the value of " + name + " is a URL (" + name + ":<), which import does not read";
+    size_t const control = rest.find_first_of(std::string("\r\0", 2));
+    if (control != std::string::npos && rest[0] != ':') {
+        return "the value of " + name + " holds " + CharacterName(rest[control]) +
+               " (an export writes such a value in base64)";
+    }
+    return "";
+}
+
 // The entries of an LDIF file as export writes it (and ldapsearch -LLL): "dn:" first, "name:
 // value", "name:: base64", "name:" for an empty value, folded lines starting with a blank,
 // a blank line after each entry, "#" comments.
@@ -267,6 +301,11 @@ std::vector<EntryView> ReadLdif(std::string const& what, std::string const& path
             bad("not \"name: value\"");
         }
         std::string const name = line.substr(0, colon);
+        std::string const why = UnreadableLine(name, line.substr(colon + 1));
+        if (!why.empty()) {
+            number = lineNumber;
+            bad(why);
+        }
         std::string value;
         if (colon + 1 < line.size() && line[colon + 1] == ':') {
             std::string const encoded = Trimmed(line.substr(colon + 2));
@@ -303,6 +342,49 @@ std::vector<EntryView> ReadLdif(std::string const& what, std::string const& path
     return entries;
 }
 
+// Why dn is no name import writes, or empty: the library takes a DN as type=value parts split
+// on every comma, with no escaping, so a value holding a comma, "+" or a backslash would name
+// another entry than the one checked here ("cn=x\\,o=root" is no entry below o=root).
+std::string UnwritableDn(std::string const& dn) {
+    for (std::string const& part : DnParts(dn)) {
+        std::string const rdn = Trimmed(part);
+        size_t const eq = rdn.find('=');
+        if (eq == std::string::npos || !IsAttributeType(rdn.substr(0, eq)))
+            return "\"" + Printable(rdn) + "\" is not type=value";
+        std::string const unsafe = UnsafeInValue(rdn.substr(eq + 1));
+        if (!unsafe.empty())
+            return "the value of \"" + Printable(rdn) + "\" " + unsafe;
+    }
+    return "";
+}
+
+// Every entry of the export is named as the library can write it, once, at or below the base
+// of its manifest: an LDIF changed by hand cannot reach beyond the subtree that was exported.
+void CheckNames(std::string const& what, std::string const& path, std::string const& base,
+                std::vector<EntryView> const& entries) {
+    std::string const baseWhy = UnwritableDn(base);
+    if (!baseWhy.empty())
+        Fail(what, ManifestPath(path) + ": its base " + Printable(base) +
+                       " is no DN import writes: " + baseWhy + "; nothing written");
+    std::string const below = "," + DnKey(base);
+    std::set<std::string> seen;
+    for (EntryView const& e : entries) {
+        std::string const why = UnwritableDn(e.dn);
+        std::string const key = DnKey(e.dn);
+        if (!why.empty())
+            Fail(what, path + ": " + Printable(e.dn) + " is no DN import writes: " + why +
+                           "; nothing written");
+        if (key != DnKey(base) &&
+            (key.size() <= below.size() ||
+             key.compare(key.size() - below.size(), below.size(), below) != 0)) {
+            Fail(what, path + ": " + e.dn + " is not below the manifest's base " + base +
+                           "; nothing written");
+        }
+        if (!seen.insert(key).second)
+            Fail(what, path + ": " + e.dn + " comes twice; nothing written");
+    }
+}
+
 // The export read back and checked against its manifest before anything is sent.
 std::vector<EntryView> ReadExport(std::string const& what, std::string const& path,
                                   Manifest& manifest) {
@@ -314,6 +396,7 @@ std::vector<EntryView> ReadExport(std::string const& what, std::string const& pa
                        std::to_string(manifest.entries) +
                        " (truncated or changed after export); nothing written");
     }
+    CheckNames(what, path, manifest.base, entries);
     std::multimap<std::string, std::string> found;
     for (EntryView const& e : entries) {
         for (ShownAttribute const& a : e.attributes) {
@@ -460,6 +543,46 @@ long CheckAgainst(std::string const& what, Manifest const& manifest, std::string
     return checked;
 }
 
+// Why import will not add e without --any-entry, or empty: an export of a key subtree holds the
+// entries publication makes, so only the templates' classes and attributes (those of the
+// shipped access rules and those of ldap.ini) and the key attributes are added. An LDIF
+// changed by hand, run as an identity stronger than the key service, would otherwise plant
+// a login account (posixAccount, userPassword, uidNumber), a group's members or an alias.
+struct Usual {
+    std::set<std::string> classes = {"top", "organization", "organizationalunit", "qorperson",
+                                     "qorkeyholder"};
+    std::set<std::string> attributes = {"objectclass", "ou",          "cn", "sn",
+                                        "mail",        "description", "o"};
+    Usual() {
+        for (auto const& [klass, naming] : Levels()) {
+            classes.insert(Lower(klass));
+            attributes.insert(Lower(naming));
+        }
+    }
+};
+
+std::string UnusualEntry(Usual const& usual, EntryView const& e) {
+    std::set<std::string> const& classes = usual.classes;
+    std::set<std::string> const& attributes = usual.attributes;
+    std::string const rdn = Trimmed(DnParts(e.dn).front());
+    if (attributes.count(Lower(rdn.substr(0, rdn.find('=')))) == 0)
+        return "is named by " + rdn.substr(0, rdn.find('='));
+    for (ShownAttribute const& a : e.attributes) {
+        std::string const type = Lower(a.name.substr(0, a.name.find(';')));
+        if (KeyAttribute(a.name))
+            continue;
+        if (attributes.count(type) == 0)
+            return "holds " + a.name;
+        if (type != "objectclass")
+            continue;
+        for (std::string const& v : a.values) {
+            if (classes.count(Lower(Trimmed(v))) == 0)
+                return "has objectClass " + Printable(v);
+        }
+    }
+    return "";
+}
+
 // The class of a level named by attribute, from ldap.ini's templates.
 std::string LevelClass(std::string const& attribute) {
     for (auto const& [klass, naming] : Levels()) {
@@ -471,8 +594,8 @@ std::string LevelClass(std::string const& attribute) {
 
 int RunImport(Args const& args) {
     std::string const path = args.positional[0];
-    if (args.Has("--replace") && args.Has("--check"))
-        Usage(args.command, "--replace and --check exclude each other");
+    if (args.Has("--check") && (args.Has("--replace") || args.Has("--any-entry")))
+        Usage(args.command, "--replace and --any-entry exclude --check");
     Manifest manifest;
     std::vector<EntryView> entries = ReadExport(args.command, path, manifest);
     // Parents before children, whatever order the directory sent them in.
@@ -510,6 +633,15 @@ int RunImport(Args const& args) {
             }
         }
         steps.push_back(same ? Step::kSame : Step::kKeys);
+    }
+    Usual const usual;
+    for (size_t i = 0; i < entries.size() && !args.Has("--any-entry"); ++i) {
+        std::string const why = steps[i] == Step::kAdd ? UnusualEntry(usual, entries[i]) : "";
+        if (!why.empty()) {
+            Fail(args.command, entries[i].dn + " " + why +
+                                   ", which an export of keys does not hold; nothing written "
+                                   "(--any-entry adds it as it is)");
+        }
     }
     if (!conflicts.empty() && !args.Has("--replace")) {
         Fail(args.command,
@@ -601,7 +733,7 @@ char const kExportHelp[] =
     "  -o, --output FILE  the LDIF file\n";
 
 char const kImportHelp[] =
-    "usage: qorldap import FILE [--replace | --check]\n"
+    "usage: qorldap import FILE [--replace] [--any-entry] | FILE --check\n"
     "\n"
     "Loads what qorldap export wrote into the directory of the settings in force (OpenLDAP\n"
     "or 389 Directory Server), as the library's identity. FILE is read whole and checked\n"
@@ -618,9 +750,18 @@ char const kImportHelp[] =
     "running the same import again goes on from there (entries already there with the\n"
     "same keys are skipped).\n"
     "\n"
-    "  --replace  write the exported keys over different ones\n"
-    "  --check    write nothing: only compare the directory's key values with the\n"
-    "             manifest\n";
+    "Every entry must be at or below the manifest's base, once, named without escapes.\n"
+    "An entry to add may hold only the templates' classes and attributes (top,\n"
+    "organization, organizationalUnit, qorPerson, qorKeyHolder; o, ou, cn, sn, mail,\n"
+    "description; those of ldap.ini) and the key attributes, as an export of a key\n"
+    "subtree does; any other (a posixAccount, a userPassword, a member) is refused before\n"
+    "anything is written, unless --any-entry. Values given as URLs (name:<) and change\n"
+    "records are refused.\n"
+    "\n"
+    "  --replace    write the exported keys over different ones\n"
+    "  --any-entry  add entries of every class and attribute the file holds\n"
+    "  --check      write nothing: only compare the directory's key values with the\n"
+    "               manifest\n";
 
 }  // namespace
 
@@ -632,9 +773,14 @@ Command ExportCommand() {
 }
 
 Command ImportCommand() {
-    return {"import",    "load an export into a directory and check it",
-            kImportHelp, {{"--replace", nullptr, false}, {"--check", nullptr, false}},
-            1,           1,
+    return {"import",
+            "load an export into a directory and check it",
+            kImportHelp,
+            {{"--replace", nullptr, false},
+             {"--any-entry", nullptr, false},
+             {"--check", nullptr, false}},
+            1,
+            1,
             RunImport};
 }
 
