@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# run_tsan.sh [BUILD_DIR]: builds stress_test and replication_test with ThreadSanitizer (default
-# build-tsan) and runs, each against a directory of its own (stopped however this ends) with
-# halt_on_error: stress_test on one slapd, then the free functions' pool under faults
+# run_tsan.sh [BUILD_DIR]: builds stress_test, pool_stress_test and replication_test with
+# ThreadSanitizer (default build-tsan) and runs, each against a directory of its own (stopped
+# however this ends) with halt_on_error: stress_test and pool_stress_test (16 threads through the
+# free functions' pool) on one slapd, then the free functions' pool under faults
 # (replication_test's ReplicationPool: 16 threads, two providers and two consumers, one of each
 # killed, a consumer stopped). Ends with "N passed, M failed". No suppression file: libldap is
 # dlopened, not instrumented, and our code must never need one. QORLDAP_STRESS_ROUNDS is passed
@@ -12,7 +13,7 @@ build=${1:-$root/build-tsan}
 dir=$build/stress-directory
 replicated=$build/replication-directory
 { cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Debug -DQORLDAP_TSAN=ON >/dev/null &&
-    cmake --build "$build" -j"$(nproc)" --target stress_test replication_test; } ||
+    cmake --build "$build" -j"$(nproc)" --target stress_test pool_stress_test replication_test; } ||
     { echo "0 passed, 1 failed"; exit 1; }
 trap '"$root/scripts/directory" stop --dir "$dir" >&2 || true
       "$root/scripts/directory" stop --dir "$replicated" >&2 || true' EXIT
@@ -29,6 +30,7 @@ run() {
         "$@" 2>&1 | tee "$build/$name.log" || status=${PIPESTATUS[0]}
 }
 run stress_test "$dir" "" "$build/tests/stress/stress_test"
+run pool_stress_test "$dir" "" "$build/tests/stress/pool_stress_test"
 # With a timeout (the replicated settings have 2 s) a connection's dial lock is taken with
 # std::timed_mutex::try_lock_for, which libstdc++ 12 implements with pthread_mutex_clocklock;
 # the ThreadSanitizer of GCC 12 and clang 14 does not intercept that call, misses the lock and
@@ -36,8 +38,9 @@ run stress_test "$dir" "" "$build/tests/stress/stress_test"
 # are still reported.
 run replication_pool "$replicated" ":report_mutex_bugs=0" \
     "$build/tests/replication/replication_test" --gtest_filter='ReplicationPool.*'
-reports=$(cat "$build/stress_test.log" "$build/replication_pool.log" | grep -c 'WARNING: ThreadSanitizer' || true)
-passed=$(cat "$build/stress_test.log" "$build/replication_pool.log" | grep -c '^\[       OK \]' || true)
+logs=("$build/stress_test.log" "$build/pool_stress_test.log" "$build/replication_pool.log")
+reports=$(cat "${logs[@]}" | grep -c 'WARNING: ThreadSanitizer' || true)
+passed=$(cat "${logs[@]}" | grep -c '^\[       OK \]' || true)
 [ "$status" = 0 ] && [ "$reports" = 0 ] || status=1
 echo "==> ThreadSanitizer reports: $reports"
 echo "$passed passed, $((status != 0)) failed"
