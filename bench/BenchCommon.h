@@ -67,6 +67,31 @@ bool AddEntry(Api& api, std::string const& dn, char const* objectClass, char con
     return true;
 }
 
+// The users the pool benchmarks read: ou=poolbench,base with cn=user0 up to cn=user<n-1>, each
+// with the same certificate of kPoolCertBytes bytes, added through api and kept when they are
+// there; their DNs in users.
+constexpr unsigned int kPoolCertBytes = 1229;
+template <typename Api>
+bool PoolUsers(Api& api, std::string const& base, int n, std::vector<std::string>& users) {
+    std::string const unit = "ou=poolbench," + base;
+    std::vector<unsigned char> cert(kPoolCertBytes);
+    for (unsigned int i = 0; i < kPoolCertBytes; ++i) {
+        cert[i] = static_cast<unsigned char>(i * 7 + 1);
+    }
+    cert[0] = 0x30;
+    if (!AddEntry(api, unit, "organizationalUnit", "ou", "poolbench")) {
+        return false;
+    }
+    for (int i = 0; i < n; ++i) {
+        std::string const name = "user" + std::to_string(i);
+        users.push_back("cn=" + name + "," + unit);
+        if (!AddEntry(api, users.back(), "qorPerson", "cn", name, cert.data(), kPoolCertBytes)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // CPU time this thread has used, in ns.
 inline double ThreadCpuNs() {
     timespec ts;

@@ -39,7 +39,7 @@
 namespace {
 
 constexpr int kMaxThreads = 8;
-constexpr unsigned int kCertBytes = 1229;
+constexpr unsigned int kCertBytes = qorbench::kPoolCertBytes;
 constexpr char kKeyAttribute[] = "signPubcer;binary";
 constexpr char kKeyFilter[] = "(signPubcer;binary=*)";
 
@@ -108,18 +108,11 @@ bool Setup() {
     }
     LdapInfo info;
     api.GetLdapAtt(info);
-    std::string const unit = std::string("ou=poolbench,") + info.basedn;
-    std::vector<unsigned char> cert(kCertBytes);
-    for (unsigned int i = 0; i < kCertBytes; ++i)
-        cert[i] = static_cast<unsigned char>(i * 7 + 1);
-    cert[0] = 0x30;
-    if (!qorbench::AddEntry(api, unit, "organizationalUnit", "ou", "poolbench"))
+    std::vector<std::string> users;
+    if (!qorbench::PoolUsers(api, info.basedn, kMaxThreads, users))
         return false;
     for (int i = 0; i < kMaxThreads; ++i) {
-        std::string const name = "user" + std::to_string(i);
-        g_userDn[i] = "cn=" + name + "," + unit;
-        if (!qorbench::AddEntry(api, g_userDn[i], "qorPerson", "cn", name, cert.data(), kCertBytes))
-            return false;
+        g_userDn[i] = users[static_cast<size_t>(i)];
         g_raw[i] = qorbench::RawConnect(info);
         if (g_raw[i] == nullptr) {
             std::fprintf(stderr, "bench: raw libldap cannot bind as %s\n", info.managerdn);
