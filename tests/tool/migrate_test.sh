@@ -73,6 +73,35 @@ if "$directory" start --server 389ds --dir "$d389" --nosync >"$tmp/start389.log"
         ldapadd -x -H "$(e LDAP_URI)" -D "$(e LDAP_BINDDN)" -w "$(e LDAP_BINDPW)" >/dev/null 2>&1
     read_keys "$(e LDAP_URI)"
     audit_rows "389" --log "$d389/ds/log"
+    # Reads that would hide from the audit: a quote in a filter value or in an attribute name
+    # that writes a false attrs= into the log line, and a search sent right behind a bind as
+    # the key service that fails (389 may run the searches first and log the bind's result
+    # after them: none of them is the key service's).
+    reader=(-x -H "$(e LDAP_URI)" -D cn=reader,o=root -w reader-pw)
+    ldapsearch "${reader[@]}" -b o=root -s one '(description= attrs="cn")' 'signPrikey;binary' >/dev/null 2>&1
+    ldapsearch "${reader[@]}" -b ou=unit0,o=root -s one '(objectClass=*)' 'x" attrs="cn' 'cryptPrikey;binary' >/dev/null 2>&1
+    python3 - "$(e LDAP_PORT)" "$(e QORLDAP_SERVICE_DN)" o=root <<'PY'
+import socket, sys, time
+def tlv(tag, body):
+    n = len(body)
+    return bytes([tag]) + (bytes([n]) if n < 128 else bytes([0x82]) + n.to_bytes(2, "big")) + body
+num = lambda v: tlv(0x02, bytes([v]))
+text = lambda v: tlv(0x04, v.encode())
+bind = tlv(0x60, num(3) + text(sys.argv[2]) + tlv(0x80, b"wrong"))
+search = tlv(0x63, text(sys.argv[3]) + tlv(0x0A, b"\0") + tlv(0x0A, b"\0") + num(0) + num(0) +
+             tlv(0x01, b"\0") + tlv(0x87, b"objectClass") + tlv(0x30, text("userPsw;binary")))
+c = socket.create_connection(("127.0.0.1", int(sys.argv[1])))
+c.sendall(tlv(0x30, num(1) + bind) + b"".join(tlv(0x30, num(i) + search) for i in range(2, 8)))
+time.sleep(0.5)
+c.close()
+PY
+    run audit --log "$d389/ds/log"
+    for probe in "read (one) o=root  signprikey;binary  by cn=reader,o=root" \
+        "read (one) ou=unit0,o=root  cryptprikey;binary  by cn=reader,o=root" \
+        "read     o=root  userpsw;binary  by (anonymous)"; do
+        check "389: flagged: $probe" eval 'grep -iF "$probe" "$tmp/out" | grep -q FLAGGED'
+    done
+    check "389: none of the searches behind the failed bind is the key service's" eval '! grep -iF "read     o=root  userpsw;binary  by cn=qorldap" "$tmp/out"'
     run audit --log "$d389/ds/log/audit" --entry "$user"
     expect_ok "389: the audit log alone lists the key written, and by whom" "add      $user  signPrikey;binary  by cn=directory manager"
     mkfifo fifo

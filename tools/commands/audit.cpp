@@ -333,6 +333,10 @@ std::vector<std::string> Words(std::string const& text) {
 void FromAccess389(std::string const& text, std::vector<Access>& out) {
     std::map<std::string, std::string> bound;  // the bind DN, by connection
     std::map<std::string, size_t> pending;     // by "conn op": index in out
+    // By connection: the accesses logged after a BIND line and before its RESULT, which are
+    // credited by that result (a client may send a search right behind a bind as the key
+    // service that then fails).
+    std::map<std::string, std::vector<size_t>> binding;
     size_t at = 0;
     while (at < text.size()) {
         size_t end = text.find('\n', at);
@@ -352,12 +356,22 @@ void FromAccess389(std::string const& text, std::vector<Access>& out) {
         } else if (line.find(" BIND dn=") != std::string::npos) {
             // The server runs nothing else on the connection while it binds, but may log the
             // bind's result after the next request: the bind counts from here, and a refused
-            // one makes the connection anonymous again.
+            // one makes the connection anonymous again, for what was logged since too.
             bound[conn] = Field389(line, "dn");
+            binding[conn].clear();
         } else if (line.find(" RESULT ") != std::string::npos) {
             std::string const err = Field389(line, "err");
-            if (Field389(line, "tag") == "97" && err != "0")
-                bound[conn].clear();
+            if (Field389(line, "tag") == "97") {
+                // The result names the DN as the server took it ("dn=" last on the line).
+                size_t const named = line.rfind(" dn=\"");
+                if (err != "0")
+                    bound[conn].clear();
+                else if (named != std::string::npos && line.back() == '"')
+                    bound[conn] = line.substr(named + 5, line.size() - named - 6);
+                for (size_t const i : binding[conn])
+                    out[i].by = bound[conn];
+                binding.erase(conn);
+            }
             auto const it = pending.find(key);
             if (it != pending.end()) {
                 out[it->second].result = err;
@@ -379,9 +393,31 @@ void FromAccess389(std::string const& text, std::vector<Access>& out) {
                 a.scope = scope.size() == 1 && scope[0] >= '0' && scope[0] <= '2'
                               ? kScopes[scope[0] - '0']
                               : scope;
-                std::string const attrs = Field389(line, "attrs");
-                a.attributes = KeysAsked(attrs == "ALL" ? std::vector<std::string>() : Words(attrs),
-                                         Field389(line, "filter"));
+                // 389 writes the client's filter values and attribute names between quotes
+                // without escaping a quote: filter="(cn= attrs="cn")" attrs="signprikey" would
+                // hide the real list behind a false one. Every word after filter= counts, as an
+                // attribute asked for or one the filter tests.
+                size_t const from = line.find(" filter=");
+                std::string rest = from == std::string::npos ? "" : line.substr(from + 8);
+                std::replace_if(
+                    rest.begin(), rest.end(),
+                    [](char c) { return std::strchr("\"()=~<>:&|!", c) != nullptr; }, ' ');
+                // The list the server wrote last says whether every attribute was asked for.
+                size_t const list = line.rfind(" attrs=");
+                std::string const attrs = list == std::string::npos ? "" : line.substr(list + 7);
+                std::vector<std::string> const listed = Words(
+                    attrs.size() > 1 && attrs[0] == '"' ? attrs.substr(1, attrs.find('"', 1) - 1)
+                                                        : attrs);
+                bool const all = attrs.compare(0, 3, "ALL") == 0 ||
+                                 std::find(listed.begin(), listed.end(), "*") != listed.end();
+                std::vector<std::string> asked;
+                for (std::string const& word : Words(rest)) {
+                    if (word != "*")
+                        asked.push_back(word);
+                }
+                if (all)
+                    asked.push_back("*");
+                a.attributes = KeysAsked(asked, "");
             } else if (line.find(" CMP dn=") != std::string::npos) {
                 a.operation = "compare";
                 a.entry = Field389(line, "dn");
@@ -396,6 +432,8 @@ void FromAccess389(std::string const& text, std::vector<Access>& out) {
             if (a.attributes.empty() || a.when < 0)
                 continue;
             pending[key] = out.size();
+            if (binding.count(conn) != 0)
+                binding[conn].push_back(out.size());
             out.push_back(std::move(a));
         }
     }
