@@ -31,12 +31,7 @@ run() {
 }
 run stress_test "$dir" "" "$build/tests/stress/stress_test"
 run pool_stress_test "$dir" "" "$build/tests/stress/pool_stress_test"
-# With a timeout (the replicated settings have 2 s) a connection's dial lock is taken with
-# std::timed_mutex::try_lock_for, which libstdc++ 12 implements with pthread_mutex_clocklock;
-# the ThreadSanitizer of GCC 12 and clang 14 does not intercept that call, misses the lock and
-# reports its unlock as "unlock of an unlocked mutex". Such reports are off for this run; races
-# are still reported.
-run replication_pool "$replicated" ":report_mutex_bugs=0" \
+run replication_pool "$replicated" "" \
     "$build/tests/replication/replication_test" --gtest_filter='ReplicationPool.*'
 logs=("$build/stress_test.log" "$build/pool_stress_test.log" "$build/replication_pool.log")
 reports=$(cat "${logs[@]}" | grep -c 'WARNING: ThreadSanitizer' || true)
