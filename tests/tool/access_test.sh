@@ -43,7 +43,7 @@ conf_rules() { sed -e '/^#/d' -e '/^$/d' "$project/schema/acl/slapd-access.conf"
     sed -e 's/^access //' -e 's/[[:space:]]\+/ /g'; }
 ldif_rules() { sed -e '/^#/d' "$project/schema/acl/olcAccess.ldif" | sed -e ':a' -e 'N' -e '$!ba' -e 's/\n //g' |
     sed -n 's/^olcAccess: {[0-9]*}//p' | sed -e 's/[[:space:]]\+/ /g'; }
-check "slapd-access.conf and olcAccess.ldif hold the same ten rules" eval '[ "$(conf_rules | wc -l)" = 10 ] && diff <(conf_rules) <(ldif_rules) >"$tmp/out"'
+check "slapd-access.conf and olcAccess.ldif hold the same eleven rules" eval '[ "$(conf_rules | wc -l)" = 11 ] && diff <(conf_rules) <(ldif_rules) >"$tmp/out"'
 check "olcAccess.ldif turns add-content checks on" grep -qx 'olcAddContentAcl: TRUE' "$project/schema/acl/olcAccess.ldif"
 check "slapd-access.conf says to" grep -q '^#   add_content_acl on$' "$project/schema/acl/slapd-access.conf"
 
@@ -198,6 +198,17 @@ harm_make_root() {
     printf 'dn: %s\nchangetype: modify\ndelete: objectClass\nobjectClass: posixAccount\n-\ndelete: uid\n-\ndelete: uidNumber\n-\ndelete: gidNumber\n-\ndelete: homeDirectory\n' "$han" |
         ldapmodify "${admin[@]}" >/dev/null
 }
+# userCertificate on a person the site gave no keys: a certificate of the writer's choosing
+# there logs in as that person wherever a login compares it with userCertificate.
+harm_plant_user_certificate() {
+    local wu="cn=Wu Di,$people" harm=1
+    printf 'dn: %s\nobjectClass: inetOrgPerson\ncn: Wu Di\nsn: Wu\nuserPassword: wu-di-pw\n' "$wu" | ldapadd "${admin[@]}" >/dev/null 2>&1
+    printf 'dn: %s\nchangetype: modify\nadd: userCertificate;binary\nuserCertificate;binary:< file://%s\n' "$wu" "$tmp/LiLei.der" |
+        ldapmodify "${who[@]}" >/dev/null 2>&1
+    [ -n "$(values "$wu" "userCertificate;binary" "${admin[@]}")" ] && harm=0
+    ldapdelete "${admin[@]}" "$wu" >/dev/null 2>&1
+    return $harm
+}
 harm_read_private_key() { [ -n "$(values "$li" "cryptPrikey;binary" "${who[@]}")$(values "$li" "userPsw;binary" "${who[@]}")" ]; }
 harm_overwrite_certificate() {
     local before
@@ -287,6 +298,7 @@ attacks() {
             "change_mail:changes an existing user's mail" \
             "set_password:sets an existing user's password" \
             "make_root:gives an existing user posixAccount with uidNumber 0" \
+            "plant_user_certificate:writes userCertificate on a person the site gave no keys" \
             "read_private_key:reads a private key or userPsw" \
             "overwrite_certificate:overwrites a certificate" \
             "see_the_service:tells the key service's entry from a missing one" \
@@ -338,10 +350,10 @@ check "the eight rules of the next release are removed in one modify" eval '[ "$
 check "olcAccess.ldif applies" eval 'sed -e "s/@BASE@/$base/g" -e "s/@SERVICES@/$services/g" -e "s/@SERVICE@/$svc/g" -e "s/^dn: olcDatabase={1}mdb,cn=config/dn: $DB/" \
     "$project/schema/acl/olcAccess.ldif" | quiet ldapmodify "${config[@]}"'
 ldapsearch -LLL -o ldif-wrap=no "${config[@]}" -b "$DB" -s base olcAccess olcAddContentAcl >"$tmp/acl"
-check "ten rules of ours, then Debian's three, none of the earlier ones" eval '[ "$(grep -c "^olcAccess:" "$tmp/acl")" = 13 ] &&
-    grep -q "^olcAccess: {10}to attrs=userPassword" "$tmp/acl" && ! grep -qF "dn.children=\"$services\"" "$tmp/acl"'
+check "eleven rules of ours, then Debian's three, none of the earlier ones" eval '[ "$(grep -c "^olcAccess:" "$tmp/acl")" = 14 ] &&
+    grep -q "^olcAccess: {11}to attrs=userPassword" "$tmp/acl" && ! grep -qF "dn.children=\"$services\"" "$tmp/acl"'
 check "add-content checks are on" grep -qx 'olcAddContentAcl: TRUE' "$tmp/acl"
-check "the update takes none of this release's rules out" eval 'quiet remove_earlier_rules && [ "$(rules | grep -c "^olcAccess:")" = 13 ]'
+check "the update takes none of this release's rules out" eval 'quiet remove_earlier_rules && [ "$(rules | grep -c "^olcAccess:")" = 14 ]'
 check "the service's password is stored hashed" eval 'printf "dn: %s\nchangetype: modify\nreplace: userPassword\nuserPassword: %s\n" "$svc" "$(slappasswd -s "$svc_pw")" |
     quiet ldapmodify "${admin[@]}" && values "$svc" userPassword "${admin[@]}" | base64 -d | grep -q "^{SSHA}" && binds "$svc" "$svc_pw"'
 server=OpenLDAP
@@ -369,7 +381,7 @@ if "$directory" start --server 389ds --dir "$d389" --nosync --base "$base" >"$tm
     # README, "389 Directory Server", updating: every qorldap ACI out, the file's in.
     check "they are removed in one modify" eval 'OLD=$(qorldap_acis); [ -z "$OLD" ] || printf "dn: %s\nchangetype: modify\ndelete: aci\n%s\n" "$base" "$OLD" | quiet ldapmodify "${admin[@]}"'
     check "aci.ldif applies" eval 'sed -e "s/@BASE@/$base/g" -e "s/@SERVICES@/$services/g" -e "s/@SERVICE@/$svc/g" "$project/schema/389ds/aci.ldif" | quiet ldapmodify "${admin[@]}"'
-    check "seventeen ACIs of ours, the site's two kept" eval '[ "$(qorldap_acis | wc -l)" = 17 ] && [ "$(ldapsearch -LLL -o ldif-wrap=no "${admin[@]}" -b "$base" -s base aci | grep -c "acl \"site: ")" = 2 ]'
+    check "eighteen ACIs of ours, the site's two kept" eval '[ "$(qorldap_acis | wc -l)" = 18 ] && [ "$(ldapsearch -LLL -o ldif-wrap=no "${admin[@]}" -b "$base" -s base aci | grep -c "acl \"site: ")" = 2 ]'
     server=389
     legitimate 389
     attacks 389
