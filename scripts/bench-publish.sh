@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # bench-publish.sh -- bulk publication with the tool: 1,000 bundles, published by 1 worker and
-# then by 2 (qorldap publish --jobs N FOLDER), into two fresh throwaway directories; prints the
+# then by 2 and 4 (qorldap publish --jobs N FOLDER), each run into a fresh throwaway directory; prints the
 # times and the speed-up and writes the section "Bulk publication" of bench/RESULTS.md.
 #
 #   scripts/bench-publish.sh [TOOL] [COUNT]     TOOL: build/tools/qorldap; COUNT: 1000
@@ -29,32 +29,36 @@ echo "==> $count bundles (EC P-256, subject O=root/OU=bulk<i mod 10>/CN=bulk use
     rm -f ca.key ca.pem user.key u.pem
 )
 export QORLDAP_P12_PASSWORD=bundle QORLDAP_KEY_PASSWORD=key-password
+# 1, 2 and 4 workers, in the order 1 2 4 4 2 1 so that whatever else the machine does falls on
+# each alike; each count's time is the better of its two runs.
 declare -A took
-for jobs in 1 2; do
+for jobs in 1 2 4 4 2 1; do
     "$here/scripts/directory" start --dir "$work/dir" --nosync --no-audit >/dev/null
     started=$(date +%s%N)
     "$tool" --conf "$work/dir/conf" publish --jobs "$jobs" "$work/bundles" >"$work/out-$jobs" 2>&1 ||
         { cat "$work/out-$jobs"; exit 1; }
-    took[$jobs]=$((($(date +%s%N) - started) / 1000000))
-    echo "--jobs $jobs: ${took[$jobs]} ms ($(tail -n1 "$work/out-$jobs"))"
+    ms=$((($(date +%s%N) - started) / 1000000))
+    echo "--jobs $jobs: $ms ms ($(tail -n1 "$work/out-$jobs"))"
+    if [ -z "${took[$jobs]:-}" ] || [ "$ms" -lt "${took[$jobs]}" ]; then took[$jobs]=$ms; fi
     "$here/scripts/directory" stop --dir "$work/dir" >/dev/null
 done
-speedup=$(python3 -c "print(f'{${took[1]} / ${took[2]}:.2f}')")
-echo "speed-up with 2 workers: ${speedup}x"
-python3 - "$here/bench/RESULTS.md" "$count" "${took[1]}" "${took[2]}" "$speedup" "$(nproc)" <<'PY'
+python3 - "$here/bench/RESULTS.md" "$count" "${took[1]}" "${took[2]}" "${took[4]}" "$(nproc)" <<'PY'
 import sys
-path, count, one, two, speedup, cores = sys.argv[1:]
+path, count, one, two, four, cores = sys.argv[1:]
+count, times = int(count), {1: int(one), 2: int(two), 4: int(four)}
+rows = "".join(f"| {n} | {t / 1000:.1f} s | {count * 1000 / t:.1f} | {times[1] / t:.2f}x |\n"
+               for n, t in times.items())
 section = (f"## Bulk publication\n\nWritten by `scripts/bench-publish.sh`: `qorldap publish --jobs N FOLDER` "
-           f"of {int(count):,} PKCS#12 bundles (EC P-256) into a fresh throwaway slapd (dbnosync), {cores} cores.\n\n"
-           f"| workers | time | bundles/s |\n|---:|---:|---:|\n"
-           f"| 1 | {int(one) / 1000:.1f} s | {int(count) * 1000 / int(one):.1f} |\n"
-           f"| 2 | {int(two) / 1000:.1f} s | {int(count) * 1000 / int(two):.1f} |\n\n"
-           f"Two workers: {speedup}x one.\n")
+           f"of {count:,} PKCS#12 bundles (EC P-256) into a fresh throwaway slapd (dbnosync), {cores} cores; "
+           f"runs in the order 1 2 4 4 2 1 workers, the better of each count's two runs. Each worker "
+           f"publishes on a connection of its own (the library's pool_size).\n\n"
+           f"| workers | time | bundles/s | against one |\n|---:|---:|---:|---:|\n{rows}")
+print(section)
 text = open(path).read()
 start = text.find("## Bulk publication")
 if start >= 0:
     end = text.find("\n## ", start + 1)
-    text = text[:start] + section + (text[end + 1:] if end >= 0 else "")
+    text = text[:start] + section + (text[end:] if end >= 0 else "")
 else:
     text = text.rstrip("\n") + "\n\n" + section
 open(path, "w").write(text)
