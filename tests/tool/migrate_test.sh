@@ -60,6 +60,9 @@ group "audit: OpenLDAP's accesslog database"
 add_reader "$slapd_uri" "$slapd_admin" "$slapd_pw"
 read_keys "$slapd_uri"
 audit_rows "slapd"
+ldapsearch -x -H "$slapd_uri" -D cn=reader,o=root -w reader-pw -b "cn=x"$'\n'"2026-01-01T00:00:00Z  read     forged,o=root" -s base 'signPrikey;binary' >/dev/null 2>&1
+run audit
+check "slapd: a line feed in a DN stays inside its row" eval '! grep -q "^2026-01-01T00:00:00Z" "$tmp/out" && grep -qF "cn=x\x0A2026-01-01" "$tmp/out"'
 no "a log database that is not there: one line" 1 "no audit log at cn=nothere" audit --logdb cn=nothere
 no "--log and --logdb together" 2 "exclude each other" audit --log x --logdb cn=accesslog
 no "a --since that is no time" 2 "--since takes a date" audit --since yesterday
@@ -102,6 +105,35 @@ PY
         check "389: flagged: $probe" eval 'grep -iF "$probe" "$tmp/out" | grep -q FLAGGED'
     done
     check "389: none of the searches behind the failed bind is the key service's" eval '! grep -iF "read     o=root  userpsw;binary  by cn=qorldap" "$tmp/out"'
+    # 389 writes the DNs clients send as they come: a line feed in one ends the line.
+    ldapsearch "${reader[@]}" -b "cn=x"$'\n'"fake,o=root" -s base 'signPrikey;binary' >/dev/null 2>&1
+    run audit --log "$d389/ds/log"
+    check "389: a line the server did not begin is flagged" eval 'grep -F "fake,o=root" "$tmp/out" | grep -q "FLAGGED: a line the server did not begin"'
+    # Whole lines written so (a bind of another connection as the key service, with its
+    # result; a search never answered): each shows in the numbers of its connection's requests.
+    t="[25/Nov/2026:10:00:0" r="nentries=0 wtime=0 optime=0 etime=0"
+    {
+        printf '\t389-Directory/2.3.1 B2025.016.1616\n\tlocalhost:1 (/etc/dirsrv/slapd-x)\n\n'
+        for c in 1 2 3; do
+            printf '%s0.1 +0000] conn=%s fd=6%s slot=6%s connection from 127.0.0.1 to 127.0.0.1\n' "$t" $c $c $c
+            printf '%s0.2 +0000] conn=%s op=0 BIND dn="cn=reader,o=root" method=128 version=3\n' "$t" $c
+            printf '%s0.3 +0000] conn=%s op=0 RESULT err=0 tag=97 %s dn="cn=reader,o=root"\n' "$t" $c "$r"
+        done
+        printf '%s1.1 +0000] conn=2 op=1 SRCH base="cn=x"\n' "$t"
+        for c in 1 3; do
+            printf '%s1.1 +0000] conn=%s op=1 BIND dn="cn=qorldap,ou=services,o=root" method=128 version=3\n' "$t" $c
+            printf '%s1.1 +0000] conn=%s op=1 RESULT err=0 tag=97 %s dn="cn=qorldap,ou=services,o=root"\n' "$t" $c "$r"
+        done
+        printf '%s1.1 +0000] conn=3 op=2 SRCH base="%s" scope=0 filter="(objectClass=*)" attrs="cryptprikey;binary"\n' "$t" "$user"
+        printf '%s1.1 +0000] x" scope=0 filter="(objectClass=*)" attrs="cn"\n' "$t"
+        printf '%s1.2 +0000] conn=2 op=1 RESULT err=34 tag=101 %s\n' "$t" "$r"
+        printf '%s2.1 +0000] conn=1 op=1 SRCH base="%s" scope=0 filter="(objectClass=*)" attrs="signprikey;binary"\n' "$t" "$user"
+        printf '%s2.2 +0000] conn=1 op=1 RESULT err=0 tag=101 nentries=1 wtime=0 optime=0 etime=0\n' "$t"
+        for c in 1 2 3; do printf '%s3.%s +0000] conn=%s op=2 fd=6%s Disconnect - Cleanly Closed Connection - U1\n' "$t" $c $c $c; done
+    } >written.log
+    run audit --log written.log
+    check "389: a bind written into the log, then the connection's own search with that number: flagged" eval 'grep -q "FLAGGED: request op=1 twice on its connection" "$tmp/out"'
+    check "389: a search written into the log, never answered: flagged" eval 'grep "cryptprikey;binary  by cn=qorldap" "$tmp/out" | grep -q "FLAGGED: request op=2 had no result once its connection closed"'
     run audit --log "$d389/ds/log/audit" --entry "$user"
     expect_ok "389: the audit log alone lists the key written, and by whom" "add      $user  signPrikey;binary  by cn=directory manager"
     mkfifo fifo

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <set>
 
 #include "qorldap/Walk.h"
 #include "qorldap/qorldap.h"
@@ -330,6 +331,8 @@ std::vector<std::string> Words(std::string const& text) {
 // Reads from the access log: searches and compares of key attributes (each with the bind of
 // its connection at the time, and its result when logged) and deletes (who removed which
 // entry). Adds and modifies come from the audit log, which names the attributes.
+char const kForged[] = ": a client may have written lines into the log (a line feed in a DN)";
+
 void FromAccess389(std::string const& text, std::vector<Access>& out) {
     std::map<std::string, std::string> bound;  // the bind DN, by connection
     std::map<std::string, size_t> pending;     // by "conn op": index in out
@@ -337,6 +340,36 @@ void FromAccess389(std::string const& text, std::vector<Access>& out) {
     // credited by that result (a client may send a search right behind a bind as the key
     // service that then fails).
     std::map<std::string, std::vector<size_t>> binding;
+    // 389 writes the DNs clients send as they come, line feeds and quotes included: a client
+    // can write whole lines into the log (a bind as the key service and its result, say).
+    // Such lines show as a line the server did not begin, or as a request number a connection
+    // used twice or far ahead of its others (the server numbers requests as they arrive and may
+    // log a few out of order), or as a request with no result once its connection closed; each
+    // of those is flagged. Connections that began in an earlier log are not looked at so.
+    struct Requests {
+        std::set<long> seen;
+        long highest = -1;
+        std::map<std::string, size_t> open;  // op -> index in out, or kNone
+        bool closed = false;
+    };
+    size_t const kNone = std::string::npos;
+    long const kAhead = 16;
+    std::map<std::string, Requests> requests;  // by connection, from its "connection from"
+    long long lastTime = 0;
+    bool begun = false;
+    auto forged = [&](std::string const& line, std::string const& conn, std::string const& why) {
+        Access a;
+        long long const when = Time389(line);
+        a.when = when >= 0 ? when : lastTime;
+        a.operation = "log";
+        a.entry = line.substr(0, 100);
+        a.attributes.push_back("*");
+        a.by = conn.empty() ? "" : bound[conn];
+        a.flag = why + kForged;
+        out.push_back(std::move(a));
+    };
+    static char const* const kAnswered[] = {" SRCH base=", " CMP dn=", " DEL dn=",    " BIND dn=",
+                                            " ADD dn=",    " MOD dn=", " MODRDN dn=", " EXT oid="};
     size_t at = 0;
     while (at < text.size()) {
         size_t end = text.find('\n', at);
@@ -344,13 +377,43 @@ void FromAccess389(std::string const& text, std::vector<Access>& out) {
             end = text.size();
         std::string const line = text.substr(at, end - at);
         at = end + 1;
+        if (!line.empty() && line[0] == '[') {
+            begun = true;
+            lastTime = std::max(lastTime, Time389(line));
+        } else if (begun) {
+            forged(line, "", "a line the server did not begin");
+            continue;
+        }
         std::string const conn = Field389(line, "conn");
         std::string const op = Field389(line, "op");
         if (conn.empty() || !::isdigit(static_cast<unsigned char>(conn[0])))
             continue;  // internal operations
         std::string const key = conn + " " + op;
+        bool const answered = std::any_of(std::begin(kAnswered), std::end(kAnswered),
+                                          [&](char const* r) { return line.find(r) != kNone; });
+        auto const known = requests.find(conn);
+        if (known != requests.end() &&
+            (answered || line.find(" UNBIND") != kNone || line.find(" ABANDON ") != kNone)) {
+            Requests& r = known->second;
+            long const number = !op.empty() && std::all_of(op.begin(), op.end(), ::isdigit)
+                                    ? std::atol(op.c_str())
+                                    : -1;
+            if (number < 0 || r.seen.count(number) != 0)
+                forged(line, conn, "request op=" + op + " twice on its connection");
+            else if (number > r.highest + kAhead)
+                forged(line, conn, "request op=" + op + " after op=" + std::to_string(r.highest));
+            r.seen.insert(number);
+            r.highest = std::max(r.highest, number);
+            if (answered)
+                r.open.emplace(op, kNone);
+        }
         if (line.find(" connection from ") != std::string::npos) {
+            requests[conn] = Requests();
             bound[conn].clear();
+        } else if (!answered && line.find(" fd=") != kNone &&
+                   (line.find(" Disconnect") != kNone || line.find(" closed") != kNone)) {
+            if (known != requests.end())
+                known->second.closed = true;
         } else if (line.find(" AUTOBIND dn=") != std::string::npos) {
             bound[conn] = Field389(line, "dn");
         } else if (line.find(" BIND dn=") != std::string::npos) {
@@ -360,6 +423,8 @@ void FromAccess389(std::string const& text, std::vector<Access>& out) {
             bound[conn] = Field389(line, "dn");
             binding[conn].clear();
         } else if (line.find(" RESULT ") != std::string::npos) {
+            if (known != requests.end())
+                known->second.open.erase(op);
             std::string const err = Field389(line, "err");
             if (Field389(line, "tag") == "97") {
                 // The result names the DN as the server took it ("dn=" last on the line).
@@ -432,9 +497,23 @@ void FromAccess389(std::string const& text, std::vector<Access>& out) {
             if (a.attributes.empty() || a.when < 0)
                 continue;
             pending[key] = out.size();
+            if (known != requests.end())
+                known->second.open[op] = out.size();
             if (binding.count(conn) != 0)
                 binding[conn].push_back(out.size());
             out.push_back(std::move(a));
+        }
+    }
+    for (auto const& [conn, r] : requests) {
+        for (auto const& [number, index] : r.open) {
+            if (!r.closed)
+                continue;  // still running when the log was read
+            std::string const why =
+                "request op=" + number + " had no result once its connection closed";
+            if (index == kNone)
+                forged("conn=" + conn + " op=" + number, conn, why);
+            else
+                out[index].flag = why + kForged;
         }
     }
 }
@@ -546,6 +625,8 @@ std::vector<Access> FromLogFiles(Args const& args) {
 // --- judging and showing --------------------------------------------------------------------
 
 void Judge(Access& a, std::string const& service) {
+    if (!a.flag.empty())
+        return;
     bool const byService = !a.by.empty() && DnKey(a.by) == service;
     if (byService)
         return;
@@ -592,14 +673,24 @@ void PrintText(std::vector<Access> const& accesses, int flagged) {
         if (!a.scope.empty() && a.scope != "base")
             what += " (" + a.scope + ")";
         std::printf("%s  %-8s %s  %s  by %s  result %s%s%s\n", a.time.c_str(), what.c_str(),
-                    a.entry.empty() ? "(root)" : a.entry.c_str(), Joined(a.attributes).c_str(),
-                    a.by.empty() ? "(anonymous)" : a.by.c_str(),
-                    a.result.empty() ? "?" : a.result.c_str(),
-                    a.entries.empty() ? "" : (", " + a.entries + " entries").c_str(),
+                    a.entry.empty() ? "(root)" : Printable(a.entry).c_str(),
+                    Printable(Joined(a.attributes)).c_str(),
+                    a.by.empty() ? "(anonymous)" : Printable(a.by).c_str(),
+                    a.result.empty() ? "?" : Printable(a.result).c_str(),
+                    a.entries.empty() ? "" : (", " + Printable(a.entries) + " entries").c_str(),
                     a.flag.empty() ? "" : ("  FLAGGED: " + a.flag).c_str());
     }
     std::printf("%zu access%s to key attributes, %d flagged\n", accesses.size(),
                 accesses.size() == 1 ? "" : "es", flagged);
+}
+
+// A count or code from the log as a JSON number, or a string when it is none (a line a client
+// wrote into a 389 log may hold anything there); null when there is none.
+std::string JsonNumber(std::string const& text) {
+    if (text.empty())
+        return "null";
+    bool const digits = std::all_of(text.begin() + (text[0] == '-' ? 1 : 0), text.end(), ::isdigit);
+    return digits && text != "-" ? text : JsonString(text);
 }
 
 void PrintJson(std::vector<Access> const& accesses) {
@@ -615,9 +706,8 @@ void PrintJson(std::vector<Access> const& accesses) {
             "\"flagged\": %s, \"reason\": %s}",
             separator, JsonString(a.time).c_str(), JsonString(a.operation).c_str(),
             JsonString(a.entry).c_str(), JsonString(a.scope).c_str(), names.c_str(),
-            JsonString(a.by).c_str(), a.result.empty() ? "null" : a.result.c_str(),
-            a.entries.empty() ? "null" : a.entries.c_str(), a.flag.empty() ? "false" : "true",
-            JsonString(a.flag).c_str());
+            JsonString(a.by).c_str(), JsonNumber(a.result).c_str(), JsonNumber(a.entries).c_str(),
+            a.flag.empty() ? "false" : "true", JsonString(a.flag).c_str());
         separator = ",\n";
     }
     std::printf("%s]\n", accesses.empty() ? "" : "\n");
@@ -637,14 +727,14 @@ int RunAudit(Args const& args) {
     std::vector<Access> shown;
     int flagged = 0;
     for (Access& a : all) {
-        if (a.when < since || (!entry.empty() && !Touches(a, entry)))
+        if (a.when < since || (!entry.empty() && !Touches(a, entry) && a.operation != "log"))
             continue;
         a.time = IsoTime(a.when);
         Judge(a, service);
         // The key service reads whole entries all the time (the library's own reads); only
         // what it asked for by name is listed.
         if (a.operation == "read" && a.attributes == std::vector<std::string>{"*"} &&
-            DnKey(a.by) == service)
+            DnKey(a.by) == service && a.flag.empty())
             continue;
         flagged += a.flag.empty() ? 0 : 1;
         shown.push_back(std::move(a));
