@@ -307,6 +307,9 @@ ok "an attached -oFILE, and -- before the DN" "li-attached.der" get-cert -oli-at
 check "the SM2 certificate comes back unchanged" same_file stored-wang.der wang.der
 run get-key "$li" -o li.p8
 check "get-key -o makes a file only its owner reads" test "$(stat -c %a li.p8 2>&1)" = 600
+printf 'precious\n' >victim && ln -s victim linked.p8
+no "get-key -o does not write through a symbolic link" 1 "cannot write linked.p8: a symbolic link" get-key "$li" -o linked.p8
+check "  the file it names is untouched" test "$(cat victim)" = precious
 check "the stored key opens with the key password" opens li.p8 key-pw
 run get-key "$wang" --crypt -o wang.p8
 check "the stored SM2 key opens with the key password" opens wang.p8 key-pw

@@ -121,8 +121,15 @@ void WriteOutput(std::string const& what, std::string const& data, std::string c
         }
         return;
     }
-    int fd =
-        ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, privateFile ? 0600 : 0644);
+    // A key is never written through a symbolic link: one planted in a folder others may write
+    // to would have it written over a file of the caller's own choosing by another user.
+    int fd = ::open(path.c_str(),
+                    O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | (privateFile ? O_NOFOLLOW : 0),
+                    privateFile ? 0600 : 0644);
+    if (fd < 0 && privateFile && errno == ELOOP) {
+        Fail(what,
+             "cannot write " + path + ": a symbolic link (a key goes into a file of its own)");
+    }
     if (fd < 0) {
         Fail(what, "cannot write " + path + ": " + std::strerror(errno));
     }
