@@ -86,6 +86,21 @@ if [ -n "$libldap_path" ]; then
 fi
 
 step "writing bench/RESULTS.md"
+# The sections other scripts and hand runs write (at scale, bulk publication, the pool, subtree
+# reports, a replica lost) are kept: everything from the first heading this script does not
+# write to the end of the file goes back after the sections below.
+kept=$work/kept.md
+python3 - bench/RESULTS.md "$kept" <<'PY'
+import re, sys
+ours = ("Library vs raw libldap", "GetFullDN", "Threads: key reads", "Key protection", "Memory",
+        "Heap use per operation")
+try:
+    text = open(sys.argv[1]).read()
+except OSError:
+    text = ""
+sections = re.split(r"(?m)^(?=## )", text)[1:]
+open(sys.argv[2], "w").write("".join(s for s in sections if not s[3:].startswith(ours)))
+PY
 python3 bench/results.py --api "$work/api.json" --engine "$work/engine.json" \
     --memory "$work/memory.txt" --out bench/RESULTS.md \
     --meta "Date: $(date -u '+%Y-%m-%d %H:%M UTC')" \
@@ -103,4 +118,8 @@ echo
     echo "not counted), against what the call hands back."
     echo
     cat "$work/alloc.md"
+    if [ -s "$kept" ]; then
+        echo
+        cat "$kept"
+    fi
 } >>bench/RESULTS.md
