@@ -299,7 +299,8 @@ std::string Codes(std::map<int, int> const& failures) {
 // 16 threads on the free functions with pool_size = 16 and the two consumers as read hosts
 // (DIR/conf/soap.ini), failback after 2 s and idle_check after 1 s: provider 1 is SIGKILLed and
 // started again, consumer 3 is SIGSTOPped for longer than the timeout (2 s) and continued, then
-// SIGKILLed and started again. Once the servers have converged, every certificate whose write
+// SIGKILLed and started again, and provider 1 is SIGSTOPped for longer than the timeout and
+// continued. Once the servers have converged, every certificate whose write
 // returned 0 is read byte-exact from each of the four servers. The consumers' cn=Monitor
 // counts the searches each served, in the steady phase before the faults and overall.
 TEST(ReplicationPool, EveryAcknowledgedWriteReachesAllFourServersThroughFaults) {
@@ -343,6 +344,15 @@ TEST(ReplicationPool, EveryAcknowledgedWriteReachesAllFourServersThroughFaults) 
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     Scripts("start --server 3");
     long const restarted3 = Searches(3), restarted4 = Searches(4);
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    // Provider 1 stops answering for longer than the timeout (its connections stay open, its
+    // port still accepts): writes on it give up after 2 s and the next ones go to provider 2;
+    // once it answers again, failback brings new connections back to it.
+    pid_t const provider = Pid(1);
+    ASSERT_GT(provider, 0);
+    ASSERT_EQ(0, kill(provider, SIGSTOP));
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    ASSERT_EQ(0, kill(provider, SIGCONT));
     std::this_thread::sleep_for(std::chrono::seconds(3));
     stop = true;
     for (std::thread& t : threads)
