@@ -78,7 +78,7 @@ Pool::Lease Pool::Take(Use use) {
     PoolOptions const& options = settings_.Pool();
     bool const write = use == Use::kWrite;
     bool const readHere =
-        !write && shelves_[kReaders].hosts->Size() > 0 &&
+        use == Use::kRead && shelves_[kReaders].hosts->Size() > 0 &&
         !(options.readAfterWrite > 0 &&
           Clock::now() - lastWrite < std::chrono::seconds(options.readAfterWrite));
     if (readHere) {
@@ -132,17 +132,28 @@ Pool::Lease Pool::TakeFrom(std::size_t index, bool write) {
     ++shelf.making;
     guard.unlock();
     // Reading the settings and templates takes a while; other threads take and give back
-    // meanwhile.
-    auto engine = std::make_unique<CLdapOp>();
-    engine->JoinPool(*shelf.hosts);
-    guard.lock();
-    if (recordSet_) {
-        engine->SetLdapAtt(settings_.Get());
+    // meanwhile. Should the engine not be made (out of memory), its place is given back, so
+    // that the pool does not shrink for good and a waiter may make it.
+    std::unique_ptr<CLdapOp> engine;
+    try {
+        engine = std::make_unique<CLdapOp>();
+        engine->JoinPool(*shelf.hosts);
+        guard.lock();
+        if (recordSet_) {
+            engine->SetLdapAtt(settings_.Get());
+        }
+        shelf.engines.push_back(std::move(engine));
+    } catch (...) {
+        if (!guard.owns_lock()) {
+            guard.lock();
+        }
+        --shelf.making;
+        guard.unlock();
+        returned_.notify_all();
+        throw;
     }
     --shelf.making;
-    CLdapOp* made = engine.get();
-    shelf.engines.push_back(std::move(engine));
-    return Lease(this, index, made, write);
+    return Lease(this, index, shelf.engines.back().get(), write);
 }
 
 void Pool::GiveBack(std::size_t shelf, CLdapOp* engine) {

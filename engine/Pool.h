@@ -28,8 +28,9 @@ class CLdapOp;
 class Pool {
   public:
     // What a call does: a read may go to a read host, a write (or a read that writes, such as
-    // a publication) only to a provider.
-    enum class Use { kRead, kWrite };
+    // a publication) only to a provider. kConnect: a provider's engine for ConnectLdap, which
+    // writes nothing, so read_after_write does not start from it.
+    enum class Use { kRead, kWrite, kConnect };
 
     // One engine, taken from the pool, given back when the lease goes. Empty (engine null) when
     // none came free within the timeout.

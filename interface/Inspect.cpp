@@ -6,6 +6,7 @@
 
 #include "engine/Constants.h"
 #include "engine/LinkOptions.h"
+#include "engine/PoolOptions.h"
 #include "platform/CallerSettings.h"
 #include "platform/IniFile.h"
 #include "platform/StoredKey.h"
@@ -15,7 +16,8 @@
 namespace {
 
 // How the library reads a key's value.
-enum class Kind { kText, kTls, kYesNo, kTimeout };
+// kCount: a whole number of the pool's keys, refused (as every connection is) when out of range.
+enum class Kind { kText, kTls, kYesNo, kTimeout, kCount };
 
 struct Key {
     char const* name;
@@ -41,11 +43,11 @@ Key const kKeys[] = {
     {SECTION_LDAP_REFUSE_WEAK_KEYS, Kind::kYesNo},
     {SECTION_LDAP_GB18030_DNS, Kind::kYesNo},
     {SECTION_LDAP_USER_CERTIFICATE, Kind::kYesNo},
-    {SECTION_LDAP_POOL_SIZE, Kind::kText},
+    {SECTION_LDAP_POOL_SIZE, Kind::kCount},
     {SECTION_LDAP_READ_HOST, Kind::kText},
-    {SECTION_LDAP_READ_AFTER_WRITE, Kind::kText},
-    {SECTION_LDAP_FAILBACK, Kind::kText},
-    {SECTION_LDAP_IDLE_CHECK, Kind::kText},
+    {SECTION_LDAP_READ_AFTER_WRITE, Kind::kCount},
+    {SECTION_LDAP_FAILBACK, Kind::kCount},
+    {SECTION_LDAP_IDLE_CHECK, Kind::kCount},
 };
 
 // The field of link that the key name fills, as the library reads it.
@@ -53,6 +55,7 @@ std::string Read(LinkOptions const& link, std::string const& name, Kind kind) {
     auto yes = [](bool on) { return std::string(on ? "yes" : "no"); };
     switch (kind) {
         case Kind::kText:
+        case Kind::kCount:
             break;
         case Kind::kTls:
             return link.tls == LinkOptions::Tls::kNone       ? "none"
@@ -111,8 +114,13 @@ int QorLdapSetting(char const* key, char const** value) {
     IniFile alone;
     alone.Set(SECTION_LDAP, name, text);
     link.Read(alone, SECTION_LDAP);
+    PoolOptions pool;
+    pool.Read(alone, SECTION_LDAP);
     if (found->kind == Kind::kText) {
         held = text;
+    } else if (found->kind == Kind::kCount) {
+        held = qor::Trim(text);
+        state = pool.Valid() ? QORLDAP_SETTING_GIVEN : QORLDAP_SETTING_UNREAD;
     } else if (!link.Valid()) {
         held = text;
         state = QORLDAP_SETTING_UNREAD;

@@ -10,6 +10,7 @@
 #include "engine/Constants.h"
 #include "engine/LdapOp.h"
 #include "engine/Outcome.h"
+#include "engine/Records.h"
 #include "interface/CallerDn.h"
 #include "interface/FreeEngine.h"
 
@@ -63,12 +64,18 @@ FreeLease::FreeLease(Pool::Use use) {
 using Use = Pool::Use;
 
 int ConnectLdap() {
-    qor::FreeLease lease(Use::kWrite);
+    qor::FreeLease lease(Use::kConnect);
     return lease.Engine() != nullptr ? lease.Engine()->ConnectLdap() : QORLDAP_E_FAILED;
 }
 
 // Connects first, as every operation of this family does; when that fails nothing is released.
+// With a pool the key is released at once: waiting for an engine (or dialling a replica) only
+// to release memory could leave it unreleased, or wait for ever without a timeout.
 void FreeKey(unsigned char* key) {
+    if (qor::FreePool() != nullptr) {
+        qor::FreeKey(key);
+        return;
+    }
     qor::FreeLease lease(Use::kRead);
     if (lease.Engine() == nullptr || lease.Engine()->ConnectLdap() != QORLDAP_OK) {
         return;
@@ -84,10 +91,11 @@ void GetLdapAtt(LdapInfo& info) {
     qor::FreeEngine().GetLdapAtt(info);
 }
 
+// With a pool the shared engine takes the record too: the subtree walk and the entry writer
+// still run on it.
 void SetLdapAtt(LdapInfo info) {
     if (Pool* pool = qor::FreePool()) {
         pool->SetRecord(info);
-        return;
     }
     qor::FreeEngine().SetLdapAtt(info);
 }

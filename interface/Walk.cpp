@@ -1,6 +1,7 @@
 // The exported paged walk of a subtree.
 #include "qorldap/Walk.h"
 
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,13 @@
 namespace {
 
 char const kEveryEntry[] = "(objectClass=*)";
+
+// A server keeps one paged search per connection: a second one started on the shared engine's
+// connection would end the first one's pages. Walks therefore take turns for their whole
+// length, and a walk started from a visit of another (on the same thread) is refused rather
+// than left waiting for itself.
+std::mutex walking;
+thread_local bool inWalk = false;
 
 // The attribute list as libldap takes it (char**), in storage of its own.
 class AttributeList {
@@ -58,9 +66,14 @@ int Visit(WholeEntry const& entry, QorLdapWalkVisit visit, void* context) {
 
 int QorLdapWalk(char const* base, char const* filter, char const* const* attributes, int pageSize,
                 QorLdapWalkVisit visit, void* context) {
-    if (base == nullptr || visit == nullptr || pageSize < 1) {
+    if (base == nullptr || visit == nullptr || pageSize < 1 || inWalk) {
         return QORLDAP_E_FAILED;
     }
+    std::lock_guard<std::mutex> turn(walking);
+    inWalk = true;
+    struct Leave {
+        ~Leave() { inWalk = false; }
+    } const leave;
     CLdapOp& engine = qor::FreeEngine();
     qor::DirectoryDn const dn(engine, base);
     if (dn.Get() == nullptr) {

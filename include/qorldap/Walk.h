@@ -13,7 +13,8 @@ extern "C" {
 
 /* Called once per entry, in the order the directory sends them. entry and everything it
    points to is valid only during the call. 0 goes on; any other value stops the walk, and
-   QorLdapWalk returns it. The callback may call the library (it runs between requests). */
+   QorLdapWalk returns it. The callback may call the library (it runs between requests), but
+   not start another walk: that one returns 0x16000010 with nothing sent. */
 typedef int (*QorLdapWalkVisit)(QorLdapEntry const* entry, void* context);
 
 /* Walks base and every entry below it that matches filter (null: every entry), through the
@@ -29,7 +30,8 @@ typedef int (*QorLdapWalkVisit)(QorLdapEntry const* entry, void* context);
    answers such a paged search with no entries too: a walk that finds nothing reads the base
    with one more request; 12 when the server
    does not page, 4 or 11 for a server limit, -1, -5, ...), the entries of earlier pages having
-   been visited. */
+   been visited. Walks of several threads take turns (the server keeps one paged search per
+   connection): a second walk waits until the first has returned. */
 QORLDAP_API int QorLdapWalk(char const* base, char const* filter, char const* const* attributes,
                             int pageSize, QorLdapWalkVisit visit, void* context);
 

@@ -9,11 +9,13 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <set>
 #include <string>
+#include <thread>
 #include <tuple>
 
 #include "qorldap/Entry.h"
@@ -642,6 +644,29 @@ TEST_F(Server, AWalkVisitsTheSubtreePageByPage) {
     EXPECT_EQ(QORLDAP_E_FAILED, QorLdapWalk(nullptr, nullptr, nullptr, 3, counter, &count));
     EXPECT_EQ(QORLDAP_E_FAILED, QorLdapWalk(unit_.c_str(), nullptr, nullptr, 3, nullptr, &count));
     EXPECT_EQ(8, count);
+    // The server keeps one paged search per connection: walks of two threads, a page of one
+    // entry at a time, each see every entry; a walk started from a visit is refused.
+    int counts[2] = {};
+    auto slowCounter = [](QorLdapEntry const*, void* n) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));  // so that the pages interleave
+        return ++*static_cast<int*>(n), 0;
+    };
+    std::thread other(
+        [&] { QorLdapWalk(unit_.c_str(), nullptr, nullptr, 1, slowCounter, &counts[1]); });
+    EXPECT_EQ(0, QorLdapWalk(unit_.c_str(), nullptr, nullptr, 1, slowCounter, &counts[0]));
+    other.join();
+    EXPECT_EQ(8, counts[0]);
+    EXPECT_EQ(8, counts[1]);
+    std::pair<std::string, int> nested{unit_, 0};
+    auto again = [](QorLdapEntry const*, void* c) {
+        auto& n = *static_cast<std::pair<std::string, int>*>(c);
+        n.second = QorLdapWalk(
+            n.first.c_str(), nullptr, nullptr, 1, [](QorLdapEntry const*, void*) { return 0; },
+            nullptr);
+        return 1;
+    };
+    EXPECT_EQ(1, QorLdapWalk(unit_.c_str(), nullptr, nullptr, 1, again, &nested));
+    EXPECT_EQ(QORLDAP_E_FAILED, nested.second);
 }
 
 }  // namespace

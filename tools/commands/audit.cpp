@@ -26,6 +26,11 @@ namespace qortool {
 
 namespace {
 
+// A decimal digit, for any byte a log holds (isdigit takes only unsigned char values or EOF).
+bool IsDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
 // The largest log file read.
 size_t const kMaxLog = size_t{1} << 30;
 int const kPage = 500;
@@ -124,7 +129,7 @@ std::string IsoTime(long long when) {
 
 // YYYYMMDDhhmmss (the rest ignored) as seconds since the epoch, UTC; -1 when it is not.
 long long FromCompact(std::string const& text) {
-    if (text.size() < 14 || !std::all_of(text.begin(), text.begin() + 14, ::isdigit))
+    if (text.size() < 14 || !std::all_of(text.begin(), text.begin() + 14, IsDigit))
         return -1;
     std::tm parts{};
     parts.tm_year = std::stoi(text.substr(0, 4)) - 1900;
@@ -140,7 +145,7 @@ long long FromCompact(std::string const& text) {
 // ("90s", "30m", "12h", "7d"). Seconds since the epoch.
 long long SinceOption(Args const& args) {
     std::string const text = args.Value("--since");
-    if (!text.empty() && std::all_of(text.begin(), text.end() - 1, ::isdigit) &&
+    if (!text.empty() && std::all_of(text.begin(), text.end() - 1, IsDigit) &&
         std::strchr("smhd", text.back()) != nullptr && text.size() > 1 && text.size() < 9) {
         long long const unit = text.back() == 's'   ? 1
                                : text.back() == 'm' ? 60
@@ -395,8 +400,8 @@ void FromAccess389(std::string const& text, std::vector<Access>& out) {
         if (known != requests.end() &&
             (answered || line.find(" UNBIND") != kNone || line.find(" ABANDON ") != kNone)) {
             Requests& r = known->second;
-            long const number = !op.empty() && std::all_of(op.begin(), op.end(), ::isdigit)
-                                    ? std::atol(op.c_str())
+            long const number = !op.empty() && std::all_of(op.begin(), op.end(), IsDigit)
+                                    ? std::strtol(op.c_str(), nullptr, 10)
                                     : -1;
             if (number < 0 || r.seen.count(number) != 0)
                 forged(line, conn, "request op=" + op + " twice on its connection");
@@ -689,7 +694,7 @@ void PrintText(std::vector<Access> const& accesses, int flagged) {
 std::string JsonNumber(std::string const& text) {
     if (text.empty())
         return "null";
-    bool const digits = std::all_of(text.begin() + (text[0] == '-' ? 1 : 0), text.end(), ::isdigit);
+    bool const digits = std::all_of(text.begin() + (text[0] == '-' ? 1 : 0), text.end(), IsDigit);
     return digits && text != "-" ? text : JsonString(text);
 }
 

@@ -74,17 +74,12 @@ Link CurrentLink() {
     // In the order the library reads them, so that the fault named is the one it names. The
     // keys of the connection pool come last; a library without them calls them unknown, which
     // is no fault.
-    for (char const* key :
-         {"tls", "tls_verify", "timeout", "fast_lookup", "atomic_publish", "refuse_weak_keys",
-          "gb18030_dns", "reconnect", "pool_size", "read_after_write", "failback", "idle_check"}) {
+    for (char const* key : {"tls", "tls_verify", "timeout", "fast_lookup", "atomic_publish",
+                            "refuse_weak_keys", "gb18030_dns", "user_certificate", "reconnect",
+                            "pool_size", "read_after_write", "failback", "idle_check"}) {
         int state = QORLDAP_SETTING_DEFAULT;
         std::string const value = Setting(key, &state);
-        bool const count = std::strcmp(key, "pool_size") == 0 ||
-                           std::strcmp(key, "read_after_write") == 0 ||
-                           std::strcmp(key, "failback") == 0 || std::strcmp(key, "idle_check") == 0;
-        bool const unread = state == QORLDAP_SETTING_UNREAD ||
-                            (count && state == QORLDAP_SETTING_GIVEN && !WholeNumber(value));
-        if (unread && link.fault.empty())
+        if (state == QORLDAP_SETTING_UNREAD && link.fault.empty())
             link.fault = std::string(key) + "=" + value;
     }
     if (!link.Valid())
@@ -138,6 +133,11 @@ void PrepareSettings(Args const& args, char** /*argv*/) {
     gSettings.weakKeysRefused = !args.Has("--allow-weak-key");
     if (gSettings.weakKeysRefused)
         Give("refuse_weak_keys", "yes");
+    // An import decides what to add from what the directory holds and ends by reading back what
+    // it wrote: both must come from the providers it writes to, never from a replica that may
+    // lag behind them.
+    if (args.command == "import")
+        Give("read_host", "");
     bool const option = args.HasValue("--timeout");
     gSettings.timeoutAdded = option || !fileSets;
     gSettings.timeoutFromOption = option;
