@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "engine/LdapOp.h"
+#include "tests/fake/FakeSoap.h"
 #include "tests/fake_ldap/fake_ldap.h"
 #include "tests/support/CraftedBundle.h"
 #include "tests/support/TestFiles.h"
@@ -99,11 +100,7 @@ class Calls : public ::testing::Test {
         EXPECT_EQ(0u, std::exchange(Fake().live, {}).size()) << Fake().log;
     }
     // soap.ini: the keys given win over the defaults after them.
-    void Soap(std::string const& keys) {
-        dir_.Write("soap.ini", "[ldap]\n" + keys +
-                                   "host=127.0.0.1\nport=389\nbasedn=o=root\n"
-                                   "managerdn=cn=admin,o=root\npsw=secret\n");
-    }
+    void Soap(std::string const& keys) { dir_.Write("soap.ini", qortest::FakeSoap(keys)); }
 
     qortest::ScratchDir dir_;
     qortest::ConfDir conf_;

@@ -9,6 +9,7 @@
 
 #include "engine/LdapOp.h"
 #include "engine/Pool.h"
+#include "tests/fake/FakeSoap.h"
 #include "tests/fake_ldap/fake_ldap.h"
 #include "tests/support/TestFiles.h"
 
@@ -36,11 +37,7 @@ class PoolCalls : public ::testing::Test {
         dir_.Write("ldap.ini", "[base]\nsum=0\n");
     }
     void TearDown() override { EXPECT_EQ(0, std::exchange(Fake().errors, 0)) << Fake().log; }
-    void Soap(std::string const& keys) {
-        dir_.Write("soap.ini", "[ldap]\n" + keys +
-                                   "host=127.0.0.1\nport=389\nbasedn=o=root\n"
-                                   "managerdn=cn=admin,o=root\npsw=secret\n");
-    }
+    void Soap(std::string const& keys) { dir_.Write("soap.ini", qortest::FakeSoap(keys)); }
 
     qortest::ScratchDir dir_;
     qortest::ConfDir conf_;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "engine/LdapOp.h"
+#include "tests/fake/FakeSoap.h"
 #include "tests/fake_ldap/fake_ldap.h"
 #include "tests/support/CraftedBundle.h"
 #include "tests/support/TestFiles.h"
@@ -49,9 +50,7 @@ class UserCertificateCalls : public ::testing::Test {
   protected:
     UserCertificateCalls() : conf_(dir_.Path()) {
         setenv("QORLDAP_LDAP_LIBRARY", FAKE_LDAP_PATH, 1);
-        dir_.Write("soap.ini",
-                   "[ldap]\nuser_certificate=yes\nhost=127.0.0.1\nport=389\nbasedn=o=root\n"
-                   "managerdn=cn=admin,o=root\npsw=secret\n");
+        dir_.Write("soap.ini", qortest::FakeSoap("user_certificate=yes\n"));
         dir_.Write("ldap.ini",
                    "[base]\nsum=2\nA0=organizationalUnit\nA1=qorPerson\n"
                    "[organizationalUnit]\nsum=1\nA0=ou,s,2\n[qorPerson]\nsum=1\nA0=cn,s,2\n");
